@@ -1,0 +1,190 @@
+#include "platform/address/address.h"
+
+#include "tests/support/fixture.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+class Address : public Fixture
+{
+};
+
+TEST_F(Address, TakesMailboxes)
+{
+    const std::string long_local(998, 'a');
+    const struct {
+        std::string address, local, domain;
+    } rows[] = {
+        {"list@example.org", "list", "example.org"},
+        {"<list@example.org>", "list", "example.org"},
+        {"List-Owner@Example.ORG", "List-Owner", "Example.ORG"},
+        {"-owner@x", "-owner", "x"},
+        {"a.b+c=d%e%s@x", "a.b+c=d%e%s", "x"},
+        {"a/b@x", "a/b", "x"},
+        {"!#$&'*?^_`{|}~@x", "!#$&'*?^_`{|}~", "x"},
+        {"\"a b@c<>\\\"d\\\\\"@x", "\"a b@c<>\\\"d\\\\\"", "x"},
+        {"\"\"@x", "\"\"", "x"},
+        {"<\"<a>\"@x>", "\"<a>\"", "x"},
+        {"a@my_host.1st-x", "a", "my_host.1st-x"},
+        {"a@[127.0.0.1]", "a", "[127.0.0.1]"},
+        {"a@[IPv6:2001:db8::1]", "a", "[IPv6:2001:db8::1]"},
+        {"a@[tag:any.thing]", "a", "[tag:any.thing]"},
+        {"j\xC3\xBCrgen@b\xC3\xBC"
+         "cher.example",
+         "j\xC3\xBCrgen",
+         "b\xC3\xBC"
+         "cher.example"},
+        {"\xF0\x9F\x93\xA7@x", "\xF0\x9F\x93\xA7", "x"},
+        {long_local + "@x", long_local, "x"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.address.substr(0, 60));
+        RT record;
+        ASSERT_EQ(RecipParse(row.address, &record, 1), 1);
+        ASSERT_EQ(record.addresses.size(), 1U);
+        EXPECT_EQ(record.addresses[0].full, row.local + "@" + row.domain);
+        EXPECT_EQ(record.addresses[0].local, row.local);
+        EXPECT_EQ(record.addresses[0].domain, row.domain);
+        Clear_RT(&record);
+        EXPECT_TRUE(record.addresses.empty());
+    }
+}
+
+TEST_F(Address, RefusesEverythingElse)
+{
+    std::vector<std::string> rows = {
+        "",
+        "<>",
+        "@",
+        "a",
+        "a@",
+        "@x",
+        "a@b@c",
+        "a@@b",
+        "a b@x",
+        " a@x",
+        "a@x ",
+        "a\t@x",
+        "a@x y",
+        "a@x\r\n",
+        "a@x\r\nBcc: b@x",
+        "a\nb@x",
+        "\"a\nb\"@x",
+        "\"a\\\nb\"@x",
+        "a@x,b@x",
+        "a@x;b@x",
+        "Jo <a@x>",
+        "<a@x",
+        "a@x>",
+        "<<a@x>>",
+        "<a<b@x>",
+        "a>b@x",
+        "<@r:a@x>",
+        "a(c)@x",
+        "a@x(c)",
+        ".a@x",
+        "a.@x",
+        "a..b@x",
+        "..@x",
+        ".@x",
+        "../x@y",
+        "a@x.",
+        "a@.x",
+        "a@x..y",
+        "a@-x",
+        "a@x-",
+        "a@x-.y",
+        "a@x/y",
+        "a@[",
+        "a@[]",
+        "a@[1.2.3]",
+        "a@[1.2.3.256]",
+        "a@[IPv6:]",
+        "a@[IPv6:zz::]",
+        "a@[1.2.3.4",
+        "a@[1.2.3.4]x",
+        "a@[:x]",
+        "a@[t:]",
+        "a@[t:[x]",
+        "a@[t-:x]",
+        "\"a@x",
+        "\"a\"b@x",
+        "a\"b\"@x",
+        "\"a\"",
+        "\"a\\\"@x",
+        "\"\\\xC3\xBC\"@x",
+        "a\x7F@x",
+        "\x01@x",
+        "a@x\x1F",
+        "a\xFC@x",
+        "a@\xC3",
+        "a\xC0\x80@x",
+        "a\xED\xA0\x80@x",
+        "a\xE0\x80\xAF@x",
+        "a\xF4\x90\x80\x80@x",
+        "a\xC2\x85@x",
+        "a\xC3(@x",
+        "a\\b@x",
+        "a:b@x",
+    };
+    rows.push_back(std::string(999, 'a') + "@x");
+    rows.push_back("a@" + std::string(100'000, 'x'));
+    rows.push_back(std::string("a\0@x", 4));
+    rows.push_back(std::string("a@x\0", 4));
+    rows.push_back(std::string("a@x\0.y", 6));
+    for (const std::string& address : rows) {
+        SCOPED_TRACE(EscapeForLog(address.substr(0, 60).c_str()));
+        RT record;
+        record.addresses.push_back({"o@o", "o", "o"});  // of a call before
+        EXPECT_EQ(RecipParse(address, &record, 1), 0);
+        EXPECT_TRUE(record.addresses.empty());
+    }
+}
+
+TEST_F(Address, KnowsSafeFolderNames)
+{
+    const struct {
+        std::string list;
+        bool want;
+    } rows[] = {
+        {"list@example.org", true},
+        {"a%2Fb@x", true},
+        {"-owner@x", true},
+        {"\"..\"@x", true},
+        {"..@x", false},
+        {".@x", false},
+        {"a/b@x", false},
+        {"../x@y", false},
+        {"\"/\"@x", false},
+        {"", false},
+        {".", false},
+        {"..", false},
+        {"list", false},
+        {"<a@x>", false},
+        {"a\n@x", false},
+        {"a@x/", false},
+        {"a@[t:/]", false},
+        {std::string("a@x\0", 4), false},
+        {std::string(253, 'a') + "@x", true},
+        {std::string(254, 'a') + "@x", false},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(IsSafeFolderName(row.list), row.want) << row.list;
+}
+
+TEST_F(Address, ComparesOnlyAsciiLettersWithoutCase)
+{
+    EXPECT_TRUE(EqualNoCase("aZ-9", "Az-9"));
+    EXPECT_FALSE(EqualNoCase("a", "ab"));
+    EXPECT_FALSE(EqualNoCase("@[", "`{"));
+    EXPECT_FALSE(EqualNoCase("\xC3\xA4", "\xC3\x84"));
+    EXPECT_TRUE(StartsWithNoCase("SUBSCRIBE x", "subscribe"));
+    EXPECT_FALSE(StartsWithNoCase("sub", "subscribe"));
+    EXPECT_TRUE(StartsWithNoCase("", ""));
+    EXPECT_EQ(LowerCase("AZ@[\xC3\x84"), "az@[\xC3\x84");
+}
+
+}  // namespace
+}  // namespace dl::testing

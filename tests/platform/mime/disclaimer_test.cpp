@@ -1,0 +1,218 @@
+// Golden pairs: NAME.in.eml is the message, NAME.want.eml what it must become, byte by byte; a row
+// without the second stays as it is. compare_mail.py reads the same pairs with another mail
+// library.
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/files/files.h"
+#include "platform/mime/mime.h"
+#include "platform/queue/queue.h"
+#include "tests/support/fixture.h"
+
+namespace dl
+{
+namespace
+{
+
+using testing::Crlf;
+using testing::DataPath;
+using testing::ReadFile;
+
+struct Row {
+    const char* name;
+    const char* text;              // the plain-text disclaimer
+    const char* reason = nullptr;  // in the level 6 line of one that stays as it is
+};
+
+constexpr Row kRows[] = {
+    {"alternative", "umlaut.txt"},
+    {"broken_base64", "umlaut.txt", "its transfer encoding is broken"},
+    {"digest", "umlaut.txt"},
+    {"dkim_8bit_undeclared", "umlaut.txt"},
+    {"encrypted", "umlaut.txt", "no body text"},
+    {"flowed", "stuff.txt"},
+    {"html_7bit", "umlaut.txt"},
+    {"html_base64", "umlaut.txt"},
+    {"html_no_body", "umlaut.txt"},
+    {"html_qp", "umlaut.txt"},
+    {"html_qp_soft", "umlaut.txt"},
+    {"iso2022jp", "ascii.txt"},
+    {"lf_only", "ascii.txt"},
+    {"mixed_attachment", "umlaut.txt"},
+    {"nested", "umlaut.txt"},
+    {"no_content_type", "umlaut.txt"},
+    {"no_content_type_ascii", "ascii.txt"},
+    {"no_end_boundary", "umlaut.txt"},
+    {"no_header_end", "umlaut.txt", "no empty line ends its header"},
+    {"no_last_newline", "umlaut.txt"},
+    {"pgp_inline", "umlaut.txt", "signed inline"},
+    {"pkcs7", "umlaut.txt", "no body text"},
+    {"plain_7bit", "ascii.txt"},
+    {"plain_7bit_umlaut", "umlaut.txt"},
+    {"plain_ascii_umlaut", "umlaut.txt"},
+    {"plain_base64", "umlaut.txt"},
+    {"plain_base64_latin1", "umlaut.txt"},
+    {"plain_latin1", "umlaut.txt"},
+    {"plain_latin1_euro", "euro.txt"},
+    {"plain_qp", "umlaut.txt"},
+    {"plain_utf8", "umlaut.txt"},
+    {"rfc822", "umlaut.txt"},
+    {"signed", "umlaut.txt", "no body text"},
+    {"signed_inside", "umlaut.txt"},
+    {"unknown_charset", "umlaut.txt", "its charset is not known"},
+    {"utf16", "umlaut.txt"},
+    {"windows_quotes", "euro.txt"},
+};
+
+std::string Data(const std::string& name)
+{
+    return DataPath("mime/" + name);
+}
+
+class Disclaimer : public testing::Fixture
+{
+ protected:
+    // The message after the insertion of notice.html and the text disclaimer `text`.
+    std::string Insert(const std::string& message, const std::string& text = Data("ascii.txt"),
+                       const std::string& html = Data("notice.html"))
+    {
+        const std::string file = Write("queue/m.msg", message);
+        inserted_ = InsertDisclaimers(file, text, html);
+        EXPECT_EQ(FilesInQueue(), 1);
+        return ReadFile(file);
+    }
+
+    [[nodiscard]] long FilesInQueue() const
+    {
+        const std::filesystem::directory_iterator files(Path("queue"));
+        return std::distance(begin(files), end(files));
+    }
+
+    bool inserted_ = false;
+};
+
+TEST_F(Disclaimer, GoldenPairs)
+{
+    for (const Row& row : kRows) {
+        SCOPED_TRACE(row.name);
+        log.Clear();
+        const std::string message = ReadFile(Data(std::string(row.name) + ".in.eml"));
+        ASSERT_FALSE(message.empty());
+        const std::string want =
+            row.reason ? message : ReadFile(Data(std::string(row.name) + ".want.eml"));
+        EXPECT_EQ(Insert(message, Data(row.text)), want);
+        EXPECT_TRUE(inserted_);
+        EXPECT_EQ(log.Texts().size(), row.reason ? 1U : 0U);
+        EXPECT_TRUE(!row.reason || log.HasPart(row.reason));
+    }
+}
+
+TEST_F(Disclaimer, AnotherMailLibraryReadsTheSame)
+{
+    std::string command = "/usr/bin/env python3 " DL_SOURCE
+                          "/tests/platform/mime/compare_mail.py " +
+                          DataPath("mime") + " notice.html";
+    for (const Row& row : kRows)
+        if (!row.reason)
+            command += std::string(" ") + row.name + ":" + row.text;
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+}
+
+TEST_F(Disclaimer, KeepsTheModeAndTheOldFileAfterAFailedWrite)
+{
+    const std::string message = ReadFile(Data("alternative.in.eml"));
+    const std::string file = Write("queue/m.msg", message);
+    ASSERT_EQ(chmod(file.c_str(), 0640), 0);
+    EXPECT_TRUE(InsertDisclaimers(file, Data("ascii.txt"), ""));
+    struct stat status {
+    };
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0640U);
+
+    struct FullDisk : FileBackend {
+        std::FILE* Open(const char* path, const char* mode) override
+        {
+            return PosixFiles().Open(path, mode);
+        }
+        bool Write(std::FILE*, const void*, std::size_t) override { return false; }
+        bool Close(std::FILE* open) override { return PosixFiles().Close(open); }
+        bool Remove(const char* path) override { return PosixFiles().Remove(path); }
+        bool Rename(const char* from, const char* to) override
+        {
+            return PosixFiles().Rename(from, to);
+        }
+    } full;
+    log.ExpectError("Cannot write the disclaimers");
+    FileBackend* before = SetFileBackend(&full);
+    EXPECT_EQ(Insert(message), message);
+    SetFileBackend(before);
+    EXPECT_FALSE(inserted_);
+}
+
+TEST_F(Disclaimer, ReachesTheMessageOfAQueueEntry)
+{
+    ASSERT_TRUE(MQInitAt(Path("spool")));
+    {
+        const NewMQEntry entry;
+        ASSERT_TRUE(entry);
+        const std::string file = GetMQPathName(entry.get(), ".msg");
+        FileWriter out(file, "wb");
+        ASSERT_TRUE(out.Write("Subject: x\r\n\r\nbody\r\n") && out.Close());
+        EXPECT_TRUE(AutoInsertForDL(GetMQId(entry.get()), Write("d.txt", "d"), ""));
+        EXPECT_EQ(ReadFile(file), "Subject: x\r\n\r\nbody\r\nd\r\n");
+        log.ExpectError("Cannot read");
+        EXPECT_FALSE(AutoInsertForDL(GetMQId(entry.get()) + 1, Path("d.txt"), ""));
+    }
+    MQEnd();
+}
+
+TEST_F(Disclaimer, AnUnusableDisclaimerFileIsLeftOut)
+{
+    const std::string message = Crlf("Subject: x\nContent-Type: text/html\n\n<body>x</body>\n");
+    log.ExpectError("missing.txt cannot be read");
+    EXPECT_NE(Insert(message, Path("missing.txt")).find("<hr>"), std::string::npos);
+    log.ExpectError("latin.html is not UTF-8");
+    EXPECT_EQ(Insert(message, "", Write("latin.html", "Gr\xFC\xDF")), message);
+    log.ExpectError("nul.html is not UTF-8");
+    EXPECT_EQ(Insert(message, "", Write("nul.html", std::string("a\0b", 3))), message);
+    EXPECT_TRUE(inserted_);
+    log.ExpectError("gone.msg");
+    EXPECT_FALSE(InsertDisclaimers(Path("gone.msg"), Data("ascii.txt"), ""));
+}
+
+TEST_F(Disclaimer, NothingToInsertCostsNothing)
+{
+    EXPECT_TRUE(InsertDisclaimers(Path("gone.msg"), "", ""));
+    EXPECT_TRUE(InsertDisclaimers(Path("gone.msg"), Write("empty.txt", ""), ""));
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(Disclaimer, TakesTextFilesOfAnyEditor)
+{
+    const std::string text = Write("dos.txt", "\xEF\xBB\xBFone\r\ntwo");
+    EXPECT_EQ(Insert("Subject: x\r\n\r\nbody", text), "Subject: x\r\n\r\nbody\r\none\r\ntwo\r\n");
+    const std::string wide = Write("wide.txt", std::string(2000, 'w') + "\n");
+    EXPECT_EQ(Insert("Subject: x\r\n\r\nbody\r\n", wide).find(std::string(998, 'w')),
+              std::string::npos);
+}
+
+TEST_F(Disclaimer, QuotedPrintableEndings)
+{
+    const struct {
+        const char* body;
+        const char* want;  // between the body and the disclaimer
+    } rows[] = {{"a\r\n", ""},      {"a", "\r\n"},       {"a=\r\n", "\r\n"},
+                {"a=", "\r\n\r\n"}, {"a= ", "\r\n\r\n"}, {"", ""}};
+    const std::string header =
+        "MIME-Version: 1.0\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n";
+    const std::string text = Write("d.txt", "d\n");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.body);
+        EXPECT_EQ(Insert(header + row.body, text), header + row.body + row.want + "d\r\n");
+    }
+}
+
+}  // namespace
+}  // namespace dl

@@ -1,0 +1,379 @@
+#include "platform/queue/queue.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "tests/platform/queue/queue_fixture.h"
+
+namespace dl::testing
+{
+
+using Queue = QueueFixture;
+
+TEST_F(Queue, OnlyClosedEntriesAreSeenInTheOrderOfTheirClosing)
+{
+    NewMQEntry first, second, discarded, left, open;
+    for (const auto& [entry, text] : {std::pair{&first, "first"},
+                                      {&second, "second"},
+                                      {&discarded, "discarded"},
+                                      {&left, "left"},
+                                      {&open, "open"}}) {
+        ASSERT_TRUE(*entry);
+        ASSERT_TRUE(Fill(entry->get(), text));
+        ASSERT_TRUE(InsertMQChannel(entry->get(), "dl", 0));
+        stEnvelope envelope = Envelope("a@example.org");
+        ASSERT_TRUE(PutMQEnvelope(entry->get(), &envelope));
+    }
+    EXPECT_TRUE(second.Close());
+    EXPECT_TRUE(first.Close());
+    discarded.Discard();
+    left.Leave();
+    Put("other channel", "dlout");
+    EXPECT_EQ(Drain("dl"), (Texts{"second", "first"}));
+    EXPECT_EQ(Drain("dlout"), Texts{"other channel"});
+    EXPECT_EQ(Files(), 2U);  // of the left one and the open one
+}
+
+TEST_F(Queue, TheEnvelopeAndThePathsAreTheEntrys)
+{
+    clock.now = 0x4196C2D0;
+    const unsigned long id = Put("hello");
+    ASSERT_NE(id, 0U);
+    MQContext* channel = OpenMQChannel("dl");
+    EXPECT_EQ(GetMQPathName(channel, ".msg"), "");  // no current message yet
+    ASSERT_EQ(GetFirstMessage(channel, false), static_cast<long>(id));
+    EXPECT_EQ(GetMQId(channel), id);
+    char name[32];
+    std::snprintf(name, sizeof name, "/msg/%08lX.msg", id);
+    EXPECT_EQ(GetMQPathName(channel, ".msg"), folder + name);
+    EXPECT_EQ(GetMQPathName(id, ".msg"), folder + name);
+    const EnvelopeResult result = GetMQEnvelope(id);
+    ASSERT_TRUE(result.envelope);
+    EXPECT_EQ(result.envelope->SenderAddress(), "owner@example.org");
+    EXPECT_EQ(result.envelope->recipients.Next()->address, "hello@example.org");
+    EXPECT_TRUE(RemoveMQChannel(channel));
+    EXPECT_FALSE(RemoveMQChannel(channel));  // there is no current message any more
+    EXPECT_FALSE(GetMQEnvelope(id).envelope);
+    EXPECT_FALSE(GetMQEnvelope(id).failed);
+    EXPECT_TRUE(CloseMQChannel(channel));
+}
+
+TEST_F(Queue, AnEntryInTwoChannelsLeavesWithTheLast)
+{
+    NewMQEntry entry;
+    ASSERT_TRUE(Fill(entry.get(), "both"));
+    for (const char* channel : {"dl", "dlout", "dl"})
+        ASSERT_TRUE(InsertMQChannel(entry.get(), channel, 0));
+    stEnvelope envelope = Envelope("a@example.org");
+    ASSERT_TRUE(PutMQEnvelope(entry.get(), &envelope));
+    ASSERT_TRUE(entry.Close());
+    EXPECT_EQ(Drain("dl"), Texts{"both"});
+    EXPECT_EQ(Files(), 1U);
+    EXPECT_EQ(Drain("dlout"), Texts{"both"});
+    EXPECT_EQ(Files(), 0U);
+}
+
+TEST_F(Queue, WhatIsInNoChannelIsDropped)
+{
+    NewMQEntry entry;
+    ASSERT_TRUE(Fill(entry.get(), "nowhere"));
+    EXPECT_FALSE(entry.Close());
+    EXPECT_EQ(Files(), 0U);
+    EXPECT_FALSE(InsertMQChannel(nullptr, "dl", 0));
+    EXPECT_FALSE(CloseMQEntry(nullptr));
+}
+
+TEST_F(Queue, AnEntryThatWasNotFinishedComesAfterAllOthersAndThenIsHeld)
+{
+    Configure("[Queue]\nPath = " + folder + "\nMaxAttempts = 2\n");
+    ASSERT_TRUE(MQInit("localhost", "DL Manager"));
+    const unsigned long poison = Put("poison");
+    MQContext* channel = OpenMQChannel("dl");
+    EXPECT_EQ(Pass(channel, false), Texts{"poison"});
+    EXPECT_EQ(GetNextMessage(channel, false), kNoMessage);  // once in a pass
+    Put("fine");
+    EXPECT_EQ(Pass(channel, false), (Texts{"fine", "poison"}));
+    log.ExpectError("was handed out 2 times and never finished, moved from channel dl to dlhold");
+    Put("last");
+    EXPECT_EQ(Pass(channel, true), (Texts{"last", "fine"}));
+    ASSERT_EQ(log.Lines().size(), 1U);
+    EXPECT_EQ(log.Lines()[0].module, "DL Manager");
+    EXPECT_TRUE(CloseMQChannel(channel));
+
+    std::vector<QueueItem> items;
+    ASSERT_TRUE(ListMQ("dlhold", 0, &items));
+    ASSERT_EQ(items.size(), 1U);
+    EXPECT_EQ(items[0].id, poison);
+    EXPECT_EQ(items[0].origin, "dl");
+    EXPECT_EQ(items[0].attempts, 2);
+    EXPECT_EQ(MoveMQItem(poison, "dlhold", "dl"), QueueChange::kDone);
+    EXPECT_EQ(Drain("dl"), Texts{"poison"});
+}
+
+TEST_F(Queue, HandOutsAreCountedWhateverEndsThem)
+{
+    Put("message");
+    for (int round = 1; round <= 3; ++round) {
+        MQContext* channel = OpenMQChannel("dl");
+        ASSERT_GT(GetFirstMessage(channel, false), 0);
+        std::vector<QueueItem> items;
+        ASSERT_TRUE(ListMQ("", 0, &items));
+        EXPECT_TRUE(items.at(0).taken);
+        EXPECT_EQ(items.at(0).attempts, round - 1);
+        if (round == 2)
+            MQEnd();  // a stop of the service in the middle
+        EXPECT_TRUE(CloseMQChannel(channel));
+        ASSERT_TRUE(MQInitAt(folder));
+        ASSERT_TRUE(ListMQ("", 0, &items));
+        EXPECT_FALSE(items.at(0).taken);
+        EXPECT_EQ(items.at(0).attempts, round);
+    }
+}
+
+TEST_F(Queue, AnEntryWithoutAnEnvelopeIsHeldNotLost)
+{
+    NewMQEntry entry;
+    ASSERT_TRUE(Fill(entry.get(), "bare"));
+    ASSERT_TRUE(InsertMQChannel(entry.get(), "dl", 0));
+    const unsigned long id = GetMQId(entry.get());
+    ASSERT_TRUE(entry.Close());
+    EXPECT_FALSE(GetMQEnvelope(id).envelope);
+    log.ExpectError("has no envelope, moved to channel dlhold");
+    EXPECT_EQ(Drain("dl"), Texts{"bare"});
+    EXPECT_EQ(Drain("dl"), Texts{});
+    EXPECT_EQ(Drain("dlhold"), Texts{"bare"});  // there it can be removed
+    EXPECT_EQ(Files(), 0U);
+}
+
+TEST_F(Queue, AnEntryWhoseFileIsGoneIsHeld)
+{
+    const unsigned long id = Put("gone");
+    Put("there");
+    std::filesystem::remove(GetMQPathName(id, ".msg"));
+    log.ExpectError("has no message file, moved from channel dl to dlhold");
+    EXPECT_EQ(Drain("dl"), Texts{"there"});
+}
+
+TEST_F(Queue, ReadersShareAChannelAndTheDeadOnesGiveBack)
+{
+    for (const char* text : {"1", "2", "3", "4"})
+        Put(text);
+    MQContext* mine = OpenMQChannel("dl");
+    auto other = OpenSqliteQueue(folder, 5);  // stands for another process: its claims are its own
+    const std::int64_t reader = other->BeginReader("dl");
+    EXPECT_EQ(Text(GetFirstMessage(mine, false)), "1");
+    EXPECT_EQ(Text(other->Take(reader)), "2");
+    EXPECT_EQ(Text(GetNextMessage(mine, false)), "3");
+    EXPECT_EQ(Text(other->Take(reader)), "4");
+    EXPECT_EQ(other->Take(reader), kNoMessage);
+    EXPECT_TRUE(RemoveMQChannel(mine));
+    other.reset();  // without EndReader
+    EXPECT_EQ(Pass(mine, true), (Texts{"1", "2", "4"}));
+    EXPECT_TRUE(CloseMQChannel(mine));
+}
+
+TEST_F(Queue, AFileOutlivesItsRemovalUntilThatIsOnDisk)
+{
+    const unsigned long first = Put("1");
+    const unsigned long second = Put("2");
+    MQContext* channel = OpenMQChannel("dl");
+    ASSERT_GT(GetFirstMessage(channel, false), 0);
+    ASSERT_TRUE(RemoveMQChannel(channel));
+    EXPECT_TRUE(std::filesystem::exists(GetMQPathName(first, ".msg")));
+    Put("3");
+    EXPECT_FALSE(std::filesystem::exists(GetMQPathName(first, ".msg")));
+    ASSERT_GT(GetNextMessage(channel, false), 0);
+    ASSERT_TRUE(RemoveMQChannel(channel));
+    ASSERT_GT(GetNextMessage(channel, false), 0);
+    EXPECT_TRUE(std::filesystem::exists(GetMQPathName(second, ".msg")));
+    EXPECT_EQ(GetNextMessage(channel, false), kNoMessage);
+    EXPECT_FALSE(std::filesystem::exists(GetMQPathName(second, ".msg")));
+    EXPECT_TRUE(CloseMQChannel(channel));
+}
+
+TEST_F(Queue, IdentifiersRiseAndNeverStartAgain)
+{
+    const struct {
+        const char* name;
+        const char* counter;
+        std::vector<unsigned long> want;
+    } rows[] = {
+        {"no counter: the time", "", {0x41910000, 0x41910001}},
+        {"damaged counter: the time", "00000garbage", {0x41910000, 0x41910001}},
+        {"counter of zero: the time", "0000000000\n", {0x41910000}},
+        {"goes on", "0000000041\n", {41, 42, 43}},
+        {"skips a file and an entry", "0000000099\n", {99, 101, 103}},
+        {"leaves out the reserved ones", "4294967293\n", {4294967293, 1, 2}},
+    };
+    clock.now = 0x41910000;
+    Write("queue/msg/00000064.msg", "");
+    {
+        auto other = OpenSqliteQueue(folder, 5);  // swept at this start, so put again
+        Write("queue/msg/00000064.msg", "");
+        Write("queue/next.id", "0000000102\n");
+        const unsigned long id = Put("102", "elsewhere");
+        EXPECT_EQ(id, 102U);
+        std::filesystem::remove(GetMQPathName(id, ".msg"));
+    }
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Write("queue/next.id", row.counter);
+        for (const unsigned long want : row.want)
+            EXPECT_EQ(GetMQId(NewMQEntry().get()), want);
+    }
+}
+
+TEST_F(Queue, ASweepTakesWhatDeadWritersLeftAndNothingElse)
+{
+    const unsigned long waiting = Put("waiting");
+    auto other = OpenSqliteQueue(folder, 5);
+    const auto written = other->Reserve();  // by a living writer
+    ASSERT_TRUE(written);
+    {
+        NewMQEntry left;
+        ASSERT_TRUE(left);
+        left.Leave();
+    }
+    for (const char* name :
+         {"0000ABCD.msg", "0000ABCD.tmp", "0000ABCD.msg.x1", "0000abcd.msg", "notes", "0000ABCE"})
+        Write(std::string("queue/msg/") + name, "x");
+    ASSERT_TRUE(MQInitAt(folder));
+    std::set<std::string> names;
+    for (const auto& file : std::filesystem::directory_iterator(folder + "/msg"))
+        names.insert(file.path().filename());
+    EXPECT_EQ(names,
+              (std::set<std::string>{
+                  EntryFiles::FileName(static_cast<std::uint32_t>(waiting), ".msg"),
+                  EntryFiles::FileName(*written, ".msg"), "0000abcd.msg", "notes", "0000ABCE"}));
+    other.reset();
+    ASSERT_TRUE(MQInitAt(folder));
+    EXPECT_EQ(Files(), 4U);
+    EXPECT_EQ(Drain("dl"), Texts{"waiting"});
+}
+
+TEST_F(Queue, AForkedChildNeitherUsesTheQueueNorKeepsItsClaims)
+{
+    NewMQEntry left;
+    ASSERT_TRUE(left);
+    left.Leave();
+    MQContext* channel = OpenMQChannel("dl");
+    const pid_t child = fork();
+    if (child == 0) {
+        SetLogSink(nullptr);
+        const bool refused = !CreateMQEntry() && !OpenMQChannel("dl") &&
+                             GetFirstMessage(channel, false) == kQueueFailed &&
+                             !CloseMQChannel(channel);
+        MQEnd();
+        pause();  // until the parent has looked
+        _exit(refused ? 0 : 1);
+    }
+    Put("parent");
+    EXPECT_EQ(Pass(channel, true), Texts{"parent"});
+    EXPECT_TRUE(CloseMQChannel(channel));
+    ASSERT_TRUE(MQInitAt(folder));
+    EXPECT_EQ(Files(), 0U);  // the left entry is swept, though a child of its writer lives
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+TEST_F(Queue, ManyProcessesAndThreadsWriteAndReadAtOnce)
+{
+    constexpr int kWriters = 2, kThreads = 2, kEach = 60;
+    MQEnd();
+    std::vector<pid_t> children;
+    for (int writer = 0; writer < kWriters; ++writer) {
+        children.push_back(fork());
+        if (children.back() != 0)
+            continue;
+        bool ok = MQInitAt(folder);
+        std::vector<std::thread> threads;
+        bool fine[kThreads] = {};
+        for (int thread = 0; thread < kThreads; ++thread)
+            threads.emplace_back([=, &fine] {
+                fine[thread] = true;
+                for (int i = 100; i < 100 + kEach; ++i)
+                    fine[thread] &=
+                        Put(std::to_string(writer * 10 + thread) + ":" + std::to_string(i)) != 0;
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        for (const bool one : fine)
+            ok = ok && one;
+        MQEnd();
+        _exit(ok ? 0 : 1);
+    }
+    ASSERT_TRUE(MQInitAt(folder));
+    std::map<std::string, std::vector<std::string>> seen;  // by writer
+    int count = 0;
+    MQContext* readers[] = {OpenMQChannel("dl"), OpenMQChannel("dl")};
+    for (int tries = 0; tries < 20000 && count < kWriters * kThreads * kEach; ++tries) {
+        std::vector<std::thread> threads;
+        Texts texts[2];
+        for (int i = 0; i < 2; ++i)
+            threads.emplace_back([&, i] { texts[i] = Pass(readers[i], true); });
+        for (std::thread& thread : threads)
+            thread.join();
+        for (const Texts& some : texts)
+            for (const std::string& text : some) {
+                seen[text.substr(0, text.find(':'))].push_back(text);
+                ++count;
+            }
+        usleep(500);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    for (MQContext* reader : readers)
+        EXPECT_TRUE(CloseMQChannel(reader));
+    EXPECT_EQ(seen.size(), 4U);
+    for (auto& [writer, texts] : seen) {
+        EXPECT_EQ(texts.size(), static_cast<std::size_t>(kEach)) << writer;
+        EXPECT_EQ(std::set<std::string>(texts.begin(), texts.end()).size(), texts.size())
+            << "twice";
+    }
+    EXPECT_EQ(Files(), 0U);
+}
+
+TEST_F(Queue, ToolsListMoveAndRemove)
+{
+    const unsigned long first = Put("1");
+    clock.now += 60;
+    const unsigned long second = Put("22", "dlout");
+    const unsigned long third = Put("333");
+    std::vector<QueueItem> items;
+    ASSERT_TRUE(ListMQ("", 0, &items));
+    ASSERT_EQ(items.size(), 3U);
+    EXPECT_EQ(items[1].id, third);
+    EXPECT_EQ(items[1].bytes, 3);
+    EXPECT_EQ(items[1].closed, clock.now);
+    EXPECT_EQ(items[1].recipients, 1U);
+    EXPECT_EQ(items[1].sender, "owner@example.org");
+    EXPECT_EQ(items[2].channel, "dlout");
+    ASSERT_TRUE(ListMQ("dl", 1, &items));
+    ASSERT_EQ(items.size(), 1U);
+    EXPECT_EQ(items[0].id, first);
+
+    MQContext* channel = OpenMQChannel("dl");
+    ASSERT_EQ(GetFirstMessage(channel, false), static_cast<long>(first));
+    EXPECT_EQ(RemoveMQItem(first), QueueChange::kTaken);
+    EXPECT_EQ(MoveMQItem(first, "dl", "dlout"), QueueChange::kTaken);
+    EXPECT_EQ(MoveMQItem(first, "dlout", "dl"), QueueChange::kNotThere);
+    EXPECT_TRUE(CloseMQChannel(channel));
+    EXPECT_EQ(MoveMQItem(first, "dl", "dlout"),
+              QueueChange::kDone);  // last there, though it is older
+    EXPECT_EQ(RemoveMQItem(third), QueueChange::kDone);
+    EXPECT_EQ(RemoveMQItem(third), QueueChange::kNotThere);
+    EXPECT_FALSE(std::filesystem::exists(GetMQPathName(third, ".msg")));
+    EXPECT_EQ(Drain("dl"), Texts{});
+    EXPECT_EQ(Drain("dlout"), (Texts{"22", "1"}));
+    EXPECT_EQ(MoveMQItem(second, "dlout", "dl"), QueueChange::kNotThere);
+}
+
+}  // namespace dl::testing

@@ -1,0 +1,185 @@
+#include "tests/support/fixture.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "platform/config/config.h"
+
+namespace dl::testing
+{
+
+CapturedLog::CapturedLog() : before_(SetLogSink(this)) {}
+
+CapturedLog::~CapturedLog()
+{
+    SetLogSink(before_);
+    for (const Line& line : errors_) {
+        bool announced = false;
+        for (const std::string& part : expected_)
+            announced = announced || line.text.find(part) != std::string::npos;
+        EXPECT_TRUE(announced) << "unannounced level 1 line: " << line.text;
+    }
+    for (const std::string& part : expected_) {
+        bool came = false;
+        for (const Line& line : errors_)
+            came = came || line.text.find(part) != std::string::npos;
+        EXPECT_TRUE(came) << "announced level 1 line did not come: " << part;
+    }
+}
+
+void CapturedLog::Write(int level, const char* module, const std::string& escaped)
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    lines_.push_back({level, module, escaped});
+    if (level <= 1)
+        errors_.push_back(lines_.back());
+}
+
+bool CapturedLog::Has(int level, std::string_view text) const
+{
+    for (const Line& line : Lines())
+        if (line.level == level && line.text == text)
+            return true;
+    return false;
+}
+
+bool CapturedLog::HasPart(std::string_view part) const
+{
+    for (const Line& line : Lines())
+        if (line.text.find(part) != std::string::npos)
+            return true;
+    return false;
+}
+
+std::vector<CapturedLog::Line> CapturedLog::Lines() const
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return lines_;
+}
+
+std::vector<std::string> CapturedLog::Texts(int level) const
+{
+    std::vector<std::string> texts;
+    for (const Line& line : Lines())
+        if (line.level <= level)
+            texts.push_back(std::to_string(line.level) + " " + line.text);
+    return texts;
+}
+
+void CapturedLog::Clear()
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    lines_.clear();
+}
+
+void CapturedLog::ExpectError(const std::string& part)
+{
+    expected_.push_back(part);
+}
+
+namespace
+{
+
+std::filesystem::path MakeFolder()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "dltest.XXXXXX").string();
+    if (!mkdtemp(name.data()))
+        throw std::runtime_error("no temp folder");
+    return name;
+}
+
+}  // namespace
+
+Fixture::Fixture() : folder_(MakeFolder()), scoped_clock_(&clock)
+{
+    if (const char* zone = std::getenv("TZ")) {
+        had_zone_ = true;
+        zone_before_ = zone;
+    }
+    SetZone("UTC0");
+    std::filesystem::create_directories(folder_ / "conf");
+    SetConfigFolder((folder_ / "conf").string());
+}
+
+Fixture::~Fixture()
+{
+    SetConfigFolder("");
+    if (had_zone_)
+        setenv("TZ", zone_before_.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+std::string Fixture::Path(const std::string& name) const
+{
+    return (folder_ / name).string();
+}
+
+std::string Fixture::Write(const std::string& name, std::string_view bytes)
+{
+    const std::filesystem::path path = folder_ / name;
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+    return path.string();
+}
+
+void Fixture::Configure(const std::string& text)
+{
+    Write("conf/qvms.conf", text);
+}
+
+void Fixture::SetZone(const std::string& zone)
+{
+    setenv("TZ", zone.c_str(), 1);
+    tzset();
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::string DataPath(const std::string& name)
+{
+    return std::string(DL_TEST_DATA) + "/" + name;
+}
+
+int FreePort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    int port = 0;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0)
+        port = ntohs(address.sin_port);
+    close(fd);
+    return port;
+}
+
+std::string Crlf(std::string_view text)
+{
+    std::string out;
+    for (const char c : text) {
+        if (c == '\n')
+            out += '\r';
+        out += c;
+    }
+    return out;
+}
+
+}  // namespace dl::testing
