@@ -1,0 +1,142 @@
+// The message queue, as the service sees it.
+//
+// A new entry goes through CreateMQEntry, the writing of its ".msg" file, InsertMQChannel,
+// PutMQEnvelope and CloseMQEntry, in that order. Its creator owns it up to CloseMQEntry or
+// DiscardMQEntry; no reader sees it before it is closed, and then it is on disk. A channel's reader
+// takes entries in the order in which they were closed; an entry whose last hand-out ended without
+// its removal comes after all others, and after Queue/MaxAttempts (default 5) such hand-outs it is
+// moved to channel "dlhold". Any number of processes may do both at once. Null, false and
+// kQueueFailed say that the queue failed: the queue has then logged the cause in one level 1 line
+// ("the disk is full"), the caller owns the line that says what this means for the message. The
+// queue logs nothing else but what it moves to "dlhold", at level 1. The contexts are used by one
+// thread at a time, different contexts by different threads. MQInit is called after the last fork;
+// a child of fork() cannot use the queue that its parent opened.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/queue/envelope.h"
+
+namespace dl
+{
+
+class MQContext;  // a channel that is read, or a new entry that is written
+
+inline constexpr long kNoMessage =
+    -1;  // the channel is empty, or all of it was handed out in this pass
+inline constexpr long kQueueFailed = -2;  // the index could not be read or written
+
+inline constexpr char kDefaultQueuePath[] = "/var/spool/dlmanager/queue";
+
+// Opens the queue in folder Queue/Path of "qvms.conf" (made when missing, mode 0700) and sweeps
+// what dead writers left behind. `module` tags the queue's log lines; `host` is not used by the
+// embedded queue. False when it cannot be opened, is damaged, was written by a newer version, or
+// when the index is gone while message files are there.
+[[nodiscard]] bool MQInit(const std::string& host, const std::string& module);
+// Opens the queue in `folder` instead; for tools with an option and for tests. MQEnd closes it; all
+// may be repeated. Contexts that are still open keep their queue open.
+[[nodiscard]] bool MQInitAt(const std::string& folder);
+void MQEnd();
+
+// Reading. Null when the queue cannot be read.
+[[nodiscard]] MQContext* OpenMQChannel(const std::string& name);
+// The identifier of the first (next) message, which becomes the context's current one; kNoMessage,
+// kQueueFailed. GetFirstMessage begins a pass; a pass hands out each entry at most once, and keeps
+// what it handed out from other readers. `peek` is false in every call.
+[[nodiscard]] long GetFirstMessage(MQContext* channel, bool peek);
+[[nodiscard]] long GetNextMessage(MQContext* channel, bool peek);
+
+struct EnvelopeResult {
+    std::unique_ptr<stEnvelope> envelope;  // null when the entry has none, or the queue failed
+    bool failed = false;  // the queue could not be read: the entry may well have one
+};
+[[nodiscard]] EnvelopeResult GetMQEnvelope(unsigned long id);
+void FreeMQEnvelope(std::unique_ptr<stEnvelope> envelope);
+
+// Takes the context's current message out of the channel; with its last channel it leaves the
+// queue. An entry without an envelope goes to "dlhold" instead. Survives the end of the process at
+// once, a power loss after the next CloseMQEntry: a power loss may hand a message out again, never
+// lose one. False when there is no current message or the index cannot be written; the removal is
+// then tried again before the next pass, and the message is not handed out again before.
+bool RemoveMQChannel(MQContext* channel);
+// Ends the context, also when it returns false.
+[[nodiscard]] bool CloseMQChannel(MQContext* channel);
+
+// Paths of an entry's file with that extension (".msg"); they need not exist, and are empty when
+// the context has no current message. When an entry leaves the queue its ".msg" file goes, other
+// files at a later MQInit.
+[[nodiscard]] std::string GetMQPathName(const MQContext* context, const char* extension);
+[[nodiscard]] std::string GetMQPathName(unsigned long id, const char* extension);
+// Identifier of the new entry, or of the channel's current message.
+[[nodiscard]] unsigned long GetMQId(const MQContext* context);
+
+// Writing.
+[[nodiscard]] MQContext* CreateMQEntry();
+[[nodiscard]] bool InsertMQChannel(MQContext* entry, const std::string& channel, int priority);
+[[nodiscard]] bool PutMQEnvelope(MQContext* entry, stEnvelope* envelope);  // stays the caller's
+// Makes `entry` visible to its channels' readers, durably. Ends the caller's ownership also when it
+// returns false: the entry is then the queue's to clean up. Never discard after this.
+[[nodiscard]] bool CloseMQEntry(MQContext* entry);
+// CloseMQEntry for each, in this order and with the syncs of one: for who has several at the same
+// moment. The results stand in the order of the entries; one that fails does not touch the others.
+[[nodiscard]] std::vector<bool> CloseMQEntries(const std::vector<MQContext*>& entries);
+void DiscardMQEntry(MQContext* entry);
+// Gives an unfinished entry up to the queue without removing it: swept when this process has ended.
+void LeaveMQEntry(MQContext* entry);
+
+// Owner of a new entry: discards in its destructor unless Close or Leave came first.
+class NewMQEntry
+{
+ public:
+    NewMQEntry() : entry_(CreateMQEntry()) {}
+    ~NewMQEntry();
+    NewMQEntry(NewMQEntry&& other) noexcept : entry_(other.entry_) { other.entry_ = nullptr; }
+    NewMQEntry& operator=(NewMQEntry&&) = delete;
+
+    explicit operator bool() const { return entry_ != nullptr; }
+    [[nodiscard]] MQContext* get() const { return entry_; }
+    [[nodiscard]] bool Close();
+    void Discard();
+    void Leave();
+    // The entry, which is the caller's now; for CloseMQEntries.
+    [[nodiscard]] MQContext* Release() { return std::exchange(entry_, nullptr); }
+
+ private:
+    MQContext* entry_;
+};
+
+// The whole submission of a written entry; says which step failed. The entry is discarded after a
+// failure of the first two and the queue's after one of the third.
+enum class Submission { kDone, kInsertFailed, kPutFailed, kCloseFailed };
+[[nodiscard]] Submission Submit(NewMQEntry entry, const std::string& channel, int priority,
+                                stEnvelope* envelope);
+
+// What a tool sees of the queue. Reading only, but for the three verbs.
+struct QueueItem {
+    unsigned long id = 0;
+    std::string channel;
+    std::string sender;
+    std::uint32_t recipients = 0;
+    std::int64_t bytes = 0;
+    std::int64_t closed = 0;  // seconds since 1970-01-01 UTC
+    std::string origin;       // of an entry in "dlhold": the channel that it was moved from
+    int attempts = 0;         // hand-outs that ended without removal
+    bool taken = false;       // a living reader has it now
+};
+// `channel` empty: all; in the order in which a reader would see them, at most `limit` (0: no
+// limit). False on failure.
+[[nodiscard]] bool ListMQ(const std::string& channel, std::size_t limit,
+                          std::vector<QueueItem>* items);
+// kTaken: a living reader has it, nothing was changed. kDone: it is so on disk. A moved item comes
+// last in its new channel, with no hand-outs counted.
+enum class QueueChange { kDone, kNotThere, kTaken, kFailed };
+[[nodiscard]] QueueChange RemoveMQItem(unsigned long id);
+[[nodiscard]] QueueChange MoveMQItem(unsigned long id, const std::string& from,
+                                     const std::string& to);
+
+}  // namespace dl

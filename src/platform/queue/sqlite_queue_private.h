@@ -1,0 +1,160 @@
+// The embedded queue: SQLite index and message files in one folder. See queue_backend.h for what it
+// promises.
+//
+// A removed entry's file must not go before its removal is on disk, or a power loss would bring
+// back an entry without its message: files wait in removed_ until a commit that survives a power
+// loss.
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+
+#include "platform/queue/delivery.h"
+#include "platform/queue/entry_files.h"
+#include "platform/queue/queue_backend.h"
+#include "platform/queue/sqlite_private.h"
+
+namespace dl
+{
+
+class SqliteQueue : public QueueBackend, public DeliveryBackend
+{
+ public:
+    SqliteQueue(std::string folder, int max_attempts, std::string module);
+    ~SqliteQueue() override;
+    [[nodiscard]] bool Open();
+
+    std::optional<std::uint32_t> Reserve() override;
+    bool AddChannel(PendingEntry* entry, const std::string& channel, int priority) override;
+    bool StoreEnvelope(PendingEntry* entry, const stEnvelope& envelope) override;
+    bool Publish(const PendingEntry& entry) override;
+    std::vector<bool> PublishMany(const std::vector<const PendingEntry*>& entries) override;
+    void Abandon(std::uint32_t id) override;
+
+    DeliveryBackend* Deliveries() override { return this; }
+    QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now) override;
+    bool TakeDue(std::int64_t reader, std::int64_t now, std::size_t limit,
+                 std::vector<DueEntry>* entries) override;
+    QueueAnswer ReadDelivery(unsigned long id, std::string* envelope,
+                             DeliveryRecord* record) override;
+    bool Record(std::int64_t reader, std::span<const DeliveryStep> steps,
+                const PendingEntry* published) override;
+    bool ReadAnswers(unsigned long id, std::uint32_t from, std::size_t limit,
+                     std::vector<RecipientAnswer>* answers) override;
+    QueueAnswer Waiting(std::int64_t reader, std::int64_t* next_due) override;
+    bool HasRoom() const override;
+
+    std::int64_t BeginReader(const std::string& channel) override;
+    bool EndReader(std::int64_t reader) override;
+    void BeginPass(std::int64_t reader) override;
+    long Take(std::int64_t reader) override;
+    bool Remove(std::int64_t reader, std::uint32_t id) override;
+
+    Found ReadEnvelope(std::uint32_t id, std::string* encoded) override;
+    std::string PathName(std::uint32_t id, const char* extension) const override;
+
+    bool List(const std::string& channel, std::size_t limit,
+              std::vector<QueueItem>* items) override;
+    QueueChange Drop(std::uint32_t id) override;
+    QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) override;
+
+ private:
+    struct Reader {
+        std::int64_t number;
+        std::string channel;
+        bool pass_open = false;
+        std::vector<std::uint32_t>
+            unwritten;  // removals that failed; never handed out again from here
+    };
+    struct Removals {
+        std::vector<std::uint32_t> gone;  // entries that left the queue
+        std::vector<std::uint32_t> held;  // entries without an envelope, now in the hold channel
+        bool missing = false;             // some entry was not the reader's
+    };
+    struct Taken {
+        enum How { kMessage, kNone, kHeld, kFailed } how;
+        std::uint32_t id;
+        int attempts = 0;  // of a held one; 0: its message file is missing
+    };
+    struct Recording {  // one call of Record
+        std::int64_t reader;
+        std::span<const DeliveryStep> steps;
+        const PendingEntry* published;
+        std::int64_t bytes;
+        bool ended;
+        bool done;
+        Removals removals;
+    };
+
+    bool CommitEntry(const PendingEntry& entry, std::int64_t bytes);
+    bool InsertEntry(const PendingEntry& entry, std::int64_t bytes);  // inside a transaction
+
+    // Several entries at once (sqlite_group.cpp).
+    struct GroupEntry {
+        const PendingEntry* entry;
+        std::int64_t bytes = 0;
+        std::string cause = {};  // why it cannot be published
+        bool done = false;
+    };
+    void SyncGroup(std::vector<GroupEntry>* group) const;
+    bool CommitGroup(std::vector<GroupEntry>* group);
+    void FinishEntry(const PendingEntry& entry, bool done, const std::string& cause);
+
+    // Files (sqlite_queue.cpp).
+    EntryFiles::Known Indexed(std::uint32_t id);
+    void EraseFile(std::uint32_t id, const std::string& name);
+    void EraseRemoved(bool synced);
+    bool SyncIndex();
+    bool Sweep(bool alone);
+
+    // Reading (sqlite_reader.cpp); all but OpenPass and TakeOne inside a transaction, false when a
+    // query failed.
+    bool OpenPass(Reader& reader);
+    Taken TakeOne(const Reader& reader);
+    Taken TakeRow(const Reader& reader);
+    void TellHeld(const Reader& reader, const Taken& taken) const;
+    bool FreeDeadReaders();
+    bool GiveBack(Reader& reader, Removals* removals);
+    bool RemoveRow(const Reader& reader, std::uint32_t id, Removals* removals);
+    bool ForgetEntry(std::uint32_t id);
+    void Finish(const Removals& removals);
+    bool IsAlive(std::int64_t reader) const;
+
+    // Handing over (sqlite_delivery.cpp); as above.
+    bool TakeRows(const Reader& reader, std::size_t limit, std::vector<Taken>* taken,
+                  std::vector<DueEntry>* entries);
+    void CommitRecordings(const std::vector<Recording*>& together);
+    bool RecordStep(std::int64_t reader, const DeliveryStep& step, Removals* removals);
+    bool RecordAnswers(std::uint32_t id, const DeliveryStep& step);
+    bool ReturnRow(std::int64_t reader, std::uint32_t id, std::int64_t due);
+    void Withdraw(const PendingEntry& entry);
+    static std::string Named(std::span<const DeliveryStep> steps);
+
+    // Tools (sqlite_tools.cpp).
+    QueueChange FindRows(std::uint32_t id, const std::string* channel, int* priority);
+
+    bool Usable() const;
+    std::string Cause() const;
+    void Complain(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+
+    const std::string folder_;
+    const int max_attempts_;
+    const std::string module_;
+    const pid_t process_;
+
+    std::mutex recordings_mutex_;  // the next three
+    std::condition_variable recordings_change_;
+    std::vector<Recording*> recordings_;  // that wait for a commit
+    bool recording_ = false;              // some thread commits
+
+    std::mutex mutex_;  // everything below
+    Index index_;
+    EntryFiles files_;
+    std::map<std::int64_t, Reader> readers_;
+    std::vector<std::uint32_t> removed_;  // files that may go after the next durable commit
+};
+
+}  // namespace dl

@@ -1,0 +1,301 @@
+#include <unistd.h>
+
+#include "platform/queue/sqlite_queue_private.h"
+
+namespace dl
+{
+
+namespace
+{
+
+constexpr std::size_t kMostWaitingFiles = 256;
+
+}  // namespace
+
+std::int64_t SqliteQueue::BeginReader(const std::string& channel)
+{
+    if (!Usable())
+        return -1;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    std::int64_t number = -1;
+    {
+        Transaction transaction(index_, Durable::kProcess);
+        if (transaction.Begun() && FreeDeadReaders()) {
+            Query next(
+                index_,
+                "UPDATE counter SET value = value + 1 WHERE name = 'reader' RETURNING value");
+            if (next.Row())
+                number = next.Int(0);
+            (void)next.Done();
+        }
+        // Claimed before anything can bear the number.
+        if (!index_.Failed() && number >= 0 && files_.ClaimReader(number) && transaction.Commit()) {
+            readers_[number] = {number, channel, false, {}};
+            return number;
+        }
+    }
+    if (number >= 0)
+        files_.ReleaseReader(number);
+    Complain("Channel %s of the message queue cannot be read: %s", channel.c_str(),
+             Cause().c_str());
+    return -1;
+}
+
+bool SqliteQueue::EndReader(std::int64_t reader)
+{
+    if (!Usable())
+        return false;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto place = readers_.find(reader);
+    if (place == readers_.end())
+        return false;
+    Removals removals;
+    bool done = false;
+    {
+        Transaction transaction(index_, Durable::kProcess);
+        done = transaction.Begun() && GiveBack(place->second, &removals) && transaction.Commit();
+    }
+    if (done)
+        Finish(removals);
+    else
+        Complain("Channel %s of the message queue cannot be closed: %s",
+                 place->second.channel.c_str(), Cause().c_str());
+    readers_.erase(place);
+    files_.ReleaseReader(reader);
+    EraseRemoved(false);
+    return done;
+}
+
+void SqliteQueue::BeginPass(std::int64_t reader)
+{
+    if (getpid() != process_)
+        return;  // Take says so
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto place = readers_.find(reader);
+    if (place != readers_.end())
+        place->second.pass_open = false;  // Take opens it, and can say when that fails
+}
+
+bool SqliteQueue::OpenPass(Reader& reader)
+{
+    Removals removals;
+    Transaction transaction(index_, Durable::kProcess);
+    if (!transaction.Begun() || !FreeDeadReaders() || !GiveBack(reader, &removals) ||
+        !transaction.Commit())
+        return false;
+    reader.unwritten.clear();
+    reader.pass_open = true;
+    Finish(removals);
+    return true;
+}
+
+long SqliteQueue::Take(std::int64_t reader)
+{
+    if (!Usable())
+        return kQueueFailed;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto place = readers_.find(reader);
+    if (place == readers_.end())
+        return kQueueFailed;
+    bool read = place->second.pass_open || OpenPass(place->second);
+    while (read) {
+        const Taken taken = TakeOne(place->second);
+        if (taken.how == Taken::kMessage)
+            return static_cast<long>(taken.id);
+        if (taken.how == Taken::kNone) {
+            EraseRemoved(false);
+            return kNoMessage;
+        }
+        read = taken.how == Taken::kHeld;
+    }
+    Complain("Channel %s of the message queue cannot be read: %s", place->second.channel.c_str(),
+             Cause().c_str());
+    return kQueueFailed;
+}
+
+SqliteQueue::Taken SqliteQueue::TakeOne(const Reader& reader)
+{
+    Taken taken{Taken::kFailed, 0};
+    {
+        Transaction transaction(index_, Durable::kProcess);
+        if (transaction.Begun())
+            taken = TakeRow(reader);
+        if (taken.how == Taken::kNone)
+            return taken;
+        if (!transaction.Commit())
+            return {Taken::kFailed, 0};
+    }
+    TellHeld(reader, taken);
+    return taken;
+}
+
+SqliteQueue::Taken SqliteQueue::TakeRow(const Reader& reader)
+{
+    std::int64_t seq = 0;
+    std::uint32_t id = 0;
+    int attempts = 0;
+    {
+        Query first(index_,
+                    "SELECT seq, entry, attempts FROM chan INDEXED BY chan_ready WHERE channel = ?1"
+                    " AND owner IS NULL AND due = 0 ORDER BY attempts, seq LIMIT 1",
+                    reader.channel);
+        if (!first.Row())
+            return {first.Failed() ? Taken::kFailed : Taken::kNone, 0};
+        seq = first.Int(0);
+        id = static_cast<std::uint32_t>(first.Int(1));
+        attempts = static_cast<int>(first.Int(2));
+    }
+    const bool missing = !files_.HasMessage(id);
+    const bool hold = reader.channel != kHoldChannel && (missing || attempts >= max_attempts_);
+    if (hold)
+        (void)Query(index_,
+                    "UPDATE OR REPLACE chan SET origin = channel, channel = ?2 WHERE seq = ?1", seq,
+                    std::string(kHoldChannel))
+            .Done();
+    else
+        (void)Query(index_, "UPDATE chan SET owner = ?2, attempts = attempts + 1 WHERE seq = ?1",
+                    seq, reader.number)
+            .Done();
+    if (index_.Failed())
+        return {Taken::kFailed, 0};
+    return {hold ? Taken::kHeld : Taken::kMessage, id, missing ? 0 : attempts};
+}
+
+void SqliteQueue::TellHeld(const Reader& reader, const Taken& taken) const
+{
+    if (taken.how != Taken::kHeld)
+        return;
+    if (taken.attempts == 0)
+        Complain("Message %08X has no message file, moved from channel %s to %s",
+                 static_cast<unsigned>(taken.id), reader.channel.c_str(), kHoldChannel);
+    else
+        Complain(
+            "Message %08X was handed out %d times and never finished, moved from channel %s to %s",
+            static_cast<unsigned>(taken.id), taken.attempts, reader.channel.c_str(), kHoldChannel);
+}
+
+bool SqliteQueue::Remove(std::int64_t reader, std::uint32_t id)
+{
+    if (!Usable())
+        return false;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const auto place = readers_.find(reader);
+    if (place == readers_.end())
+        return false;
+    Removals removals;
+    bool done = false;
+    {
+        Transaction transaction(index_, Durable::kProcess);
+        done =
+            transaction.Begun() && RemoveRow(place->second, id, &removals) && transaction.Commit();
+    }
+    if (done && !removals.missing) {
+        Finish(removals);
+        if (removed_.size() >= kMostWaitingFiles)
+            EraseRemoved(false);
+        return true;
+    }
+    if (!done)
+        place->second.unwritten.push_back(id);
+    Complain("Message %08X cannot be taken out of channel %s of the message queue: %s",
+             static_cast<unsigned>(id), place->second.channel.c_str(),
+             done ? "it is not this reader's" : Cause().c_str());
+    return false;
+}
+
+SqliteQueue::Found SqliteQueue::ReadEnvelope(std::uint32_t id, std::string* encoded)
+{
+    if (!Usable())
+        return Found::kFailed;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    index_.ClearFailure();
+    Query query(index_, "SELECT data FROM envelope WHERE entry = ?1", id);
+    if (query.Row()) {
+        encoded->assign(query.Bytes(0));
+        return Found::kYes;
+    }
+    if (!index_.Failed())
+        return Found::kNo;
+    Complain("The envelope of message %08X cannot be read: %s", static_cast<unsigned>(id),
+             Cause().c_str());
+    return Found::kFailed;
+}
+
+// What readers that died had, anyone may have now. Numbers are looked up one by one, not row by
+// row.
+bool SqliteQueue::FreeDeadReaders()
+{
+    std::int64_t last = -1;
+    for (;;) {
+        Query next(index_, "SELECT min(owner) FROM chan INDEXED BY chan_owner WHERE owner > ?1",
+                   last);
+        if (!next.Row() || next.IsNull(0))
+            return !next.Failed();
+        last = next.Int(0);
+        if (!IsAlive(last) &&
+            !Query(index_, "UPDATE chan SET owner = NULL WHERE owner = ?1", last).Done())
+            return false;
+    }
+}
+
+bool SqliteQueue::GiveBack(Reader& reader, Removals* removals)
+{
+    for (const std::uint32_t id : reader.unwritten)
+        if (!RemoveRow(reader, id, removals))
+            return false;
+    return Query(index_, "UPDATE chan SET owner = NULL WHERE owner = ?1", reader.number).Done();
+}
+
+bool SqliteQueue::RemoveRow(const Reader& reader, std::uint32_t id, Removals* removals)
+{
+    Query envelope(index_, "SELECT 1 FROM envelope WHERE entry = ?1", id);
+    const bool hold = !envelope.Row() && reader.channel != kHoldChannel;
+    if (envelope.Failed())
+        return false;
+    const bool done =
+        hold ? Query(index_,
+                     "UPDATE OR REPLACE chan SET origin = channel, channel = ?3, owner = NULL"
+                     " WHERE entry = ?1 AND owner = ?2",
+                     id, reader.number, std::string(kHoldChannel))
+                   .Done()
+             : Query(index_, "DELETE FROM chan WHERE entry = ?1 AND owner = ?2", id, reader.number)
+                   .Done();
+    if (!done)
+        return false;
+    if (index_.Changes() == 0) {
+        removals->missing = true;
+        return true;
+    }
+    if (hold) {
+        removals->held.push_back(id);
+        return true;
+    }
+    Query rest(index_, "SELECT 1 FROM chan WHERE entry = ?1", id);
+    if (rest.Row() || rest.Failed())
+        return !rest.Failed();
+    removals->gone.push_back(id);
+    return ForgetEntry(id);
+}
+
+bool SqliteQueue::ForgetEntry(std::uint32_t id)
+{
+    return Query(index_, "DELETE FROM envelope WHERE entry = ?1", id).Done() &&
+           Query(index_, "DELETE FROM delivery WHERE entry = ?1", id).Done() &&
+           Query(index_, "DELETE FROM answer WHERE entry = ?1", id).Done() &&
+           Query(index_, "DELETE FROM entry WHERE id = ?1", id).Done();
+}
+
+void SqliteQueue::Finish(const Removals& removals)
+{
+    removed_.insert(removed_.end(), removals.gone.begin(), removals.gone.end());
+    for (const std::uint32_t id : removals.held)
+        Complain("Message %08X has no envelope, moved to channel %s", static_cast<unsigned>(id),
+                 kHoldChannel);
+}
+
+bool SqliteQueue::IsAlive(std::int64_t reader) const
+{
+    return readers_.count(reader) != 0 || files_.ReaderLives(reader);
+}
+
+}  // namespace dl

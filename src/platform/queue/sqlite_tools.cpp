@@ -1,0 +1,119 @@
+#include <map>
+
+#include "platform/queue/sqlite_queue_private.h"
+
+namespace dl
+{
+
+bool SqliteQueue::List(const std::string& channel, std::size_t limit, std::vector<QueueItem>* items)
+{
+    if (!Usable())
+        return false;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    index_.ClearFailure();
+    items->clear();
+    std::map<std::int64_t, bool> alive;
+    Query query(index_,
+                "SELECT entry, channel, sender, recipients, bytes, closed, origin, attempts, owner"
+                " FROM chan JOIN entry ON entry.id = chan.entry WHERE ?1 = '' OR channel = ?1"
+                " ORDER BY channel, attempts, seq LIMIT ?2",
+                channel, limit == 0 ? std::int64_t{-1} : static_cast<std::int64_t>(limit));
+    while (query.Row()) {
+        QueueItem item;
+        item.id = static_cast<unsigned long>(query.Int(0));
+        item.channel = query.Bytes(1);
+        item.sender = query.Bytes(2);
+        item.recipients = static_cast<std::uint32_t>(query.Int(3));
+        item.bytes = query.Int(4);
+        item.closed = query.Int(5);
+        item.origin = query.Bytes(6);
+        item.attempts = static_cast<int>(query.Int(7));
+        if (!query.IsNull(8)) {
+            const auto [place, is_new] = alive.try_emplace(query.Int(8), false);
+            if (is_new)
+                place->second = IsAlive(place->first);
+            item.taken = place->second;
+            item.attempts -= item.taken ? 1 : 0;  // its present hand-out has not ended
+        }
+        items->push_back(std::move(item));
+    }
+    if (!query.Failed())
+        return true;
+    Complain("The message queue %s cannot be listed: %s", folder_.c_str(), Cause().c_str());
+    return false;
+}
+
+// Whether the entry has rows (in `channel`, when given) that nobody has taken.
+QueueChange SqliteQueue::FindRows(std::uint32_t id, const std::string* channel, int* priority)
+{
+    if (!FreeDeadReaders())
+        return QueueChange::kFailed;
+    Query query(index_,
+                "SELECT owner, priority FROM chan WHERE entry = ?1 AND (?2 = 0 OR channel = ?3)",
+                id, channel ? 1 : 0, channel ? *channel : std::string());
+    QueueChange found = QueueChange::kNotThere;
+    while (query.Row()) {
+        if (!query.IsNull(0))
+            return QueueChange::kTaken;
+        *priority = static_cast<int>(query.Int(1));
+        found = QueueChange::kDone;
+    }
+    return query.Failed() ? QueueChange::kFailed : found;
+}
+
+QueueChange SqliteQueue::Drop(std::uint32_t id)
+{
+    if (!Usable())
+        return QueueChange::kFailed;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    QueueChange result = QueueChange::kFailed;
+    {
+        Transaction transaction(index_, Durable::kPower);
+        int priority = 0;
+        if (transaction.Begun())
+            result = FindRows(id, nullptr, &priority);
+        if (result == QueueChange::kDone &&
+            !(Query(index_, "DELETE FROM chan WHERE entry = ?1", id).Done() && ForgetEntry(id) &&
+              transaction.Commit()))
+            result = QueueChange::kFailed;
+    }
+    if (result == QueueChange::kDone) {
+        removed_.push_back(id);
+        EraseRemoved(true);
+    } else if (result == QueueChange::kFailed) {
+        Complain("Message %08X cannot be removed from the message queue: %s",
+                 static_cast<unsigned>(id), Cause().c_str());
+    }
+    return result;
+}
+
+QueueChange SqliteQueue::Move(std::uint32_t id, const std::string& from, const std::string& to)
+{
+    if (!Usable())
+        return QueueChange::kFailed;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    QueueChange result = QueueChange::kFailed;
+    {
+        Transaction transaction(index_, Durable::kPower);
+        int priority = 0;
+        if (transaction.Begun())
+            result = FindRows(id, &from, &priority);
+        const std::string origin = to == kHoldChannel ? from : std::string();
+        if (result == QueueChange::kDone &&
+            !(Query(index_, "DELETE FROM chan WHERE entry = ?1 AND channel = ?2", id, from)
+                  .Done() &&
+              Query(index_,
+                    "INSERT OR IGNORE INTO chan (channel, entry, priority, origin) VALUES (?1, ?2, "
+                    "?3, ?4)",
+                    to, id, priority, origin)
+                  .Done() &&
+              transaction.Commit()))
+            result = QueueChange::kFailed;
+    }
+    if (result == QueueChange::kFailed)
+        Complain("Message %08X cannot be moved to channel %s of the message queue: %s",
+                 static_cast<unsigned>(id), to.c_str(), Cause().c_str());
+    return result;
+}
+
+}  // namespace dl

@@ -1,0 +1,147 @@
+// A queue whose n-th call of a kind fails: how the "the queue failed" paths are tested on the real
+// one.
+//
+// Opens an embedded queue in a folder and installs itself for as long as it lives. A call that is
+// told to fail does what a failing queue does: nothing, but that a failed close also removes the
+// entry.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/queue/queue_backend.h"
+
+namespace dl::testing
+{
+
+enum class QueueCall {
+    kCreate,
+    kInsert,
+    kEnvelope,
+    kClose,
+    kOpenChannel,
+    kCloseChannel,
+    kTake,
+    kRemove,
+    kReadEnvelope,
+    kList,
+    kDrop,
+    kMove,
+};
+
+class FailingQueue : public QueueBackend
+{
+ public:
+    explicit FailingQueue(const std::string& folder, int max_attempts = 5)
+        : real_(OpenSqliteQueue(folder, max_attempts))
+    {
+        if (!real_)
+            throw std::runtime_error("no queue in " + folder);
+        SetQueueBackend(this);
+    }
+    ~FailingQueue() override { SetQueueBackend(nullptr); }
+
+    // The next call of that kind fails; the n-th from now on, counted from 1.
+    void FailNext(QueueCall call) { FailNth(call, 1); }
+    void FailNth(QueueCall call, int n) { fail_[call].insert(made_[call] + n); }
+    // How many calls of that kind were made.
+    [[nodiscard]] int Made(QueueCall call) { return made_[call]; }
+    void ForgetFaults() { fail_.clear(); }
+    // The calls so far that change the queue, as "create insert(dlout,255) envelope close"; also
+    // "discard", "remove", "drop" and "move". A failed one stands there too.
+    [[nodiscard]] std::string Calls() const { return calls_; }
+    void ClearCalls() { calls_.clear(); }
+
+    DeliveryBackend* Deliveries() override { return real_->Deliveries(); }
+
+    std::optional<std::uint32_t> Reserve() override
+    {
+        return Fails(QueueCall::kCreate, "create") ? std::nullopt : real_->Reserve();
+    }
+    bool AddChannel(PendingEntry* entry, const std::string& channel, int priority) override
+    {
+        const std::string text = "insert(" + channel + "," + std::to_string(priority) + ")";
+        return !Fails(QueueCall::kInsert, text) && real_->AddChannel(entry, channel, priority);
+    }
+    bool StoreEnvelope(PendingEntry* entry, const stEnvelope& envelope) override
+    {
+        return !Fails(QueueCall::kEnvelope, "envelope") && real_->StoreEnvelope(entry, envelope);
+    }
+    bool Publish(const PendingEntry& entry) override
+    {
+        if (!Fails(QueueCall::kClose, "close"))
+            return real_->Publish(entry);
+        real_->Abandon(entry.id);
+        return false;
+    }
+    void Abandon(std::uint32_t id) override
+    {
+        Note("discard");
+        real_->Abandon(id);
+    }
+
+    std::int64_t BeginReader(const std::string& channel) override
+    {
+        return Fails(QueueCall::kOpenChannel, "") ? -1 : real_->BeginReader(channel);
+    }
+    bool EndReader(std::int64_t reader) override
+    {
+        const bool fails = Fails(QueueCall::kCloseChannel, "");
+        return real_->EndReader(reader) && !fails;
+    }
+    void BeginPass(std::int64_t reader) override { real_->BeginPass(reader); }
+    long Take(std::int64_t reader) override
+    {
+        return Fails(QueueCall::kTake, "") ? kQueueFailed : real_->Take(reader);
+    }
+    bool Remove(std::int64_t reader, std::uint32_t id) override
+    {
+        return !Fails(QueueCall::kRemove, "remove") && real_->Remove(reader, id);
+    }
+    Found ReadEnvelope(std::uint32_t id, std::string* encoded) override
+    {
+        return Fails(QueueCall::kReadEnvelope, "") ? Found::kFailed
+                                                   : real_->ReadEnvelope(id, encoded);
+    }
+    std::string PathName(std::uint32_t id, const char* extension) const override
+    {
+        return real_->PathName(id, extension);
+    }
+
+    bool List(const std::string& channel, std::size_t limit, std::vector<QueueItem>* items) override
+    {
+        return !Fails(QueueCall::kList, "") && real_->List(channel, limit, items);
+    }
+    QueueChange Drop(std::uint32_t id) override
+    {
+        return Fails(QueueCall::kDrop, "drop") ? QueueChange::kFailed : real_->Drop(id);
+    }
+    QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) override
+    {
+        return Fails(QueueCall::kMove, "move") ? QueueChange::kFailed : real_->Move(id, from, to);
+    }
+
+ private:
+    void Note(const std::string& text)
+    {
+        if (!text.empty())
+            calls_ += (calls_.empty() ? "" : " ") + text;
+    }
+    bool Fails(QueueCall call, const std::string& text)
+    {
+        Note(text);
+        return fail_[call].count(++made_[call]) != 0;
+    }
+
+    std::unique_ptr<QueueBackend> real_;
+    std::map<QueueCall, int> made_;
+    std::map<QueueCall, std::set<int>> fail_;
+    std::string calls_;
+};
+
+}  // namespace dl::testing
