@@ -1,0 +1,448 @@
+// What both back ends of the directory promise: one suite, the same entries, the same answers.
+#include <algorithm>
+#include <thread>
+
+#include "tests/contract/directory_contract.h"
+#include "tests/support/failing_directory.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+class DirectoryContract : public DirectoryTest, public ::testing::WithParamInterface<DirectoryKind>
+{
+ protected:
+    void SetUp() override
+    {
+        if (GetParam() == DirectoryKind::kServer)
+            DL_NEED_SLAPD();
+    }
+    void Begin(const std::string& entries, const std::string& more = "")
+    {
+        DirectoryTest::Begin(GetParam(), entries, more);
+    }
+    // The server dies, or the file is gone.
+    void Down()
+    {
+        if (server_)
+            server_->Kill();
+        else
+            std::filesystem::rename(file_, file_ + ".away");
+    }
+    void Up()
+    {
+        if (server_)
+            ASSERT_TRUE(server_->Start()) << server_->Reason();
+        else
+            std::filesystem::rename(file_ + ".away", file_);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Both, DirectoryContract,
+                         ::testing::Values(DirectoryKind::kServer, DirectoryKind::kFile),
+                         [](const auto& row) {
+                             return row.param == DirectoryKind::kServer ? "Server" : "File";
+                         });
+
+const std::string kEntries =
+    ListEntry("staff@example.org", {"Immediate;Ann@example.org", "Digest;bob@example.org",
+                                    "Immediate;Blocked;eve@example.org"}) +
+    "dn: mail=news@example.org,dc=example,dc=org\nobjectClass: qvlist\nmail: news@example.org\n"
+    "mail: press@example.org\ncn: Two words\nMODE: 1\nx-KVTBLaction: rbl.example.net,discard\n"
+    "disclaimertxtpath: /srv/Disclaimer.txt\n\n"
+    "dn: mail=staff-owner@example.org,dc=example,dc=org\nobjectClass: qvlistowner\n"
+    "mail: staff-owner@example.org\nlistowner: ann@example.org\n\n"
+    "dn: cn=PreProcessor,dc=example,dc=org\nobjectClass: qvconfig\ncn: PreProcessor\n"
+    "x-kvtblaction: rbl.example.net,P,d\nx-kvtblaction: rbl2.example.net,S,i\n\n"
+    "dn: dc=net\nobjectClass: dcObject\nobjectClass: organization\ndc: net\no: net\n\n"
+    "dn: dc=other,dc=net\nobjectClass: dcObject\nobjectClass: organization\ndc: other\no: other\n\n"
+    "dn: mail=far@other.net,dc=other,dc=net\nobjectClass: qvlist\nmail: far@other.net\n\n";
+
+TEST_P(DirectoryContract, FiltersFindTheSameEntries)
+{
+    Begin(kEntries);
+    const struct {
+        const char* name;
+        const char* filter;
+        Texts mails;
+    } kRows[] = {
+        {"all lists, no parentheses",
+         "objectclass=qvlist",
+         {"staff@example.org", "news@example.org", "press@example.org", "far@other.net"}},
+        {"one list, other letter case",
+         "(&(objectclass=qvlist)(mail=STAFF@example.org))",
+         {"staff@example.org"}},
+        {"the class behind the address",
+         "(&(mail=press@example.org)(objectclass=qvlist))",
+         {"news@example.org", "press@example.org"}},
+        {"the owner",
+         "(&(objectclass=qvlistowner)(mail=staff-owner@example.org))",
+         {"staff-owner@example.org"}},
+        {"a member", "(listmember=digest;BOB@example.org)", {"staff@example.org"}},
+        {"presence", "(listowner=*)", {"staff-owner@example.org"}},
+        {"or, not",
+         "(&(objectClass=qvlist)(!(|(cn=two words)(mail=far@other.net))))",
+         {"staff@example.org"}},
+        {"blanks count once", "(cn=  two   words )", {"news@example.org", "press@example.org"}},
+        {"a path has letter case", "(disclaimertxtpath=/srv/disclaimer.txt)", {}},
+        {"a path",
+         "(disclaimertxtpath=/srv/Disclaimer.txt)",
+         {"news@example.org", "press@example.org"}},
+        {"escaped", "(mail=\\73taff\\40example.org)", {"staff@example.org"}},
+        {"an escaped star is no wildcard", "(mail=\\2a)", {}},
+        {"nothing matches", "(&(objectclass=qvlist)(mail=nobody@example.org))", {}},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const SearchReq result = Search(row.filter);
+        EXPECT_FALSE(result.failed);
+        EXPECT_EQ(Values(result, "mail"), row.mails);
+        EXPECT_EQ(result.Empty(), row.mails.empty());
+    }
+}
+
+TEST_P(DirectoryContract, WhatIsNoFilterIsAFailedSearch)
+{
+    Begin(kEntries);
+    for (const std::string filter : {"", "mail", "(mail=a", "(mail=a)x", "(&(mail=a)",
+                                     "(!(mail=a)(mail=b))", "(mail=\\4)", "(&!(mail=a))", "(=a)"}) {
+        SCOPED_TRACE(filter);
+        log.ExpectError("search of " + filter);
+        EXPECT_TRUE(Search(filter).failed);
+    }
+}
+
+TEST_P(DirectoryContract, AnEntryKeepsItsValuesInOrderAndTheSchemasNames)
+{
+    Begin(kEntries);
+    EXPECT_EQ(Members(), (Texts{"Immediate;Ann@example.org", "Digest;bob@example.org",
+                                "Immediate;Blocked;eve@example.org"}));
+    SearchReq result = Search("(mail=news@example.org)");
+    ASSERT_EQ(result.entries.size(), 1U);
+    EXPECT_EQ(result.entries[0].dn, "mail=news@example.org,dc=example,dc=org");
+    // The file wrote "MODE" and "x-KVTBLaction".
+    EXPECT_EQ(Values(result, "mode"), Texts{"1"});
+    EXPECT_EQ(Values(result, "x-kvtblaction"), Texts{"rbl.example.net,discard"});
+    const SearchReq moved = std::move(result);  // names stay valid
+    EXPECT_EQ(Values(moved, "mode"), Texts{"1"});
+
+    const SearchReq config = Search("(&(objectclass=qvconfig)(cn=PreProcessor))");
+    ASSERT_EQ(config.entries.size(), 1U);
+    EXPECT_EQ(Values(config, "mail"), Texts{});
+    EXPECT_EQ(Values(config, "x-kvtblaction"),
+              (Texts{"rbl.example.net,P,d", "rbl2.example.net,S,i"}));
+}
+
+TEST_P(DirectoryContract, BaseAndScope)
+{
+    Begin(kEntries);
+    const struct {
+        const char* base;
+        int scope;
+        std::size_t entries;
+    } kRows[] = {
+        {"dc=example,dc=org", 2, 2},
+        {"DC=Other, dc=NET", 2, 1},
+        {"dc=net", 1, 0},
+        {"dc=other,dc=net", 1, 1},
+        {kStaff, 0, 1},
+        {"dc=example,dc=org", 0, 0},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(std::string(row.base) + " " + std::to_string(row.scope));
+        const SearchReq result = Search("objectclass=qvlist", row.base, row.scope);
+        EXPECT_FALSE(result.failed);
+        EXPECT_EQ(result.entries.size(), row.entries);
+    }
+    for (const std::string base : {"dc=nowhere", "no name"}) {
+        log.ExpectError("below \"" + base + "\"");
+        EXPECT_TRUE(Search("objectclass=qvlist", base.c_str()).failed);
+    }
+}
+
+TEST_P(DirectoryContract, ANullBaseIsTheConfiguredOne)
+{
+    Begin(kEntries, "BaseDN = dc=other,dc=net\n");
+    EXPECT_EQ(Values(Search("objectclass=qvlist"), "mail"), Texts{"far@other.net"});
+    EXPECT_EQ(Search("objectclass=qvlist", "").entries.size(), 3U);
+}
+
+TEST_P(DirectoryContract, NamesOnly)
+{
+    Begin(kEntries);
+    ldapClient client;
+    ASSERT_TRUE(Open(&client));
+    const SearchReq result = client.ldapClientSearch(nullptr, 2, true, "(mail=staff@example.org)");
+    ASSERT_EQ(result.entries.size(), 1U);
+    EXPECT_EQ(result.entries[0].attributes.size(), 3U);
+    EXPECT_EQ(Values(result, "listmember"), Texts{""});
+}
+
+TEST_P(DirectoryContract, ManyListsAndManyMembersComeWhole)
+{
+    std::string entries;
+    Texts addresses;
+    for (int i = 0; i < 1200; i++) {
+        addresses.push_back("list" + std::to_string(i) + "@example.org");
+        entries += ListEntry(addresses.back(), {"Immediate;a@example.org"});
+    }
+    Texts members;
+    for (int i = 0; i < 3000; i++)
+        members.push_back("Immediate;member" + std::to_string(i) + "@example.org");
+    Begin(entries + ListEntry("big@example.org", members));
+    addresses.emplace_back("big@example.org");
+    EXPECT_EQ(Values(Search("objectclass=qvlist"), "mail"), addresses);
+    EXPECT_EQ(Members("big@example.org"), members);
+}
+
+TEST_P(DirectoryContract, ChangesOfOneValue)
+{
+    Begin(kEntries);
+    const std::string longest = "Immediate;" + std::string(501, 'x');
+    const Texts before = Members();
+    const struct {
+        const char* name;
+        std::string entry;
+        std::vector<AttributeChange> changes;
+        ModifyResult want;
+        Texts added;
+        Texts removed;
+    } kRows[] = {
+        {"add",
+         kStaff,
+         {Add("Digest;new@example.org")},
+         ModifyResult::kDone,
+         {"Digest;new@example.org"},
+         {}},
+        {"add what is there",
+         kStaff,
+         {Add("Immediate;Ann@example.org")},
+         ModifyResult::kAlready,
+         {},
+         {}},
+        {"the same in other letters",
+         kStaff,
+         {Add("IMMEDIATE;ann@EXAMPLE.org")},
+         ModifyResult::kAlready,
+         {},
+         {}},
+        {"delete in other letters",
+         kStaff,
+         {Delete("digest;BOB@example.org")},
+         ModifyResult::kDone,
+         {},
+         {"Digest;bob@example.org"}},
+        {"delete what is not there",
+         kStaff,
+         {Delete("Immediate;bob@example.org")},
+         ModifyResult::kNotThere,
+         {},
+         {}},
+        {"delete of an attribute that is not there",
+         kStaff,
+         {Delete("x", "description")},
+         ModifyResult::kNotThere,
+         {},
+         {}},
+        {"511 bytes", kStaff, {Add(longest)}, ModifyResult::kDone, {longest}, {}},
+        {"512 bytes", kStaff, {Add(longest + "x")}, ModifyResult::kRefused, {}, {}},
+        {"empty value", kStaff, {Add("")}, ModifyResult::kRefused, {}, {}},
+        {"a NUL", kStaff, {Add(std::string("a\0b", 3))}, ModifyResult::kRefused, {}, {}},
+        {"a line break cannot make a second line",
+         kStaff,
+         {Add("Digest;a@b\nlistmember: c")},
+         ModifyResult::kDone,
+         {"Digest;a@b\nlistmember: c"},
+         {}},
+        {"letters beyond ASCII",
+         kStaff,
+         {Add("Digest;j\xC3\xBCrgen@example.org")},
+         ModifyResult::kDone,
+         {"Digest;j\xC3\xBCrgen@example.org"},
+         {}},
+        {"not UTF-8",
+         kStaff,
+         {Add("Digest;j\xFCrgen@example.org")},
+         ModifyResult::kRefused,
+         {},
+         {}},
+        {"no such entry",
+         "mail=nobody@example.org,dc=example,dc=org",
+         {Add("Digest;a@b")},
+         ModifyResult::kRefused,
+         {},
+         {}},
+        {"no name of an entry", "nobody", {Add("Digest;a@b")}, ModifyResult::kRefused, {}, {}},
+        {"no name of an attribute",
+         kStaff,
+         {Add("x", "listmember\nmail")},
+         ModifyResult::kRefused,
+         {},
+         {}},
+        {"two changes",
+         kStaff,
+         {Add("Digest;ann@example.org"), Delete("Immediate;ann@example.org")},
+         ModifyResult::kDone,
+         {"Digest;ann@example.org"},
+         {"Immediate;Ann@example.org"}},
+        {"the second cannot be made",
+         kStaff,
+         {Add("Digest;x@example.org"), Delete("Digest;y@z")},
+         ModifyResult::kNotThere,
+         {},
+         {}},
+        {"added and deleted again",
+         kStaff,
+         {Add("Digest;x@example.org"), Delete("Digest;x@example.org")},
+         ModifyResult::kDone,
+         {},
+         {}},
+        {"a second value of a single-valued attribute",
+         "mail=news@example.org,dc=example,dc=org",
+         {Add("0", "mode")},
+         ModifyResult::kRefused,
+         {},
+         {}},
+        {"the value that names the entry",
+         kStaff,
+         {Delete("staff@example.org", "mail")},
+         ModifyResult::kRefused,
+         {},
+         {}},
+        {"the name of the entry in other letters",
+         "MAIL=Staff@example.org, DC=example,DC=org",
+         {Add("Digest;other@example.org")},
+         ModifyResult::kDone,
+         {"Digest;other@example.org"},
+         {}},
+    };
+    Texts want = before;
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(Modify(row.entry, row.changes), row.want);
+        want.insert(want.end(), row.added.begin(), row.added.end());
+        for (const std::string& gone : row.removed)
+            std::erase(want, gone);
+        EXPECT_EQ(Members(), want);
+    }
+}
+
+TEST_P(DirectoryContract, EntriesComeAndGo)
+{
+    Begin(kEntries);
+    ldapClient client;
+    ASSERT_TRUE(Open(&client));
+    const std::string name = "mail=new@example.org,dc=example,dc=org";
+    const std::vector<SearchAttribute> attributes = {{"objectClass", "qvlist"},
+                                                     {"listmember", "Digest;a@example.org"},
+                                                     {"mail", "new@example.org"},
+                                                     {"listmember", "Digest;b@example.org"}};
+    EXPECT_EQ(client.AddEntry(name, attributes), ModifyResult::kDone);
+    EXPECT_EQ(Members("new@example.org"), (Texts{"Digest;a@example.org", "Digest;b@example.org"}));
+    EXPECT_EQ(client.AddEntry(name, attributes), ModifyResult::kAlready);
+    // The value of the name is put in.
+    const std::string other = "mail=x@example.org,dc=example,dc=org";
+    EXPECT_EQ(client.AddEntry(other, {{"objectClass", "qvlist"}, {"mail", "y@example.org"}}),
+              ModifyResult::kDone);
+    EXPECT_EQ(Values(Search("(mail=x@example.org)"), "mail"),
+              (Texts{"y@example.org", "x@example.org"}));
+    EXPECT_EQ(client.DeleteEntry(other), ModifyResult::kDone);
+    EXPECT_EQ(client.AddEntry(other, {{"mail", "x@example.org"}}), ModifyResult::kRefused);
+    EXPECT_EQ(client.DeleteEntry(name), ModifyResult::kDone);
+    EXPECT_EQ(client.DeleteEntry(name), ModifyResult::kNotThere);
+    EXPECT_EQ(client.DeleteEntry("dc=example,dc=org"), ModifyResult::kRefused);
+    EXPECT_EQ(Search("objectclass=qvlist").entries.size(), 3U);
+}
+
+TEST_P(DirectoryContract, AnyTextMayStandInFiltersAndNames)
+{
+    Begin(kEntries);
+    ldapClient client;
+    ASSERT_TRUE(Open(&client));
+    for (const std::string text :
+         {"a*b", "(a)", "a)(mail=*", "back\\slash", "x,dc=example", "a+b=c", "\"<quoted>\";",
+          "#hash", "-dash", "semi;colon:", "tab\there", "line\nbreak", "j\xC3\xBCrgen",
+          ":< file:///etc/passwd", "\\2a"}) {
+        SCOPED_TRACE(text);
+        const std::string name = "cn=" + EscapeNameValue(text) + ",dc=example,dc=org";
+        ASSERT_EQ(client.AddEntry(name, {{"objectClass", "qvconfig"}, {"cn", text}}),
+                  ModifyResult::kDone);
+        const std::string filter = "(&(objectclass=qvconfig)(cn=" + EscapeFilterValue(text) + "))";
+        EXPECT_EQ(Values(Search(filter), "cn"), Texts{text});
+        EXPECT_EQ(client.DeleteEntry(name), ModifyResult::kDone);
+        EXPECT_TRUE(Search(filter).Empty());
+    }
+}
+
+TEST_P(DirectoryContract, TwoWritersLoseNothingAndReadersSeeWholeLists)
+{
+    Begin(kEntries);
+    constexpr int kEach = 20;
+    const auto add = [&](const char* who) {
+        for (int i = 0; i < kEach; i++)
+            EXPECT_EQ(Modify(kStaff, {Add("Digest;" + std::string(who) + std::to_string(i))}),
+                      ModifyResult::kDone);
+    };
+    std::thread first(add, "first");
+    std::thread second(add, "second");
+    std::size_t seen = 3;
+    for (int i = 0; i < 20; i++) {
+        const std::size_t now = Members().size();
+        EXPECT_GE(now, seen);
+        seen = now;
+    }
+    first.join();
+    second.join();
+    EXPECT_EQ(Members().size(), 3U + 2 * kEach);
+}
+
+TEST_P(DirectoryContract, ALostDirectoryIsAFailureAndComesBack)
+{
+    Begin(kEntries);
+    ldapClient client;
+    ASSERT_TRUE(Open(&client));
+    Down();
+    log.ExpectError(server_ ? "search of objectclass=qvlist" : "lists.ldif: No such file");
+    for (int i = 0; i < 2; i++) {
+        const SearchReq result = client.ldapClientSearch(nullptr, 2, false, "objectclass=qvlist");
+        EXPECT_TRUE(result.failed);
+        EXPECT_TRUE(result.Empty());
+    }
+    log.ExpectError(server_ ? "change of mail=staff" : "lists.ldif: No such file");
+    EXPECT_EQ(client.ldapClientModify(kStaff, {Add("Digest;new@example.org")}),
+              ModifyResult::kUnreachable);
+    EXPECT_NE(client.ldapClientConnect("127.0.0.1", server_ ? server_->Port() : 0), 0);
+    EXPECT_NE(client.ldapClientBind(Slapd::kServiceDn, Slapd::kServicePassword), 0);
+    client.ldapClientUnbind();
+    Up();
+    EXPECT_EQ(Members().size(), 3U);
+    ASSERT_TRUE(Open(&client));
+    EXPECT_FALSE(client.ldapClientSearch(nullptr, 2, false, "objectclass=qvlist").Empty());
+}
+
+TEST_P(DirectoryContract, ChosenCallsFail)
+{
+    Begin(kEntries);
+    FailingDirectory failing;
+    ldapClient client;
+    failing.Fail(DirectoryCall::kBind, 2);
+    EXPECT_TRUE(Open(&client));
+    EXPECT_FALSE(Open(&client));
+    EXPECT_TRUE(Open(&client));
+    failing.Fail(DirectoryCall::kSearch, 1, 2);
+    EXPECT_TRUE(Search("objectclass=qvlist").failed);
+    EXPECT_TRUE(Search("objectclass=qvlist").failed);
+    EXPECT_FALSE(Search("objectclass=qvlist").failed);
+    failing.Fail(DirectoryCall::kModify, 1, 1, ModifyResult::kRefused);
+    EXPECT_EQ(Modify(kStaff, {Add("Digest;x@example.org")}), ModifyResult::kRefused);
+    EXPECT_EQ(Members().size(), 3U);
+    failing.Fail(DirectoryCall::kConnect);
+    EXPECT_FALSE(Open(&client));
+    EXPECT_EQ(failing.Calls(DirectoryCall::kModify), 1);
+}
+
+}  // namespace
+}  // namespace dl::testing

@@ -1,0 +1,301 @@
+// The file as a directory: what is left alone when it is changed, and what is refused when it is
+// read.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "platform/directory/ldif_edit.h"
+#include "tests/contract/directory_contract.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+class LdifDirectory : public DirectoryTest
+{
+ protected:
+    void UseFile(const std::string& bytes)
+    {
+        file_ = Write("lists.ldif", bytes);
+        Configure("[Ldap]\nFile = " + file_ + "\nTimeOut = 1\n");
+    }
+};
+
+TEST_F(LdifDirectory, OnlyTheChangedLinesDiffer)
+{
+    const std::string a = "dn: mail=a,dc=x\nmail: a\n";
+    const std::string entry = "mail=a,dc=x";
+    const std::vector<AttributeChange> add = {Add("Digest;n@x")};
+    const struct {
+        const char* name;
+        std::string before;
+        std::vector<AttributeChange> changes;
+        std::string after;
+    } kRows[] = {
+        {"behind the last of its kind", a + "listmember: Digest;b\ncn: c\n", add,
+         a + "listmember: Digest;b\nlistmember: Digest;n@x\ncn: c\n"},
+        {"a first one", a + "\n# next\ndn: mail=b\nmail: b\n", add,
+         a + "listmember: Digest;n@x\n\n# next\ndn: mail=b\nmail: b\n"},
+        {"no last line end", "dn: mail=a,dc=x\nmail: a", add, a + "listmember: Digest;n@x\n"},
+        {"CRLF", Crlf(a + "cn: c\n\ndn: mail=b\n"), add,
+         Crlf(a + "cn: c\nlistmember: Digest;n@x\n\ndn: mail=b\n")},
+        {"CRLF, no last line end", "dn: mail=a,dc=x\r\nmail: a", add,
+         "dn: mail=a,dc=x\r\nmail: a\r\nlistmember: Digest;n@x\r\n"},
+        {"comments stay, folded ones too",
+         "# top\n  folded\n" + a +
+             "# b is new\nlistmember: Digest;b\n# c too\nlistmember: Digest;c\n",
+         {Delete("Digest;b")},
+         "# top\n  folded\n" + a + "# b is new\n# c too\nlistmember: Digest;c\n"},
+        {"a folded value goes whole",
+         a + "ListMember: Dig\n est;b@exam\n ple\ncn: c\n",
+         {Delete("digest;B@example")},
+         a + "cn: c\n"},
+        {"other folded lines stay folded",
+         a + "cn: c\n c\nlistmember: Digest;b\n",
+         {Delete("digest;b")},
+         a + "cn: c\n c\n"},
+        {"base64",
+         a + "listmember:: RGlnZXN0O2I=\ncn:: Yw==\n",
+         {Delete("digest;b")},
+         a + "cn:: Yw==\n"},
+        {"written twice by hand, gone at once",
+         a + "listmember: Digest;b\nlistmember: digest;B\n",
+         {Delete("Digest;b")},
+         a},
+        {"a value that needs base64", a, {Add(" <x\n")}, a + "listmember:: IDx4Cg==\n"},
+        {"a long value is folded",
+         a,
+         {Add(std::string(100, 'x'))},
+         a + "listmember: " + std::string(66, 'x') + "\n " + std::string(34, 'x') + "\n"},
+        {"a BOM", "\xEF\xBB\xBF" + a, add, "\xEF\xBB\xBF" + a + "listmember: Digest;n@x\n"},
+        {"an escaped and spaced name, a version", "version: 1\n\ndn: MAIL=\\61, dc=X\nmail: a\n",
+         add, "version: 1\n\ndn: MAIL=\\61, dc=X\nmail: a\nlistmember: Digest;n@x\n"},
+        {"nothing to do", a + "listmember: digest;N@x\n", add, a + "listmember: digest;N@x\n"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        UseFile(row.before);
+        (void)Modify(entry, row.changes);  // the file shows what came of it
+        EXPECT_EQ(ReadFile(file_), row.after);
+    }
+}
+
+TEST_F(LdifDirectory, EntriesGoToTheEndAndLeaveNoTrace)
+{
+    const std::string a = "dn: mail=a\nmail: a\n";
+    const std::string n = "dn: mail=n\nobjectClass: qvlist\nmail: n\n";
+    const struct {
+        const char* name;
+        std::string before;
+        std::string with;
+        std::string after;
+    } kRows[] = {
+        {"empty file", "", n, ""},
+        {"behind an entry", a, a + "\n" + n, a + "\n"},
+        {"behind an empty line", a + "\n", a + "\n" + n, a + "\n"},
+        {"no last line end", "dn: mail=a\nmail: a", a + "\n" + n, a + "\n"},
+        {"CRLF", Crlf(a), Crlf(a + "\n" + n), Crlf(a + "\n")},
+        {"a comment at the end", a + "\n# end\n", a + "\n# end\n\n" + n, a + "\n# end\n\n"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        UseFile(row.before);
+        ldapClient client;
+        ASSERT_TRUE(Open(&client));
+        EXPECT_EQ(client.AddEntry("mail=n", {{"objectClass", "qvlist"}, {"mail", "n"}}),
+                  ModifyResult::kDone);
+        EXPECT_EQ(ReadFile(file_), row.with);
+        EXPECT_EQ(client.DeleteEntry("mail=N"), ModifyResult::kDone);
+        EXPECT_EQ(ReadFile(file_), row.after);
+    }
+    UseFile("# about n\n" + n + "\n\n# about a\n" + a);
+    ldapClient client;
+    ASSERT_TRUE(Open(&client));
+    EXPECT_EQ(client.DeleteEntry("mail=n"), ModifyResult::kDone);
+    EXPECT_EQ(ReadFile(file_), "# about n\n\n\n# about a\n" + a);
+}
+
+TEST_F(LdifDirectory, BrokenAndHostileFilesAreAnUnreachableDirectory)
+{
+    const std::string good = "dn: mail=a\nmail: a\n\n";
+    const struct {
+        const char* name;
+        std::string bytes;
+        const char* error;
+    } kRows[] = {
+        {"another file's bytes", good + "dn: mail=b\nmail:< file:///etc/hostname\n",
+         "line 5: a value by URL"},
+        {"the same, folded", good + "dn: mail=b\nmail:\n < file:///etc/hostname\n",
+         "line 5: a value by URL"},
+        {"another file's bytes as the name", "dn:< file:///etc/hostname\n",
+         "line 1: a value by URL"},
+        {"no colon", good + "dn: mail=b\nmail\n", "line 5: no colon"},
+        {"no name before the colon", good + "dn: mail=b\n: x\n", "line 5: not an attribute name"},
+        {"a blank in the name", good + "dn: mail=b\nma il: x\n", "line 5: not an attribute name"},
+        {"broken base64", good + "dn: mail=b\nmail:: a$b\n", "line 5: broken base64"},
+        {"cut base64", good + "dn: mail=b\nmail:: YW\n", "line 5: broken base64"},
+        {"no dn", good + "mail: b\ncn: b\n", "line 4: a record without a dn"},
+        {"an empty dn", good + "dn:\nmail: b\n", "line 4: a record without a dn"},
+        {"a dn that is no name", "dn: staff\nmail: b\n", "line 1: the dn is not a name"},
+        {"a change", "dn: mail=b\nchangetype: delete\n", "line 2: a change record"},
+        {"a NUL", good + std::string("dn: mail=b\nmail: b\0c\n", 21), "line 5: NUL byte"},
+        {"folded onto nothing", good + " dn: mail=b\n",
+         "line 4: a folded line without a line before it"},
+        {"binary",
+         "\x7F"
+         "ELF\x02\x01\x01\n\x01\x02",
+         "line 1: no colon"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        UseFile(row.bytes);
+        ldapClient client;
+        log.ExpectError("lists.ldif, " + std::string(row.error));
+        EXPECT_FALSE(Open(&client));
+        EXPECT_TRUE(client.ldapClientSearch(nullptr, 2, false, "objectclass=*").failed);
+        EXPECT_EQ(client.ldapClientModify("mail=a", {Add("Digest;b")}), ModifyResult::kUnreachable);
+        EXPECT_EQ(ReadFile(file_), row.bytes);
+    }
+}
+
+TEST_F(LdifDirectory, WhatIsNoRegularFileIsUnreachable)
+{
+    for (const auto& [path, error] : {std::pair{Path("missing"), "missing: No such file"},
+                                      std::pair{Path("conf"), "conf is not a regular file"}}) {
+        Configure("[Ldap]\nFile = " + path + "\n");
+        log.ExpectError(error);
+        ldapClient client;
+        EXPECT_FALSE(Open(&client));
+    }
+}
+
+TEST_F(LdifDirectory, OddFilesAreRead)
+{
+    const std::string entry = "dn: mail=a\nobjectClass: qvlist\nmail: a\nlistmember: Digest;b\n";
+    const std::string huge(10'000'000, 'x');
+    const struct {
+        const char* name;
+        std::string bytes;
+        Texts members;
+    } kRows[] = {
+        {"empty", "", {}},
+        {"comments only", "# nothing\n\n# here", {}},
+        {"a BOM", "\xEF\xBB\xBF" + entry, {"Digest;b"}},
+        {"a version", "version: 1\n" + entry, {"Digest;b"}},
+        {"CRLF", Crlf("version: 1\n\n\n" + entry), {"Digest;b"}},
+        {"a name in base64",
+         "dn:: bWFpbD1h\nobjectClass: qvlist\nlistmember: Digest;b\n",
+         {"Digest;b"}},
+        {"a value with a line end",
+         "dn: mail=a\nobjectClass: qvlist\nlistmember:: YQpi\n",
+         {"a\nb"}},
+        {"a value with a NUL",
+         "dn: mail=a\nobjectClass: qvlist\nlistmember:: YQBi\n",
+         {std::string("a\0b", 3)}},
+        {"blanks", "dn: mail=a\nobjectClass:   qvlist\nlistmember:Digest;b \n", {"Digest;b "}},
+        {"a line of 10 MB", entry + "listmember: " + huge + "\n", {"Digest;b", huge}},
+        {"the same name twice", entry + "\n" + entry, {"Digest;b", "Digest;b"}},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        UseFile(row.bytes);
+        const SearchReq result = Search("objectclass=qvlist");
+        EXPECT_FALSE(result.failed);
+        EXPECT_EQ(Values(result, "listmember") == row.members, true);  // too long to print
+    }
+}
+
+TEST_F(LdifDirectory, AnEntryThatStandsTwiceIsNotChanged)
+{
+    const std::string entry = "dn: mail=a\nmail: a\n\n";
+    UseFile(entry + entry);
+    log.ExpectError("lists.ldif, line 4: the entry of line 1 again");
+    EXPECT_EQ(Modify("mail=a", {Add("Digest;b")}), ModifyResult::kUnreachable);
+    EXPECT_EQ(ReadFile(file_), entry + entry);
+}
+
+TEST_F(LdifDirectory, ModeOwnerAndLinkAreKept)
+{
+    UseFile("dn: mail=a\nmail: a\n");
+    const bool root = getuid() == 0;
+    ASSERT_EQ(chmod(file_.c_str(), 0640), 0);
+    ASSERT_EQ(chown(file_.c_str(), root ? 65534 : getuid(), root ? 65534 : getgid()), 0);
+    const std::string link = Path("link.ldif");
+    std::filesystem::create_symlink(file_, link);
+    Configure("[Ldap]\nFile = " + link + "\n");
+    EXPECT_EQ(Modify("mail=a", {Add("Digest;b")}), ModifyResult::kDone);
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    for (const std::string& path : {file_, file_ + ".lock"}) {
+        struct stat state {
+        };
+        ASSERT_EQ(stat(path.c_str(), &state), 0);
+        EXPECT_EQ(state.st_mode & 07777, 0640U);
+        EXPECT_EQ(state.st_uid, root ? 65534 : getuid());
+    }
+    EXPECT_EQ(Search("listmember=Digest;b").entries.size(), 1U);
+}
+
+TEST_F(LdifDirectory, AFullDiskLeavesTheFileAndNoRubbish)
+{
+    UseFile("dn: mail=a\nmail: a\n" + std::string("# ") + std::string(20'000, 'x') + "\n");
+    const std::string before = ReadFile(file_);
+    rlimit old{};
+    getrlimit(RLIMIT_FSIZE, &old);
+    const rlimit small{8192, old.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small);
+    log.ExpectError("lists.ldif: cannot write beside it: File too large");
+    const ModifyResult result = Modify("mail=a", {Add("Digest;b")});
+    setrlimit(RLIMIT_FSIZE, &old);
+    (void)std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(result, ModifyResult::kRefused);
+    EXPECT_EQ(ReadFile(file_), before);
+    for (const auto& entry : std::filesystem::directory_iterator(Path("")))
+        EXPECT_TRUE(!entry.is_regular_file() || entry.path() == file_ ||
+                    entry.path() == file_ + ".lock")
+            << entry.path();
+}
+
+TEST_F(LdifDirectory, ALockThatIsNotGivenBackIsGivenUp)
+{
+    UseFile("dn: mail=a\nmail: a\n");
+    const std::string lock = Write("lists.ldif.lock", "");
+    const int fd = open(lock.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    log.ExpectError("no lock on ");
+    EXPECT_EQ(Modify("mail=a", {Add("Digest;b")}), ModifyResult::kUnreachable);
+    close(fd);
+    EXPECT_EQ(Modify("mail=a", {Add("Digest;b")}), ModifyResult::kDone);
+}
+
+TEST_F(LdifDirectory, WhatAnEditorSavedMeanwhileIsNotOverwritten)
+{
+    UseFile("dn: mail=a\nmail: a\n");
+    std::FILE* file = std::fopen(file_.c_str(), "rb");
+    struct stat read {
+    };
+    ASSERT_EQ(fstat(fileno(file), &read), 0);
+    const std::string saved = "dn: mail=b\nmail: b\n";
+    Write("lists.ldif", saved + saved);
+    std::string error;
+    EXPECT_EQ(ApplyLdifEdits(file, read, file_, {{0, 0, "# x\n"}}, &error), LdifWrite::kChanged);
+    EXPECT_EQ(ReadFile(file_), saved + saved);
+    std::fclose(file);
+}
+
+TEST_F(LdifDirectory, ARelativeNameLiesInTheConfigurationFolder)
+{
+    Write("conf/lists.ldif", "dn: mail=a\nmail: a\n");
+    Configure("[Ldap]\nFile = lists.ldif\n");
+    EXPECT_EQ(Search("mail=a").entries.size(), 1U);
+}
+
+}  // namespace
+}  // namespace dl::testing
