@@ -1,0 +1,143 @@
+#include "platform/archive/archive.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+
+#include "platform/address/address.h"
+#include "platform/archive/generate.h"
+#include "platform/archive/index_private.h"
+#include "platform/archive/trees.h"
+#include "platform/clock/clock.h"
+#include "platform/config/data_path.h"
+#include "platform/files/files.h"
+#include "platform/log/format.h"
+
+namespace dl
+{
+namespace
+{
+
+constexpr mode_t kPasswordMode = 0640;
+constexpr unsigned long kMaxId = 0xFFFFFFFF;
+
+std::string UserOf(std::string_view line)
+{
+    return std::string(line.substr(0, line.find(':')));
+}
+
+bool IsFolder(const std::string& path)
+{
+    struct stat status {
+    };
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+}  // namespace
+
+CDlArchive& SharedArchive()
+{
+    static CDlArchive archive("DL Manager");
+    return archive;
+}
+
+CDlArchiveException::CDlArchiveException(const std::string& text)
+{
+    std::snprintf(message, sizeof message, "%s", text.c_str());
+}
+
+CDlArchive::CDlArchive(const char* module) : module_(module) {}
+
+void CDlArchive::GetArchivePath()
+{
+    path_ = PathOf(list_);
+}
+
+std::string CDlArchive::PathOf(const std::string& list)
+{
+    if (!IsSafeFolderName(list))
+        throw CDlArchiveException("DL Manager: no archive for the list name " + list);
+    return DataPath() + "/" + list + "/archive";
+}
+
+unsigned long CDlArchive::GetId(const std::string& file_name)
+{
+    const auto id = archive::IdOfFile(file_name.substr(file_name.rfind('/') + 1));
+    if (!id)
+        throw CDlArchiveException("DL Manager: no file name of an archived message: " + file_name);
+    return static_cast<unsigned long>(*id);
+}
+
+void CDlArchive::AddArchive(const std::string& archive_path, unsigned long id)
+{
+    const std::string file = archive_path + FormatText("/%08lX.msg", id);
+    if (id > kMaxId || FileSize(file) < 0)
+        throw CDlArchiveException("DL Manager: there is no message " + file + " to be archived");
+    const auto index = archive::OpenIndex(archive_path);
+    index->KeepLog();
+    index->Run("INSERT OR REPLACE INTO incoming VALUES (?1, ?2, 0)", static_cast<std::int64_t>(id),
+               NowMicroseconds());
+}
+
+void CDlArchive::GenerateIndexPages(const std::string& list)
+{
+    const std::string path = PathOf(list);
+    if (IsFolder(path))
+        archive::Generate(path, list);
+}
+
+void CDlArchive::RemoveArchive(const std::string& list, unsigned long id)
+{
+    const std::string path = PathOf(list);
+    if (id > kMaxId || !IsFolder(path) ||
+        !archive::Remove(path, list, static_cast<std::int64_t>(id)))
+        throw CDlArchiveException(
+            FormatText("DL Manager: the archive of %s has no message %08lX", list.c_str(), id));
+}
+
+void CDlArchive::RebuildArchive(const std::string& list)
+{
+    const std::string path = PathOf(list);
+    if (!IsFolder(path))
+        throw CDlArchiveException("DL Manager: there is no archive folder " + path);
+    archive::Rebuild(path, list);
+}
+
+void CDlArchive::DescribeArchive(const std::string& list, const ArchiveDescription& description)
+{
+    const auto index = archive::OpenIndex(PathOf(list));
+    archive::Transaction transaction(*index);
+    archive::SetMeta(*index, "title", description.title);
+    archive::SetMeta(*index, "description", description.description);
+    archive::SetMeta(*index, "url", description.url);
+    transaction.Commit();
+}
+
+void CDlArchive::UpdateRemoteFile(const std::string& line)
+{
+    const std::string entry = line.substr(0, line.find_last_not_of("\r\n") + 1);
+    const std::string user = UserOf(entry);
+    if (user.empty() || user.size() == entry.size() ||
+        entry.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
+        throw CDlArchiveException(module_ + ": no line of a password file for list " + list_);
+    const std::string file = path_ + "/htpasswd";
+    std::string text;
+    bool replaced = false;
+    LineReader in(file);
+    while (const auto old = in.Next()) {
+        if (EqualNoCase(UserOf(*old), user)) {
+            text += replaced ? "" : entry + "\n";
+            replaced = true;
+        } else {
+            text += *old;
+        }
+    }
+    if (!text.empty() && text.back() != '\n')
+        text += '\n';
+    if (!replaced)
+        text += entry + "\n";
+    if (in.Failed() || !ReplaceFile(file, text, kPasswordMode))
+        throw CDlArchiveException(module_ + ": cannot write " + file);
+}
+
+}  // namespace dl

@@ -1,0 +1,184 @@
+#include <sqlite3.h>
+
+#include <cassert>
+
+#include "platform/archive/archive.h"
+#include "platform/archive/database_private.h"
+
+namespace dl::archive
+{
+namespace
+{
+
+constexpr int kBusyMilliseconds = 20'000;
+
+const char* Meaning(int code)
+{
+    switch (code & 0xFF) {
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            return "is damaged; rebuild the archive";
+        case SQLITE_FULL:
+            return "cannot grow: the disk is full";
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+            return "is in use by another program";
+        case SQLITE_READONLY:
+        case SQLITE_PERM:
+        case SQLITE_AUTH:
+            return "may not be written";
+        case SQLITE_CANTOPEN:
+            return "cannot be opened";
+        case SQLITE_NOMEM:
+            return "needs more memory than there is";
+        case SQLITE_IOERR:
+            return "cannot be read or written";
+        default:
+            return "cannot be used";
+    }
+}
+
+}  // namespace
+
+Rows::Rows(Rows&& other) noexcept : database_(other.database_), statement_(other.statement_)
+{
+    other.statement_ = nullptr;
+}
+
+Rows::~Rows()
+{
+    if (statement_)
+        sqlite3_reset(statement_);
+}
+
+bool Rows::Next()
+{
+    const int code = sqlite3_step(statement_);
+    if (code == SQLITE_ROW)
+        return true;
+    if (code != SQLITE_DONE)
+        database_.Fail(code);
+    return false;
+}
+
+std::int64_t Rows::Int(int column) const
+{
+    return sqlite3_column_int64(statement_, column);
+}
+
+std::string Rows::Text(int column) const
+{
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    return text ? std::string(text,
+                              static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)))
+                : "";
+}
+
+bool Rows::IsNull(int column) const
+{
+    return sqlite3_column_type(statement_, column) == SQLITE_NULL;
+}
+
+Database::Database(const std::string& path, Open how) : path_(path)
+{
+    const int flags = SQLITE_OPEN_READWRITE | (how == Open::kMake ? SQLITE_OPEN_CREATE : 0);
+    const int code = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
+    if (code != SQLITE_OK) {
+        sqlite3_close(db_);
+        Fail(code);
+    }
+    sqlite3_extended_result_codes(db_, 1);
+    sqlite3_busy_timeout(db_, kBusyMilliseconds);
+}
+
+Database::~Database()
+{
+    for (const auto& [sql, statement] : statements_)
+        sqlite3_finalize(statement);
+    sqlite3_close(db_);
+}
+
+std::int64_t Database::LastId() const
+{
+    return sqlite3_last_insert_rowid(db_);
+}
+
+void Database::KeepLog()
+{
+    (void)sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);  // only slower
+}
+
+void Database::Script(const char* sql)
+{
+    const int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK)
+        Fail(code);
+}
+
+void Database::Fail(int code) const
+{
+    const std::string text = "DL Manager: the archive index " + path_ + " " + Meaning(code);
+    if ((code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB)
+        throw DamagedIndex(text);
+    throw CDlArchiveException(text);
+}
+
+sqlite3_stmt* Database::Prepare(const char* sql)
+{
+    sqlite3_stmt*& statement = statements_[sql];
+    if (!statement) {
+        const int code =
+            sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
+        if (code != SQLITE_OK)
+            Fail(code);
+    }
+    assert(!sqlite3_stmt_busy(statement));
+    return statement;
+}
+
+void Database::Bind(sqlite3_stmt* statement, int at, std::int64_t value)
+{
+    if (const int code = sqlite3_bind_int64(statement, at, value); code != SQLITE_OK)
+        Fail(code);
+}
+
+void Database::Bind(sqlite3_stmt* statement, int at, std::string_view value)
+{
+    const int code = sqlite3_bind_text64(statement, at, value.data(), value.size(),
+                                         SQLITE_TRANSIENT, SQLITE_UTF8);
+    if (code != SQLITE_OK)
+        Fail(code);
+}
+
+void Database::Bind(sqlite3_stmt* statement, int at, const std::optional<std::int64_t>& value)
+{
+    if (value)
+        Bind(statement, at, *value);
+    else if (const int code = sqlite3_bind_null(statement, at); code != SQLITE_OK)
+        Fail(code);
+}
+
+Transaction::Transaction(Database& database) : database_(database)
+{
+    database_.Run("BEGIN IMMEDIATE");
+}
+
+Transaction::~Transaction()
+{
+    if (!open_)
+        return;
+    try {
+        database_.Run("ROLLBACK");
+    } catch (const CDlArchiveException&) {
+        // The failure that ended the transaction may have rolled it back; closing the connection
+        // does so in any case.
+    }
+}
+
+void Transaction::Commit()
+{
+    database_.Run("COMMIT");
+    open_ = false;
+}
+
+}  // namespace dl::archive

@@ -1,0 +1,305 @@
+#include "platform/archive/generate.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <vector>
+
+#include "platform/archive/assets.h"
+#include "platform/archive/filing_private.h"
+#include "platform/archive/pages_private.h"
+#include "platform/archive/trees.h"
+#include "platform/clock/clock.h"
+#include "platform/log/format.h"
+#include "platform/log/log.h"
+#include "platform/mime/read_posting.h"
+
+namespace dl::archive
+{
+namespace
+{
+
+constexpr std::int64_t kReadAtOnce = 200;    // postings per transaction
+constexpr std::int64_t kWriteAtOnce = 1000;  // pages per sync
+constexpr int kLayout = 1;                   // changes with the pages' markup
+
+std::string PostingFileName(std::int64_t id)
+{
+    return FormatText("%08llX.msg", static_cast<unsigned long long>(id));
+}
+
+struct Incoming {
+    std::int64_t id = 0;
+    std::int64_t stamp = 0;
+    std::optional<Facts> facts;  // none: the file cannot be read
+};
+
+std::optional<Facts> ReadFacts(const std::string& path, std::int64_t id)
+{
+    const auto file = PostingFile::Read(path);
+    if (!file)
+        return std::nullopt;
+    struct stat status {
+    };
+    const std::int64_t arrival = ::stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+    return FactsOf(file->Get(), id, arrival, Now());
+}
+
+class Generator
+{
+ public:
+    Generator(const std::string& archive_path, const std::string& list)
+        : path_(archive_path), list_(list), index_(OpenIndex(archive_path))
+    {
+    }
+
+    [[nodiscard]] Database& Index() { return *index_; }
+
+    void Run()
+    {
+        FinishExchange(path_, *index_);
+        RemoveGone();
+        ReadIncoming();
+        RemoveGone();
+        const std::string top = path_ + "/" + PagesFolder(*index_);
+        const Site site = MakeSite();
+        PrepareFolder(site, top);
+        while (WriteSome(site, top)) {
+        }
+        ExchangeTrees(path_, *index_);
+    }
+
+    void RemoveGone()
+    {
+        std::vector<std::string> paths;
+        do {
+            paths.clear();
+            {
+                Rows rows = index_->Query("SELECT path FROM gone LIMIT 500");
+                while (rows.Next())
+                    paths.push_back(rows.Text(0));
+            }
+            for (const std::string& path : paths)
+                RemoveEverywhere(path_, path);
+            if (!paths.empty())
+                SyncTree(path_);
+            Transaction transaction(*index_);
+            for (const std::string& path : paths)
+                index_->Run("DELETE FROM gone WHERE path=?1", path);
+            transaction.Commit();
+        } while (!paths.empty());
+    }
+
+ private:
+    void ReadIncoming()
+    {
+        for (;;) {
+            std::vector<Incoming> all;
+            {
+                Rows rows = index_->Query(
+                    "SELECT id, stamp FROM incoming WHERE failed=0 ORDER BY id LIMIT ?1",
+                    kReadAtOnce);
+                while (rows.Next())
+                    all.push_back({rows.Int(0), rows.Int(1), std::nullopt});
+            }
+            if (all.empty())
+                return;
+            // Reading may take long; a posting is filed meanwhile without waiting for it.
+            for (Incoming& one : all)
+                one.facts = ReadFacts(path_ + "/" + PostingFileName(one.id), one.id);
+            Transaction transaction(*index_);
+            for (const Incoming& one : all)
+                File(one);
+            transaction.Commit();
+        }
+    }
+
+    // A posting that was filed again since it was read is read again.
+    void File(const Incoming& one)
+    {
+        if (one.facts) {
+            FilePosting(*index_, *one.facts);
+            index_->Run("DELETE FROM incoming WHERE id=?1 AND stamp=?2", one.id, one.stamp);
+            return;
+        }
+        index_->Run("UPDATE incoming SET failed=1 WHERE id=?1 AND stamp=?2", one.id, one.stamp);
+        LogMessage(1, "DL Manager",
+                   FormatText("The archive of %s leaves out %s, which cannot be read as a message",
+                              list_.c_str(), PostingFileName(one.id).c_str())
+                       .c_str());
+    }
+
+    Site MakeSite()
+    {
+        std::string title = Meta(*index_, "title");
+        if (title.empty())
+            title = list_.substr(0, list_.rfind('@'));
+        return {*index_, path_, list_, title, Meta(*index_, "description"), Meta(*index_, "url")};
+    }
+
+    // Writes the files that all pages share. When they, or what all pages say, have changed, all
+    // pages are due.
+    void PrepareFolder(const Site& site, const std::string& top)
+    {
+        std::string all = std::to_string(kLayout);
+        for (const std::string_view part :
+             {kStyleSheet, kIcon, kSearchScript, std::string_view(site.list),
+              std::string_view(site.title), std::string_view(site.description),
+              std::string_view(site.url)})
+            all.append("\n").append(part);
+        const std::string layout = Sha256Hex(all);
+        if (Meta(*index_, "layout") == layout && FileSize(top + "/style.css") >= 0 &&
+            FileSize(top + "/index.html") >= 0)
+            return;
+        PageBatch batch(top);
+        batch.Add("style.css", kStyleSheet);
+        batch.Add("icon.svg", kIcon);
+        batch.Add("search.js", kSearchScript);
+        batch.Commit();
+        Transaction transaction(*index_);
+        MarkAllPages(*index_);
+        SetMeta(*index_, "layout", layout);
+        transaction.Commit();
+    }
+
+    // Writes the next pages that are due and clears their marks. False when there is none.
+    bool WriteSome(const Site& site, const std::string& top)
+    {
+        std::vector<PageId> pages;
+        {
+            Rows rows = index_->Query(
+                "SELECT kind, value, page FROM dirty ORDER BY kind, value, page LIMIT ?1",
+                kWriteAtOnce);
+            while (rows.Next())
+                pages.push_back({static_cast<PageKind>(rows.Int(0)), rows.Int(1), rows.Int(2)});
+        }
+        if (pages.empty())
+            return false;
+        PageBatch batch(top);
+        for (const PageId& page : pages)
+            if (const auto bytes = Make(site, page, &batch))
+                batch.Add(PagePath(*index_, page), *bytes);
+        batch.Commit();
+        Transaction transaction(*index_);
+        for (const PageId& page : pages)
+            index_->Run("DELETE FROM dirty WHERE kind=?1 AND value=?2 AND page=?3",
+                        static_cast<std::int64_t>(page.kind), page.value, page.page);
+        transaction.Commit();
+        return true;
+    }
+
+    static std::optional<std::string> Make(const Site& site, const PageId& page, PageBatch* batch)
+    {
+        switch (page.kind) {
+            case PageKind::kPosting:
+                return PostingPage(site, page.value, batch);
+            case PageKind::kThread:
+                return ThreadPage(site, page);
+            case PageKind::kMonth:
+                return MonthPage(site, page);
+            case PageKind::kThreadMonth:
+                return ThreadMonthPage(site, page);
+            case PageKind::kAuthor:
+                return AuthorPage(site, page);
+            case PageKind::kAuthors:
+                return AuthorsPage(site, page);
+            case PageKind::kAuthorsIndex:
+                return AuthorsIndexPage(site);
+            case PageKind::kSearchShard:
+                return SearchShard(site, page.page);
+            case PageKind::kSearchPage:
+                return SearchPage(site);
+            case PageKind::kThreadsFront:
+                return ThreadsFrontPage(site);
+            case PageKind::kFeed:
+                return FeedPage(site);
+            case PageKind::kFront:
+                return FrontPage(site);
+        }
+        return std::nullopt;
+    }
+
+    std::string path_;
+    std::string list_;
+    std::unique_ptr<Database> index_;
+};
+
+// The ids of all posting files.
+std::vector<std::int64_t> PostingFiles(const std::string& archive_path)
+{
+    std::vector<std::int64_t> ids;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(archive_path, error), end; !error && at != end;
+         at.increment(error)) {
+        if (const auto id = IdOfFile(at->path().filename().string()))
+            ids.push_back(*id);
+    }
+    if (error)
+        throw CDlArchiveException("DL Manager: cannot read the folder " + archive_path);
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+// Addresses and descriptions stay; everything else is read again. The files are listed inside the
+// transaction: one that is filed before it is among them, one that is filed behind it records
+// itself.
+void ClearIndex(Database& index, const std::string& archive_path, const std::string& token)
+{
+    Transaction transaction(index);
+    const std::vector<std::int64_t> ids = PostingFiles(archive_path);
+    index.Script(
+        "DELETE FROM posting; DELETE FROM thread; DELETE FROM author; DELETE FROM wanted;"
+        "DELETE FROM leaf; DELETE FROM shard; DELETE FROM dirty; DELETE FROM incoming;");
+    for (const std::int64_t id : ids)
+        index.Run("INSERT INTO incoming VALUES (?1, 0, 0)", id);
+    SetMeta(index, "layout", "");
+    SetMeta(index, "rebuild", token);
+    transaction.Commit();
+}
+
+}  // namespace
+
+void Generate(const std::string& archive_path, const std::string& list)
+{
+    const WriterLock lock(archive_path);
+    Generator(archive_path, list).Run();
+}
+
+bool Remove(const std::string& archive_path, const std::string& list, std::int64_t id)
+{
+    const WriterLock lock(archive_path);
+    Generator generator(archive_path, list);
+    Database& index = generator.Index();
+    index.Run("PRAGMA secure_delete=ON");
+    bool found = FileSize(archive_path + "/" + PostingFileName(id)) >= 0;
+    Transaction transaction(index);
+    found = UnfilePosting(index, id) || found;
+    index.Run("DELETE FROM incoming WHERE id=?1", id);
+    if (found)
+        MarkGone(index, PostingFileName(id));
+    transaction.Commit();
+    generator.Run();
+    // What the log of the index still holds of the posting goes too.
+    index.Run("PRAGMA wal_checkpoint(TRUNCATE)");
+    return found;
+}
+
+void Rebuild(const std::string& archive_path, const std::string& list)
+{
+    const WriterLock lock(archive_path);
+    const std::string token = BeginNewTree(archive_path);
+    try {
+        Generator generator(archive_path, list);
+        generator.RemoveGone();
+        ClearIndex(generator.Index(), archive_path, token);
+        generator.Run();
+    } catch (const DamagedIndex&) {
+        SetIndexAside(archive_path);
+        Generator generator(archive_path, list);
+        ClearIndex(generator.Index(), archive_path, token);
+        generator.Run();
+    }
+}
+
+}  // namespace dl::archive
