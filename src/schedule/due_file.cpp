@@ -1,0 +1,50 @@
+#include "schedule/due_file.h"
+
+#include "platform/config/data_path.h"
+#include "platform/files/files.h"
+#include "platform/log/format.h"
+
+namespace dl
+{
+
+DueFile::DueFile(const std::string& path) : file_(Files().Open(path.c_str(), "r+b")) {}
+
+DueFile::~DueFile()
+{
+    if (file_)
+        (void)Files().Close(file_);  // Overwrite has flushed what it wrote
+}
+
+std::time_t DueFile::Read()
+{
+    long moment = 0;
+    std::rewind(file_);
+    return std::fscanf(file_, "%ld", &moment) == 1 ? moment : 0;
+}
+
+bool DueFile::Overwrite(std::time_t moment)
+{
+    char text[32];
+    const int length = std::snprintf(text, sizeof text, "%ld", static_cast<long>(moment));
+    std::rewind(file_);
+    return Files().Write(file_, text, static_cast<std::size_t>(length)) && std::fflush(file_) == 0;
+}
+
+bool DueFile::Create(const std::string& path, std::time_t moment)
+{
+    FileWriter out(path, "wb");
+    if (!out.IsOpen())
+        return false;
+    (void)out.Print("%ld", static_cast<long>(moment));  // Close says whether it reached the disk
+    if (out.Close())
+        return true;
+    (void)Files().Remove(path.c_str());  // an empty file would be due at once, and never replaced
+    return false;
+}
+
+std::string DigestDuePath(const std::string& list)
+{
+    return FormatText("%s%c%s%cdigest%cdigest.dt", DataPath().c_str(), '/', list.c_str(), '/', '/');
+}
+
+}  // namespace dl
