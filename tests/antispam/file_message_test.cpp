@@ -1,0 +1,306 @@
+// Filing: what is stored, and that a failing step leaves nothing.
+
+#include "antispam/file_message.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include "platform/files/files.h"
+#include "tests/antispam/mailbox_fixture.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr char kMessage[] = "Subject: hi\r\nFrom: a@b.c\r\n\r\nbody\r\n";
+
+// A disk that is full for files whose name ends in a number, which messages' do.
+class FullDisk : public FileBackend
+{
+ public:
+    explicit FullDisk(bool opens) : opens_(opens), before_(SetFileBackend(this)) {}
+    ~FullDisk() override { SetFileBackend(before_); }
+    std::FILE* Open(const char* path, const char* mode) override
+    {
+        return opens_ ? PosixFiles().Open(path, mode) : nullptr;
+    }
+    bool Write(std::FILE*, const void*, std::size_t) override { return false; }
+    bool Close(std::FILE* file) override { return PosixFiles().Close(file); }
+    bool Remove(const char* path) override { return PosixFiles().Remove(path); }
+    bool Rename(const char* from, const char* to) override { return PosixFiles().Rename(from, to); }
+
+ private:
+    bool opens_;
+    FileBackend* before_;
+};
+
+class FileMessageTest : public MailboxFixture
+{
+ protected:
+    bool File(const std::string& message, const std::string& folder)
+    {
+        return FileMessage(Path("mbx"), Write("in.msg", message), folder);
+    }
+};
+
+TEST_F(FileMessageTest, StoresTheMessageAndItsRecords)
+{
+    SetZone("EST5EDT");
+    EXPECT_TRUE(File(kMessage, "spam"));
+    EXPECT_EQ(Folder("spam"), "flags 5, counters 1 1 1, next 1; 0 stat env parts 1; files 0");
+    EXPECT_EQ(ReadFile(Path("mbx/spam/0")), std::string("\x11\0\0\0\r\n", 6) + kMessage);
+    diamondBase session;
+    msgstat stats(session, Path("mbx/spam"));
+    msgstat_record record;
+    ASSERT_EQ(stats.GetMsgStat(0, &record), kStoreDone);
+    EXPECT_EQ(record.day, 9);
+    EXPECT_EQ(record.month, 11);
+    EXPECT_EQ(record.year, 34);
+    EXPECT_EQ(record.hour, 6);
+    EXPECT_EQ(record.minute, 33);
+    EXPECT_EQ(record.second, 20);
+    EXPECT_EQ(record.zone_hours, 5);
+    EXPECT_EQ(record.zone_minutes, 0);
+    EXPECT_TRUE(record.zone_negative);
+    EXPECT_EQ(record.size, static_cast<std::int64_t>(sizeof kMessage - 1));
+    EXPECT_EQ(record.header, 26);
+    EXPECT_TRUE(File(kMessage, "spam"));
+    EXPECT_EQ(Folder("spam"),
+              "flags 5, counters 2 2 2, next 2; 0 stat env parts 1; 1 stat env parts 1; files 0 1");
+}
+
+TEST_F(FileMessageTest, HeaderLengths)
+{
+    const struct {
+        const char* name;
+        std::string message;
+        std::int64_t header;
+    } rows[] = {
+        {"usual", "A: b\r\n\r\nbody", 6},
+        {"no empty line: where the search stopped", "A: b\r\nC: d\r\n", 9},
+        {"short", "A:", 0},
+        {"empty", "", 0},
+        {"a NUL byte ends the search", std::string("A: \0b\r\n\r\nx", 10), 3},
+        {"nothing behind it", "A: b\r\n\r\n", 6},
+    };
+    std::int64_t uid = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_TRUE(File(row.message, "spam"));
+        diamondBase session;
+        msgstat stats(session, Path("mbx/spam"));
+        msgstat_record record;
+        ASSERT_EQ(stats.GetMsgStat(uid, &record), kStoreDone);
+        EXPECT_EQ(record.header, row.header);
+        EXPECT_EQ(record.size, static_cast<std::int64_t>(row.message.size()));
+        ++uid;
+    }
+}
+
+TEST_F(FileMessageTest, EveryLevelIsAFolderOfItsOwn)
+{
+    chmod(Path("template/msgstat.db").c_str(), 0640);
+    EXPECT_TRUE(File(kMessage, "a/b"));
+    EXPECT_EQ(Folder("a"), "flags 1, counters 0 0 0, next 0; files b");
+    EXPECT_EQ(Folder("a/b"), "flags 5, counters 1 1 1, next 1; 0 stat env parts 1; files 0");
+    for (const char* name : kStoreFiles)
+        for (const char* folder : {"mbx/a/", "mbx/a/b/"})
+            EXPECT_TRUE(fs::exists(Path(folder) + name)) << folder << name;
+    EXPECT_EQ(fs::status(Path("mbx/a/b/msgstat.db")).permissions(), fs::perms(0640));
+    EXPECT_TRUE(File(kMessage, "a/c"));
+    EXPECT_TRUE(File(kMessage, "a"));
+    EXPECT_EQ(Folder("a"), "flags 5, counters 1 1 1, next 1; 0 stat env parts 1; files 0 b c");
+}
+
+TEST_F(FileMessageTest, FolderNames)
+{
+    const struct {
+        const char* name;
+        bool may;
+    } rows[] = {
+        {"spam", true},
+        {"a/b/c", true},
+        {"2024", true},
+        {"Gr\xc3\xbc\xc3\x9f"
+         "e it's",
+         true},
+        {"", false},
+        {"/spam", false},
+        {"/etc/x", false},
+        {"..", false},
+        {"a/../../b", false},
+        {".", false},
+        {"a//b", false},
+        {"a/", false},
+        {".hidden", false},
+        {"a/.new", false},
+        {"a\nb", false},
+        {"a/12", false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(IsFolderName(row.name), row.may);
+        if (!row.may)
+            log.ExpectError("FileMessage - Catch error: -3");
+        EXPECT_EQ(File(kMessage, row.name), row.may);
+    }
+    EXPECT_FALSE(IsFolderName(std::string("a\0b", 3)));
+}
+
+TEST_F(FileMessageTest, AFailingStepLeavesNothing)
+{
+    const std::string kNested =
+        "Content-Type: message/rfc822\r\nMime-Version: 1.0\r\n\r\nSubject: inner\r\n\r\nx\r\n";
+    const auto fail_on = [](const char* event, const char* table) {
+        return std::string("CREATE TRIGGER t BEFORE ") + event + " ON " + table +
+               " BEGIN SELECT RAISE(ABORT, 'no'); END";
+    };
+    using Break = std::function<void()>;
+    const struct {
+        const char* name;
+        Break break_it;
+        const char* path;  // of the message; null: a good one
+        int number;
+        Break mend;
+    } rows[] = {
+        {"message missing", [] {}, "missing.msg", -4, [] {}},
+        {"message is a folder", [] {}, "template", -4, [] {}},
+        {"no statistics of the folder",
+         [&] { Sql("mailbox.db", "UPDATE mailbox SET folder = 'x'"); }, nullptr, -8,
+         [&] { Sql("mailbox.db", "UPDATE mailbox SET folder = 'spam'"); }},
+        {"statistics record", [&] { Sql("spam/msgstat.db", fail_on("INSERT", "msgstat")); },
+         nullptr, -9, [&] { Sql("spam/msgstat.db", "DROP TRIGGER t"); }},
+        {"envelope", [&] { Sql("spam/msgenv.db", fail_on("INSERT", "msgenv")); }, nullptr, -9,
+         [&] { Sql("spam/msgenv.db", "DROP TRIGGER t"); }},
+        {"body", [&] { Sql("spam/msgbody.db", fail_on("INSERT", "msgbody")); }, nullptr, -9,
+         [&] { Sql("spam/msgbody.db", "DROP TRIGGER t"); }},
+        {"inner envelope",
+         [&] {
+             Sql("spam/msgenv.db",
+                 "CREATE TRIGGER t BEFORE INSERT ON msgenv WHEN NEW.number > 0 BEGIN"
+                 " SELECT RAISE(ABORT, 'no'); END");
+         },
+         nullptr, -9, [&] { Sql("spam/msgenv.db", "DROP TRIGGER t"); }},
+        {"counters", [&] { Sql("mailbox.db", fail_on("UPDATE", "mailbox")); }, nullptr, -9,
+         [&] { Sql("mailbox.db", "DROP TRIGGER t"); }},
+        {"a database file is gone", [&] { fs::rename(Path("mbx/spam/msgenv.db"), Path("away")); },
+         nullptr, -9, [&] { fs::rename(Path("away"), Path("mbx/spam/msgenv.db")); }},
+        {"a folder in the file's place", [&] { fs::create_directory(Path("mbx/spam/1")); }, nullptr,
+         -9, [&] { fs::remove(Path("mbx/spam/1")); }},
+    };
+    ASSERT_TRUE(File(kNested, "spam"));
+    const std::string before = Folder("spam");
+    EXPECT_EQ(before, "flags 5, counters 1 1 1, next 1; 0 stat env inner parts 2; files 0");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        row.break_it();
+        const std::string message = row.path ? Path(row.path) : Write("in.msg", kNested);
+        log.ExpectError("FileMessage - Catch error: " + std::to_string(row.number));
+        EXPECT_FALSE(FileMessage(Path("mbx"), message, "spam"));
+        row.mend();
+        EXPECT_EQ(Folder("spam"), before);
+    }
+    for (const bool opens : {false, true}) {
+        SCOPED_TRACE(opens ? "the disk is full" : "the file cannot be made");
+        Write("in.msg", kNested);
+        log.ExpectError("FileMessage - Catch error: -9");
+        {
+            const FullDisk disk(opens);
+            EXPECT_FALSE(FileMessage(Path("mbx"), Path("in.msg"), "spam"));
+        }
+        EXPECT_EQ(Folder("spam"), before);
+    }
+    EXPECT_TRUE(File(kNested, "spam")) << "after all of that";
+    EXPECT_EQ(log.Lines().back().level, 1);
+    EXPECT_EQ(log.Lines().back().module, "Bayesian filter");
+}
+
+TEST_F(FileMessageTest, UnreadableMessages)
+{
+    // Files of the kernel that say a size and give less, or that nobody may open for reading.
+    const struct {
+        const char* path;
+        int number;
+    } rows[] = {{"/sys/kernel/mm/transparent_hugepage/enabled", -7},
+                {"/sys/bus/platform/drivers_probe", -6}};
+    for (const auto& row : rows) {
+        if (!fs::exists(row.path))
+            continue;
+        SCOPED_TRACE(row.path);
+        log.ExpectError("FileMessage - Catch error: " + std::to_string(row.number));
+        EXPECT_FALSE(FileMessage(Path("mbx"), row.path, "spam"));
+        EXPECT_EQ(Folder("spam"), "flags 1, counters 0 0 0, next 0; files");
+    }
+}
+
+TEST_F(FileMessageTest, AFolderThatCannotBeMadeIsNotThere)
+{
+    const std::function<void()> breaks[] = {
+        [&] { fs::remove(Path("template/msgenv.str")); },
+        [&] { Write("conf/qvmta.ini", ""); },
+        [&] { fs::rename(Path("mbx"), Path("other")); },
+        [&] { Write("mbx/spam", "a file"); },
+    };
+    for (const auto& break_it : breaks) {
+        fs::remove_all(Path("mbx"));
+        fs::create_directory(Path("mbx"));
+        std::string reason;
+        ASSERT_TRUE(MakeStoreTemplate(Path("template"), &reason));
+        Gateway("");
+        break_it();
+        log.ExpectError("FileMessage - Catch error: -3");
+        EXPECT_FALSE(File(kMessage, "spam"));
+        EXPECT_FALSE(fs::is_directory(Path("mbx/spam")));
+        EXPECT_FALSE(fs::exists(Path("mbx/.new")));
+        if (fs::exists(Path("mbx"))) {
+            EXPECT_EQ(Folder("spam"), "not there");
+        }
+    }
+}
+
+TEST_F(FileMessageTest, WhatACrashLeftIsNoObstacle)
+{
+    ASSERT_TRUE(File(kMessage, "a"));
+    fs::create_directory(Path("mbx/.new"));
+    Write("mbx/.new/msgbody.db", "half");
+    Sql("mailbox.db", "INSERT INTO mailbox VALUES ('spam', 7, 8, 9, 10, 11, 12)");
+    EXPECT_TRUE(File(kMessage, "spam"));
+    EXPECT_EQ(Folder("spam"), "flags 5, counters 1 1 1, next 1; 0 stat env parts 1; files 0");
+    Sql("spam/msgstat.db", "INSERT INTO msgstat (uid) VALUES (1)");
+    Sql("spam/msgbody.db", "INSERT INTO msgbody (uid, number, part) VALUES (1, 0, 9)");
+    EXPECT_TRUE(File(kMessage, "spam"));
+    EXPECT_EQ(Folder("spam"),
+              "flags 5, counters 2 2 2, next 2; 0 stat env parts 1; 1 stat env parts 1; files 0 1");
+}
+
+TEST_F(FileMessageTest, ProcessesFileAtOnceWithoutLosingAny)
+{
+    Write("in.msg", kMessage);
+    pid_t children[3];
+    for (pid_t& child : children) {
+        child = fork();
+        if (child == 0) {
+            bool all = true;
+            for (int i = 0; i < 10; ++i)
+                all = FileMessage(Path("mbx"), Path("in.msg"), "a/b") && all;
+            _exit(all ? 0 : 1);
+        }
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(Folder("a/b").substr(0, 40), "flags 5, counters 30 30 30, next 30; 0 s");
+    for (int uid = 0; uid < 30; ++uid)
+        EXPECT_TRUE(fs::exists(Path("mbx/a/b/" + std::to_string(uid)))) << uid;
+}
+
+}  // namespace
+}  // namespace dl::testing
