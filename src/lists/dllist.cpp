@@ -1,0 +1,275 @@
+#include "lists/dllist.h"
+
+#include "platform/address/address.h"
+
+namespace dl
+{
+namespace
+{
+
+const char* TextOrNull(const std::optional<std::string>& text)
+{
+    return text ? text->c_str() : nullptr;
+}
+
+const std::vector<ListMember>* MembersOf(const _mailinglist& record, const std::string& mode)
+{
+    if (EqualNoCase(mode, "Immediate"))
+        return &record.immediate_members;
+    if (EqualNoCase(mode, "Digest"))
+        return &record.digest_members;
+    return nullptr;
+}
+
+const ListMember* FindMember(const std::vector<ListMember>& members, const std::string& address)
+{
+    for (const ListMember& member : members)
+        if (EqualNoCase(member.address, address))
+            return &member;
+    return nullptr;
+}
+
+}  // namespace
+
+dllist& ListCache()
+{
+    static dllist cache;
+    return cache;
+}
+
+dllist::dllist() : spam_checker_(std::make_unique<SpamChecker>())
+{
+    spam_checker_->SetName("DL");
+}
+
+dllist::~dllist()
+{
+    DeleteCache();
+}
+
+void dllist::DeleteCache()
+{
+    records_.clear();
+    records_.shrink_to_fit();
+    loaded_ = false;
+}
+
+std::int32_t dllist::Find(const std::string& list) const
+{
+    std::int32_t index = 0;
+    for (const _mailinglist& record : records_) {
+        if (EqualNoCase(record.name, list))
+            return index;
+        ++index;
+    }
+    return -1;
+}
+
+const _mailinglist* dllist::Record(const std::string& list) const
+{
+    const std::int32_t index = Find(list);
+    return index < 0 ? nullptr : &records_[static_cast<std::size_t>(index)];
+}
+
+const _mailinglist* dllist::AtCursor() const
+{
+    if (list_cursor_ < 0 || list_cursor_ >= Count())
+        return nullptr;
+    return &records_[static_cast<std::size_t>(list_cursor_)];
+}
+
+const char* dllist::GetFirstList()
+{
+    if (records_.empty())
+        return nullptr;
+    list_cursor_ = 0;
+    return records_.front().name.c_str();
+}
+
+const char* dllist::GetNextList()
+{
+    if (list_cursor_ + 1 >= Count())
+        return nullptr;
+    ++list_cursor_;
+    return AtCursor()->name.c_str();
+}
+
+bool dllist::IsCached(const std::string& list)
+{
+    if (CacheEmpty() && !InitCache())
+        return false;
+    return Find(list) >= 0 || AddCache(list);
+}
+
+int dllist::GetMode(const std::string& list)
+{
+    if (CacheEmpty())
+        (void)InitCache();  // an empty cache answers below
+    const _mailinglist* record = Record(list);
+    return record ? record->mode : -1;
+}
+
+int dllist::GetArchiveFlag(const std::string& list)
+{
+    if (CacheEmpty())
+        (void)InitCache();  // an empty cache answers below
+    const _mailinglist* record = Record(list);
+    return record ? record->archive : -1;
+}
+
+DigestTime dllist::GetDigestTime(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    if (!record)
+        return {};
+    return {record->digest_hour, record->digest_minute, record->digest_frequency,
+            record->digest_day};
+}
+
+long dllist::GetDigestSize(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? record->max_digest_size : 0;
+}
+
+const char* dllist::GetSubscribeTextFile(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? TextOrNull(record->subscribe_text) : nullptr;
+}
+
+const char* dllist::GetUnsubscribeTextFile(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? TextOrNull(record->unsubscribe_text) : nullptr;
+}
+
+const char* dllist::GetWelcomeTextFile(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? TextOrNull(record->welcome_text) : nullptr;
+}
+
+const char* dllist::GetDisclaimerFile(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? TextOrNull(record->disclaimer_text) : nullptr;
+}
+
+const char* dllist::GetDisclaimerHTMLFile(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? TextOrNull(record->disclaimer_html) : nullptr;
+}
+
+bool dllist::UseMimeDigest(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record && record->use_mime_digest;
+}
+
+int dllist::GetHandlingMethod(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? record->invalid_posting : kBounceAndForwardPosting;
+}
+
+bool dllist::AllowAutoSubscription(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record && record->auto_subscription;
+}
+
+bool dllist::AllowPosting(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return !record || record->posting_allowed;
+}
+
+bool dllist::RemoveReturnReceipt(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return !record || record->remove_return_receipt;
+}
+
+const AntiSpamConfig* dllist::GetSpamSettings(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? &record->spam_settings : nullptr;
+}
+
+bool dllist::IsMemberBlocked(const std::string& list, const std::string& address) const
+{
+    const _mailinglist* record = Record(list);
+    if (!record)
+        return false;
+    const ListMember* member = FindMember(record->digest_members, address);
+    if (!member)
+        member = FindMember(record->immediate_members, address);
+    return member && member->blocked;
+}
+
+bool dllist::HasMember(const std::string& list, const std::string& mode)
+{
+    if (CacheEmpty())
+        (void)RefreshCache();  // an empty cache answers below
+    if (Find(list) < 0)
+        return false;
+    const _mailinglist* record = AtCursor();
+    const std::vector<ListMember>* members = record ? MembersOf(*record, mode) : nullptr;
+    return members && !members->empty();
+}
+
+const char* dllist::GetFirstMember(const std::string& list, const std::string& mode)
+{
+    if (CacheEmpty())
+        (void)InitCache();  // an empty cache answers below
+    if (CacheEmpty())
+        return nullptr;
+    const std::int32_t index = Find(list);
+    if (index >= 0)
+        list_cursor_ = index;
+    else if (list_cursor_ == -1 && !AddCache(list))  // AddCache chooses the list that it appends
+        return nullptr;
+    const _mailinglist* record = AtCursor();
+    const std::vector<ListMember>* members = record ? MembersOf(*record, mode) : nullptr;
+    if (!members || members->empty())
+        return nullptr;
+    (members == &record->immediate_members ? immediate_cursor_ : digest_cursor_) = 0;
+    return members->front().address.c_str();
+}
+
+const char* dllist::GetNextMember(const std::string& list, const std::string& mode)
+{
+    const _mailinglist* record = AtCursor();
+    if (!record || !EqualNoCase(record->name, list))
+        return nullptr;
+    const std::vector<ListMember>* members = MembersOf(*record, mode);
+    if (!members)
+        return nullptr;
+    std::int32_t& cursor =
+        members == &record->immediate_members ? immediate_cursor_ : digest_cursor_;
+    const std::size_t next = static_cast<std::size_t>(cursor) + 1;
+    if (next >= members->size())
+        return nullptr;
+    ++cursor;
+    return (*members)[next].address.c_str();
+}
+
+char* _strlwr(char* text)
+{
+    for (char* p = text; *p; ++p)
+        if (*p >= 'A' && *p <= 'Z')
+            *p = static_cast<char>(*p - 'A' + 'a');
+    return text;
+}
+
+char* _strupr(char* text)
+{
+    for (char* p = text; *p; ++p)
+        if (*p >= 'a' && *p <= 'z')
+            *p = static_cast<char>(*p - 'a' + 'A');
+    return text;
+}
+
+}  // namespace dl

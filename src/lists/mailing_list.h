@@ -1,0 +1,65 @@
+// _mailinglist: one list's settings and members, as the cache keeps them.
+//
+// A record is filled once, by LoadMailingList from one directory entry, and then only read, but for
+// the owner, which is looked up on first demand. The record owns all its texts; whoever gets one
+// may use it until the next refresh.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "antispam/antispam_config.h"
+#include "platform/directory/directory.h"
+
+namespace dl
+{
+
+inline constexpr int kOpenList = 0;
+inline constexpr int kClosedList = 1;
+
+// What happens to a posting that the list refuses.
+inline constexpr int kDiscardPosting = 0;
+inline constexpr int kBouncePosting = 1;
+inline constexpr int kForwardPosting = 2;
+inline constexpr int kBounceAndForwardPosting = 3;
+
+struct ListMember {
+    std::string address;    // as written in the directory
+    std::int32_t mode = 0;  // 0 immediate, 1 digest
+    bool blocked = false;   // receives mail but may not post
+};
+
+struct _mailinglist {
+    std::string name;  // the list's address, key of every lookup
+    std::optional<std::string> owner;
+    std::optional<std::string> subscribe_text;  // paths of text files
+    std::optional<std::string> unsubscribe_text;
+    std::optional<std::string> welcome_text;
+    std::optional<std::string> disclaimer_text;
+    std::optional<std::string> disclaimer_html;
+    std::vector<ListMember> digest_members;
+    std::vector<ListMember> immediate_members;
+    std::int32_t mode = kOpenList;
+    std::int32_t archive = 1;
+    std::int32_t digest_count = 0;
+    std::int32_t immediate_count = 0;
+    std::int32_t digest_hour = 0;
+    std::int32_t digest_minute = 0;
+    std::int32_t max_digest_size = 0;  // the configured Kbytes times 100; 0 is no limit
+    std::int32_t digest_frequency = 0;
+    std::int32_t invalid_posting = kBounceAndForwardPosting;
+    std::int32_t digest_day = 1;  // weekly 1 Monday to 7 Sunday, monthly 1 to 31
+    bool use_mime_digest = true;
+    bool auto_subscription = false;
+    bool posting_allowed = true;
+    bool remove_return_receipt = true;
+    AntiSpamConfig spam_settings;
+};
+
+// Fills `record` from `entry`, whose member values it takes; logs each setting at level 6; seeds
+// the list's digest schedule file when it is missing. Always true.
+bool LoadMailingList(const std::string& list, SearchEntry* entry, _mailinglist* record);
+
+}  // namespace dl
