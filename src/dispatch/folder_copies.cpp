@@ -1,0 +1,103 @@
+#include "dispatch/folder_copies.h"
+
+#include "lists/dllist.h"
+#include "platform/address/address.h"
+#include "platform/archive/archive.h"
+#include "platform/config/config.h"
+#include "platform/config/data_path.h"
+#include "platform/files/files.h"
+#include "platform/log/format.h"
+#include "platform/log/log.h"
+
+namespace dl
+{
+namespace
+{
+
+constexpr unsigned long kCopyBlock = 4096;
+constexpr char kModule[] = "DL Manager";
+
+// Below the working directory when no data path is configured; the archive's base is another
+// matter.
+std::string DigestFolderPath(const std::string& list)
+{
+    const std::string base = GetPrivateProfileString("DLManager", "DBPath", "", 4095, kMainConfig);
+    if (base.empty())
+        return "./" + list + "/digest";
+    return base + (base.back() == '/' ? "" : "/") + list + "/digest";
+}
+
+std::string FileName(const std::string& path)
+{
+    return path.substr(path.rfind('/') + 1);
+}
+
+// False when the copy failed.
+bool Copy(const std::string& from, const std::string& to)
+{
+    try {
+        CFileUtil(kModule).Copy(from, to, kCopyBlock);
+    } catch (const CFileUtilException&) {
+        return false;
+    }
+    return true;
+}
+
+void FileInArchive(const std::string& list, const std::string& digest_copy,
+                   const std::string& entry_file, const std::string& name)
+{
+    const std::string file = DataPath() + "/" + list + "/" + "archive" + "/" + entry_file;
+    if (!Copy(digest_copy, file))
+        DlLog(1, "Unable to copy message <%s> to the archive folder of %s mailing list",
+              name.c_str(), list.c_str());
+    try {
+        const ArchiveLock archive(SharedArchive());
+        archive->SetList(list);
+        archive->GetArchivePath();
+        archive->AddArchive(archive->Path(), archive->GetId(entry_file));
+    } catch (const CDlArchiveException& problem) {
+        DlLog(1, "%s", problem.message);
+    }
+}
+
+// The number of lines in a file.
+int CountLines(const std::string& path)
+{
+    LineReader in(path);
+    int lines = 0;
+    while (const auto line = in.Next())
+        lines += line->back() == '\n' ? 1 : 0;
+    return lines;
+}
+
+void AddTopic(const std::string& path, const std::optional<std::string>& subject)
+{
+    const int number = CountLines(path) + 1;
+    FileWriter out(path, "ab");
+    // A folder that is missing has been told of by the copy; the line is only for the digest's
+    // table of contents.
+    (void)out.Print("%4d. %s", number, subject ? subject->c_str() : " No subject\r\n");
+    if (out.IsOpen() && !out.Close())
+        DlLog(1, "Unable to write file: %s", path.c_str());
+}
+
+}  // namespace
+
+void MakeFolderCopies(const std::string& list, unsigned long id, const std::string& rewritten,
+                      const std::optional<std::string>& subject)
+{
+    if (!IsSafeFolderName(list))
+        return;  // the loader has said that such a list has neither digest nor archive
+    const std::string folder = DigestFolderPath(list);
+    const std::string name = FormatText("%08X.msg", static_cast<unsigned>(id));
+    const std::string digest_copy = folder + "/" + name;
+    (void)Files().Remove(digest_copy.c_str());  // an identifier that was used before
+    if (!Copy(rewritten, digest_copy))
+        DlLog(1, "Unable to copy message <%s> to the digest folder of %s mailing list",
+              name.c_str(), list.c_str());
+    if (ListCache().GetArchiveFlag(list) == 1)
+        FileInArchive(list, digest_copy, FileName(rewritten), name);
+    AddTopic(folder + "/subject.txt", subject);
+}
+
+}  // namespace dl

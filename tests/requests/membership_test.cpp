@@ -1,0 +1,240 @@
+// Membership changes in the directory. That both back ends do the same is the contract suite's.
+
+#include "requests/membership.h"
+
+#include "lists/dllist.h"
+#include "tests/support/site.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+constexpr char kPaul[] = "paul@example.org";
+constexpr char kOwnerFound[] = "6 List owner is: garden-boss@example.org\n";
+
+using Values = std::vector<std::string>;
+
+}  // namespace
+
+class Membership : public Site
+{
+ protected:
+    // A site whose garden has these member values, and a request in hand.
+    Incoming With(const Values& values, const std::string& attributes = "AutoSubscription: YES\n")
+    {
+        std::string lines = attributes;
+        for (const std::string& value : values)
+            lines += "listmember: " + value + "\n";
+        ForgetLists();
+        AddList("garden", lines);
+        Start();
+        Submit(kPaul, {kGardenRequest}, "Subject: x\n\nOK\n");
+        const Incoming message = Take();
+        log.Clear();
+        return message;
+    }
+    int Add(const Incoming& message, const std::string& member, bool digest = false)
+    {
+        return AddListMember(message, member, kGarden, "dlout", digest);
+    }
+    int Remove(const Incoming& message, const std::string& member)
+    {
+        return RemoveListMember(message, member, kGarden, "dlout");
+    }
+};
+
+TEST_F(Membership, AddWritesTheValueThatTheListWants)
+{
+    struct Row {
+        std::string member;
+        bool digest;
+        const char* attributes;
+        std::string value;  // empty: refused
+    };
+    const char* free = "AutoSubscription: YES\n";
+    const char* blocked = "AutoSubscription: YES\npostingpermission: block\n";
+    const std::string fits = std::string(501 - 12, 'p') + "@example.org";
+    const Row rows[] = {
+        {kPaul, false, free, "Immediate;paul@example.org"},
+        {kPaul, true, free, "Digest;paul@example.org"},
+        {kPaul, false, blocked, "Immediate;Blocked;paul@example.org"},
+        {kPaul, true, blocked, "Digest;Blocked;paul@example.org"},
+        {"Paul.X@Example.ORG", false, free, "Immediate;Paul.X@Example.ORG"},
+        {"*@example.org", false, free, "Immediate;*@example.org"},
+        {"\"a;b (c)\"@example.org", true, free, "Digest;\"a;b (c)\"@example.org"},
+        {fits, false, free, "Immediate;" + fits},
+        {"p" + fits, false, free, ""},
+        {"<>", false, free, ""},
+        {"", false, free, ""},
+        {"paul", false, free, ""},
+        {"paul@example.org\nlistmember: Immediate;eve@example.org", false, free, ""},
+        {"paul@example.org\r\n", false, free, ""},
+        {"Blocked;paul@example.org", false, free, ""},
+        {"paul@example.org)(objectclass=*", false, free, ""},
+        {std::string("paul@example.org\0x", 18), false, free, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.member);
+        const Incoming message = With({"Immediate;bert@example.net"}, row.attributes);
+        EXPECT_EQ(Add(message, row.member, row.digest), 1);
+        Values want = {"Immediate;bert@example.net"};
+        if (!row.value.empty())
+            want.push_back(row.value);
+        EXPECT_EQ(Members(kGarden), want);
+        const std::string shown = EscapeForLog(row.member.c_str());
+        EXPECT_EQ(Log(),
+                  (row.value.empty()
+                       ? "6 Unable to add new member (" + shown +
+                             ") to the mailing list garden@lists.example.org\n"
+                       : "6 Added " + shown + (row.digest ? ", mode=Digest" : ", mode=Immediate") +
+                             " to garden@lists.example.org\n") +
+                      kOwnerFound);
+        EXPECT_EQ(Brief(),
+                  "garden-owner@lists.example.org -> garden-boss@example.org: subscription "
+                  "confirmation to garden-request@lists.example.org (fwd)\n");
+    }
+}
+
+TEST_F(Membership, AddFindsAMemberInAnyFormAndCase)
+{
+    for (const std::string value :
+         {"Immediate;paul@example.org", "Immediate;Blocked;paul@example.org",
+          "Digest;paul@example.org", "Digest;Blocked;paul@example.org",
+          "IMMEDIATE;Paul@Example.Org", "digest;blocked;PAUL@EXAMPLE.ORG"}) {
+        SCOPED_TRACE(value);
+        const Incoming message = With({"Immediate;bert@example.net", value});
+        EXPECT_EQ(Add(message, kPaul), 2);
+        EXPECT_EQ(Members(kGarden), (Values{"Immediate;bert@example.net", value}));
+        EXPECT_EQ(Log() + Brief(), "");
+    }
+    // Also when the owner decides who joins.
+    EXPECT_EQ(Add(With({"Immediate;paul@example.org"}, ""), kPaul), 2);
+    // Near misses.
+    for (const std::string value : {"Immediate;paul@example.or", "Immediate;xpaul@example.org",
+                                    "Immediate; paul@example.org", "paul@example.org"}) {
+        SCOPED_TRACE(value);
+        EXPECT_EQ(Add(With({value}), kPaul), 1);
+        EXPECT_EQ(Members(kGarden), (Values{value, "Immediate;paul@example.org"}));
+    }
+}
+
+TEST_F(Membership, AddLeavesItToTheOwner)
+{
+    const Incoming message = With({"Immediate;bert@example.net"}, "AutoSubscription: NO\n");
+    EXPECT_EQ(Add(message, kPaul, true), 0);
+    EXPECT_EQ(Members(kGarden), Values{"Immediate;bert@example.net"});
+    EXPECT_EQ(Log(),
+              Lines({"6 mailing list garden@lists.example.org does not allow auto subscription via "
+                     "email",
+                     "6 List owner is: garden-boss@example.org",
+                     "6 Forwarded auto subscription message to garden-owner@lists.example.org"}));
+    EXPECT_EQ(Brief(),
+              "garden-owner@lists.example.org -> garden-boss@example.org: subscription to "
+              "garden-request@lists.example.org (fwd)\n");
+}
+
+TEST_F(Membership, RemoveDeletesTheFirstFormThatIsThere)
+{
+    struct Row {
+        const char* name;
+        Values before;
+        Values after;
+        int requests;  // delete requests to the directory
+        std::string member = kPaul;
+    };
+    const std::string refusable = "Immediate;" + std::string(510, 'p') + "@example.org";
+    const Row rows[] = {
+        {"immediate", {"Immediate;paul@example.org"}, {}, 1},
+        {"digest", {"Digest;paul@example.org"}, {}, 2},
+        {"immediate, blocked", {"Immediate;Blocked;paul@example.org"}, {}, 3},
+        {"digest, blocked", {"Digest;Blocked;paul@example.org"}, {}, 4},
+        {"in two forms",
+         {"Digest;Blocked;paul@example.org", "Digest;paul@example.org"},
+         {"Digest;Blocked;paul@example.org"},
+         2},
+        {"in other letters", {"Immediate;PAUL@Example.org"}, {}, 1},
+        {"no member", {"Immediate;paula@example.org"}, {"Immediate;paula@example.org"}, 4},
+        {"the null sender", {"Immediate;<>"}, {"Immediate;<>"}, 0, "<>"},
+        {"no address", {"Immediate;Blocked;x"}, {"Immediate;Blocked;x"}, 0, "Blocked;x"},
+        {"too long", {refusable}, {refusable}, 0, std::string(510, 'p') + "@example.org"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        Values before = row.before;
+        Values after = row.after;
+        for (Values* values : {&before, &after})
+            values->insert(values->begin(), "Immediate;bert@example.net");
+        const Incoming message = With(before);
+        const int calls = directory.Calls(DirectoryCall::kModify);
+        EXPECT_EQ(Remove(message, row.member), 0);
+        EXPECT_EQ(directory.Calls(DirectoryCall::kModify) - calls, row.requests);
+        EXPECT_EQ(Members(kGarden), after);
+        const bool removed = before.size() != after.size();
+        EXPECT_EQ(Log(),
+                  (removed ? "6 paul@example.org was successfully removed from mailing list: "
+                             "garden@lists.example.org\n"
+                           : "") +
+                      std::string(kOwnerFound));
+        EXPECT_EQ(Brief(),
+                  "garden-owner@lists.example.org -> garden-boss@example.org: unsubscription "
+                  "confirmation to garden-request@lists.example.org (fwd)\n");
+    }
+}
+
+TEST_F(Membership, FailedSearchIsNoHit)
+{
+    const Incoming message = With({"Immediate;paul@example.org"});
+    directory.Fail(DirectoryCall::kSearch);
+    EXPECT_EQ(Add(message, kPaul), 1);
+    EXPECT_EQ(Members(kGarden), Values{"Immediate;paul@example.org"});
+    EXPECT_EQ(Log(),
+              "6 Unable to add new member (paul@example.org) to the mailing list "
+              "garden@lists.example.org\n" +
+                  std::string(kOwnerFound));
+}
+
+TEST_F(Membership, RefusalsDoNotShow)
+{
+    Incoming message = With({"Immediate;paul@example.org"});
+    directory.Fail(DirectoryCall::kModify, 1, 4, ModifyResult::kRefused);
+    EXPECT_EQ(Remove(message, kPaul), 0);
+    EXPECT_EQ(Members(kGarden), Values{"Immediate;paul@example.org"});
+    EXPECT_EQ(Log(), kOwnerFound);
+    // A refusal of one form does not keep from trying the next.
+    message = With({"Immediate;paul@example.org", "Digest;paul@example.org"});
+    directory.Fail(DirectoryCall::kModify, 1, 1, ModifyResult::kRefused);
+    EXPECT_EQ(Remove(message, kPaul), 0);
+    EXPECT_EQ(Members(kGarden), Values{"Immediate;paul@example.org"});
+    message = With({});
+    directory.Fail(DirectoryCall::kModify, 1, 1, ModifyResult::kRefused);
+    EXPECT_EQ(Add(message, kPaul), 1);
+    EXPECT_EQ(Members(kGarden), Values{});
+}
+
+TEST_F(Membership, DirectoryThatIsGoneStops)
+{
+    struct Row {
+        DirectoryCall call;
+        const char* line;
+    };
+    for (const Row& row :
+         {Row{DirectoryCall::kConnect, "Could not connect to Directory Server"},
+          Row{DirectoryCall::kBind, "Could not bind to Directory Server"},
+          Row{DirectoryCall::kModify,
+              "Lost the connection to Directory Server before a membership change was answered"}}) {
+        SCOPED_TRACE(row.line);
+        log.ExpectError(row.line);
+        for (const bool add : {true, false}) {
+            const Values values = {add ? "Immediate;bert@example.net" : "Digest;paul@example.org"};
+            const Incoming message = With(values);
+            directory.Fail(row.call);
+            EXPECT_EQ(add ? Add(message, kPaul) : Remove(message, kPaul), -1);
+            EXPECT_EQ(Members(kGarden), values);
+            EXPECT_EQ(Log(), "1 " + std::string(row.line) + "\n");
+            EXPECT_EQ(Brief(), "");
+        }
+    }
+}
+
+}  // namespace dl::testing

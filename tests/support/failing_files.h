@@ -1,0 +1,97 @@
+// Files whose n-th call of a kind fails, as on a full or a broken disk.
+//
+// Installs itself for as long as it lives, in front of the real files. Only calls on the watched
+// paths are counted and can fail; a file stays watched under the path by which it was opened.
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/files/files.h"
+
+namespace dl::testing
+{
+
+enum class FileCall {
+    kOpen,    // for reading
+    kRead,    // the file opens, and no byte of it can be read
+    kCreate,  // opening for writing
+    kWrite,
+    kClose,  // of a file that was written
+    kRemove,
+    kRename,
+};
+
+class FailingFiles : public FileBackend
+{
+ public:
+    FailingFiles() : before_(SetFileBackend(this)) {}
+    ~FailingFiles() override { SetFileBackend(before_); }
+
+    // Watches only paths that hold one of `parts`; none: all paths.
+    void Watch(std::vector<std::string> parts) { parts_ = std::move(parts); }
+    // The n-th call of that kind fails, counted from 1 and from now on.
+    void FailNth(FileCall call, int n) { fail_[call].insert(made_[call] + n); }
+    [[nodiscard]] int Made(FileCall call) { return made_[call]; }
+    void ForgetFaults() { fail_.clear(); }
+
+    std::FILE* Open(const char* path, const char* mode) override
+    {
+        const bool writes = mode[0] != 'r';
+        const bool watched = Watched(path);
+        if (watched && Fails(writes ? FileCall::kCreate : FileCall::kOpen, writes ? ENOSPC : EIO))
+            return nullptr;
+        if (watched && !writes && Fails(FileCall::kRead, 0))
+            return PosixFiles().Open("/", mode);  // a folder opens, and reading it fails
+        std::FILE* file = PosixFiles().Open(path, mode);
+        if (file && watched && writes)
+            written_.insert(file);
+        return file;
+    }
+    bool Write(std::FILE* file, const void* data, std::size_t size) override
+    {
+        return !(written_.count(file) && Fails(FileCall::kWrite, ENOSPC)) &&
+               PosixFiles().Write(file, data, size);
+    }
+    bool Close(std::FILE* file) override
+    {
+        const bool fails = written_.erase(file) && Fails(FileCall::kClose, ENOSPC);
+        return PosixFiles().Close(file) && !fails;
+    }
+    bool Remove(const char* path) override
+    {
+        return !(Watched(path) && Fails(FileCall::kRemove, EIO)) && PosixFiles().Remove(path);
+    }
+    bool Rename(const char* from, const char* to) override
+    {
+        return !(Watched(to) && Fails(FileCall::kRename, EIO)) && PosixFiles().Rename(from, to);
+    }
+
+ private:
+    bool Watched(const std::string& path) const
+    {
+        return parts_.empty() || std::any_of(parts_.begin(), parts_.end(), [&](const auto& part) {
+                   return path.find(part) != std::string::npos;
+               });
+    }
+    bool Fails(FileCall call, int error)
+    {
+        if (!fail_[call].count(++made_[call]))
+            return false;
+        errno = error;
+        return true;
+    }
+
+    FileBackend* before_;
+    std::vector<std::string> parts_;
+    std::set<std::FILE*> written_;
+    std::map<FileCall, int> made_;
+    std::map<FileCall, std::set<int>> fail_;
+};
+
+}  // namespace dl::testing
