@@ -1,0 +1,216 @@
+// Both digests, byte for byte, and what becomes of the folder when a digest cannot be made.
+
+#include "digest/digest.h"
+
+#include "lists/dllist.h"
+#include "tests/support/site.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+constexpr char kTopics[] = "   1.  Frost\r\n   2.  No subject\r\n";
+constexpr char kFirst[] =
+    "Received: from DL manager by mail.example.org\r\nSubject: Frost\r\nMIME-Version: 1.0\r\n"
+    "Content-Type: text/plain;\r\n\tcharset=utf-8\r\nFrom: anna@example.com\r\n\r\n"
+    "Cover the roses.\r\nContent-Type: stays in the body\r\n";
+constexpr char kSecond[] = "From: bert@example.net\r\n\r\n.\r\nFrom here on, no end";
+
+class Digest : public Site
+{
+ protected:
+    void SetUp() override
+    {
+        AddList("garden", "disclaimertxtpath: " + Path("note.txt") +
+                              "\nlistmember: Digest;dora@example.com\n"
+                              "listmember: Immediate;anna@example.com\n"
+                              "listmember: Digest;Blocked;emil@example.org\n");
+        AddList("silent", "listmember: Immediate;anna@example.com\n");
+        AddList("small", "maxdigestsize: 1\nlistmember: Digest;dora@example.com\n");
+        Start();
+        Write("note.txt", "Garden list.\n");
+    }
+    void Put(const std::string& list, const std::string& name, const std::string& text)
+    {
+        Write("data/" + list + "/digest/" + name, text);
+    }
+    void PutPostings(const std::string& list = kGarden)
+    {
+        Put(list, "00000002.msg", kSecond);
+        Put(list, "00000001.msg", kFirst);
+        Put(list, "subject.txt", kTopics);
+        Put(list, "digest.dt", "1");
+    }
+    // Names in the digest folder.
+    [[nodiscard]] std::string Folder(const std::string& list = kGarden) const
+    {
+        std::set<std::string> names;
+        for (const auto& entry :
+             std::filesystem::directory_iterator(Path("data/" + list + "/digest")))
+            names.insert(entry.path().filename());
+        std::string all;
+        for (const std::string& name : names)
+            all += name + " ";
+        return all;
+    }
+
+    static constexpr char kSilent[] = "silent@lists.example.org";
+    static constexpr char kSmall[] = "small@lists.example.org";
+    static constexpr char kAll[] = "00000001.msg 00000002.msg digest.dt subject.txt ";
+};
+
+TEST_F(Digest, HasTheFormOfItsKind)
+{
+    const struct {
+        const char* name;
+        bool (*send)(const std::string&, const std::string&);
+        const char* want;
+    } kForms[] = {{"plain", SendPlainDigest, "digest/plain.want.eml"},
+                  {"MIME", SendMimeDigest, "digest/mime.want.eml"}};
+    for (const auto& form : kForms) {
+        SCOPED_TRACE(form.name);
+        Start();
+        Write("note.txt", "Garden list.\n");
+        PutPostings();
+        EXPECT_TRUE(form.send(kGarden, "dlout"));
+        const std::vector<Queued> out = On();
+        ASSERT_EQ(out.size(), 1U);
+        EXPECT_EQ(out[0].Brief(),
+                  "garden-owner@lists.example.org -> dora@example.com, emil@example.org: "
+                  "garden@lists.example.org Digest (#2004-11-9)\n");
+        EXPECT_EQ(out[0].text, ReadFile(DataPath(form.want)));
+        EXPECT_EQ(
+            WithoutSizes(Log()),
+            Lines(
+                {"3 Delivered 4190AB00 size: ? bytes from: <garden-owner@lists.example.org> to "
+                 "<dora@example.com>",
+                 "3 Delivered 4190AB00 size: ? bytes from: <garden-owner@lists.example.org> to "
+                 "<emil@example.org>",
+                 "6 Message digest of garden@lists.example.org has been sent to 2 recipient(s)"}));
+        EXPECT_EQ(Folder(), "digest.dt ");
+    }
+}
+
+// What an independent parser makes of the MIME digest: one topics part, then one message per
+// posting, unchanged.
+TEST_F(Digest, OpensInOtherReaders)
+{
+    PutPostings();
+    ASSERT_TRUE(SendMimeDigest(kGarden, "dlout"));
+    const std::string path = Write("digest.eml", On().at(0).text);
+    Write("first.eml", kFirst);
+    Write("second.eml", kSecond);
+    const std::string script =
+        "import email, sys\n"
+        "m = email.message_from_binary_file(open(sys.argv[1], 'rb'))\n"
+        "topics, digest = m.get_payload()\n"
+        "assert topics.get_content_type() == 'text/plain', topics.get_content_type()\n"
+        "assert digest.get_content_type() == 'multipart/digest', digest.get_content_type()\n"
+        "assert '1.  Frost' in topics.get_payload()\n"
+        "parts = [p.get_payload(0) for p in digest.get_payload()]\n"
+        "whole = [open(f, 'rb').read() for f in sys.argv[2:]]\n"
+        "assert len(parts) == 2, len(parts)\n"
+        "for part, want in zip(parts, whole):\n"
+        "    got = part.as_bytes().replace(b'\\r\\n', b'\\n').rstrip(b'\\n')\n"
+        "    assert got == want.replace(b'\\r\\n', b'\\n').rstrip(b'\\n'), (got, want)\n";
+    const std::string command = "python3 " + Write("read.py", script) + " " + path + " " +
+                                Path("first.eml") + " " + Path("second.eml");
+    EXPECT_EQ(std::system(command.c_str()), 0);
+}
+
+TEST_F(Digest, IsNotSentWhenThereIsNothingOrNobody)
+{
+    EXPECT_TRUE(SendPlainDigest(kGarden, "dlout"));
+    EXPECT_TRUE(SendMimeDigest("unknown@lists.example.org", "dlout"));
+    EXPECT_EQ(Log(), "");
+    PutPostings(kSilent);
+    EXPECT_TRUE(SendMimeDigest(kSilent, "dlout"));
+    EXPECT_EQ(Log(), Lines({"5 The mailing list silent@lists.example.org does not have digest mode "
+                            "list member, no message digest is sent"}));
+    EXPECT_EQ(Folder(kSilent), "digest.dt ");
+    EXPECT_EQ(Brief(), "");
+}
+
+// One Kbyte counts as 100: the first posting and the header reach it, the second is left out, and
+// removed all the same.
+TEST_F(Digest, LeavesOutWhatIsBeyondTheSizeLimit)
+{
+    PutPostings(kSmall);
+    EXPECT_TRUE(SendMimeDigest(kSmall, "dlout"));
+    const std::string text = On().at(0).text;
+    EXPECT_NE(text.find("Cover the roses"), std::string::npos);
+    EXPECT_EQ(text.find("From here on"), std::string::npos);
+    EXPECT_NE(text.find("   2.  No subject"), std::string::npos) << "the topics name it";
+    EXPECT_EQ(Folder(kSmall), "digest.dt ");
+}
+
+TEST_F(Digest, AnyFaultKeepsThePostings)
+{
+    const struct {
+        const char* name;
+        std::optional<QueueCall> queue_call;
+        FileCall file_call;  // its n-th fails when no queue call does
+        int n;
+        const char* line;
+    } kFaults[] = {
+        {"no entry", QueueCall::kCreate, {}, 0, "Unable to create a new entry in Message Queue"},
+        {"no file", {}, FileCall::kCreate, 1, "Unable to create a message file in Message Queue"},
+        {"Received", {}, FileCall::kWrite, 1, "Error writing <Received> to message digest"},
+        {"Message-ID", {}, FileCall::kWrite, 2, "Error writing <Message-ID> to message digest"},
+        {"Date", {}, FileCall::kWrite, 3, "Error writing <Date> to message digest"},
+        {"Reply-To", {}, FileCall::kWrite, 4, "Error writing <Reply-To> to message digest"},
+        {"Sender", {}, FileCall::kWrite, 5, "Error writing <Sender> to message digest"},
+        {"From", {}, FileCall::kWrite, 6, "Error writing <From> to message digest"},
+        {"Subject", {}, FileCall::kWrite, 7, "Error writing <Subject> to message digest"},
+        {"To", {}, FileCall::kWrite, 8, "Error writing <To> to message digest"},
+        {"Mime-version", {}, FileCall::kWrite, 9, "Error writing <Mime-version> to message digest"},
+        {"Content-type",
+         {},
+         FileCall::kWrite,
+         10,
+         "Error writing <Content-type> to message digest"},
+        {"boundary", {}, FileCall::kWrite, 11, "Error writing boundary to message digest"},
+        {"Topics", {}, FileCall::kWrite, 13, "Error writing <Topics> to message digest"},
+        {"a posting", {}, FileCall::kWrite, 20, "Error writing a posting to message digest"},
+        {"close",
+         {},
+         FileCall::kClose,
+         1,
+         "Error writing message digest of garden@lists.example.org"},
+        {"insert",
+         QueueCall::kInsert,
+         {},
+         0,
+         "InsertMQChannel failed, message digest cannot be submitted to MQ."},
+        {"envelope",
+         QueueCall::kEnvelope,
+         {},
+         0,
+         "PutMQEnvelope failed, message digest cannot be submitted to MQ."},
+        {"submit",
+         QueueCall::kClose,
+         {},
+         0,
+         "CloseMQEntry failed, message digest cannot be submitted to MQ."},
+    };
+    for (const auto& fault : kFaults) {
+        SCOPED_TRACE(fault.name);
+        Start();
+        PutPostings();
+        files.Watch({"queue/msg/"});
+        log.ExpectError(fault.line);
+        if (fault.queue_call)
+            queue->FailNext(*fault.queue_call);
+        else
+            files.FailNth(fault.file_call, fault.n);
+        EXPECT_FALSE(SendMimeDigest(kGarden, "dlout"));
+        EXPECT_TRUE(log.Has(1, fault.line)) << Log();
+        EXPECT_EQ(Folder(), kAll);
+        EXPECT_EQ(Brief(), "");
+        EXPECT_EQ(Unfinished(), 0);
+    }
+}
+
+}  // namespace
+}  // namespace dl::testing
