@@ -1,0 +1,157 @@
+#include "archive/index_schedule.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "lists/dllist.h"
+#include "platform/address/address.h"
+#include "platform/archive/archive.h"
+#include "platform/clock/clock.h"
+#include "platform/config/config.h"
+#include "platform/config/data_path.h"
+#include "platform/files/files.h"
+#include "platform/log/format.h"
+#include "platform/log/log.h"
+#include "schedule/date_arithmetic.h"
+#include "schedule/due_file.h"
+
+namespace dl
+{
+namespace
+{
+
+std::atomic<int> workers{0};
+
+struct IndexSchedule {
+    int hour = 0;
+    int minute = 0;
+    int frequency = kDaily;
+    int weekday = 0;
+    int month_day = 0;
+
+    [[nodiscard]] std::time_t Next(std::time_t now) const
+    {
+        return nexttime(now, hour, minute, frequency, weekday, month_day);
+    }
+};
+
+IndexSchedule ReadSchedule()
+{
+    const auto number = [](const char* key) {
+        // Beyond the calendar there is nothing to be meant, only arithmetic to overflow.
+        return std::clamp(GetPrivateProfileInt("DlManager", key, 0, kMainConfig), -366, 366);
+    };
+    const std::string time =
+        GetPrivateProfileString("DlManager", "ArchiveIndexTime", "00:00", 10, kMainConfig);
+    const std::string frequency =
+        GetPrivateProfileString("DlManager", "ArchiveIndexFrequency", "Daily", 16, kMainConfig);
+    const std::size_t colon = time.find(':');
+    IndexSchedule schedule;
+    schedule.hour = std::atoi(time.c_str());
+    schedule.minute = colon == std::string::npos ? 0 : std::atoi(time.c_str() + colon + 1);
+    schedule.frequency = EqualNoCase(frequency, "weekly")    ? kWeekly
+                         : EqualNoCase(frequency, "monthly") ? kMonthly
+                                                             : kDaily;
+    schedule.weekday = number("ArchiveDayOfWeek");
+    schedule.month_day = number("ArchiveDayOfMonth");
+    return schedule;
+}
+
+std::string IndexDuePath()
+{
+    return FormatText("%s%cindex.dt", DataPath().c_str(), '/');
+}
+
+// A new file always holds today at the configured time, whatever the frequency; what lies after the
+// next moment is corrected by the check.
+void CreateWhenMissing(const std::string& path, const IndexSchedule& schedule, std::time_t now)
+{
+    if (FileSize(path) >= 0)
+        return;
+    const std::time_t first = adjusttime(now, schedule.hour, schedule.minute, kDaily,
+                                         schedule.weekday, schedule.month_day);
+    (void)DueFile::Create(path, first);  // without a data folder there is no archive to index
+}
+
+void* GenerateArchiveIndexThread(void* /*nothing*/)
+{
+    GenerateArchiveIndexes();
+    --workers;
+    return nullptr;
+}
+
+bool StartWorker()
+{
+    pthread_attr_t attributes;
+    pthread_t worker;
+    if (pthread_attr_init(&attributes) != 0)
+        return false;
+    ++workers;
+    const bool started =
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
+        pthread_create(&worker, &attributes, GenerateArchiveIndexThread, nullptr) == 0;
+    if (!started)
+        --workers;
+    pthread_attr_destroy(&attributes);
+    return started;
+}
+
+}  // namespace
+
+bool ArchiveWorkerRuns()
+{
+    return workers.load() > 0;
+}
+
+void RunArchiveIndexSchedule()
+{
+    const IndexSchedule schedule = ReadSchedule();
+    const std::string path = IndexDuePath();
+    const std::time_t now = Now();
+    CreateWhenMissing(path, schedule, now);
+    DueFile file(path);
+    if (!file.IsOpen())
+        return;
+    const std::time_t stored = file.Read();
+    if (stored > schedule.Next(now) && !file.Overwrite(schedule.Next(now)))
+        DlLog(1, "Unable to write file: %s", path.c_str());
+    if (now < stored)
+        return;
+    DlLog(5, "Time to update the archive index pages of  all mailing lists");
+    if (!StartWorker())
+        return;  // the next check tries again
+    const std::time_t next = schedule.Next(Now());
+    char text[32];
+    if (!file.Overwrite(next))
+        DlLog(1, "Unable to write file: %s", path.c_str());
+    DlLog(6, "Next archive index generation  will be on %.24s", ctime_r(&next, text));
+}
+
+void GenerateArchiveIndexes()
+{
+    dllist lists;
+    (void)lists.RefreshCache();  // it has logged; without lists there is nothing to do
+    try {
+        for (const char* list = lists.GetFirstList(); list; list = lists.GetNextList()) {
+            DlLog(5, "Generating archive index pages of %s mailing list", list);
+            {
+                const ArchiveLock archive(SharedArchive());
+                archive->SetList(list);
+                archive->GetArchivePath();
+            }
+            // Without the lock: filing a posting must not wait for minutes of page writing.
+            CDlArchive::GenerateIndexPages(list);
+        }
+    } catch (const CDlArchiveException& problem) {
+        DlLog(1, "%s", problem.message);
+    }
+    lists.DeleteCache();
+    DlLog(5, "Releasing thread...");
+}
+
+}  // namespace dl
