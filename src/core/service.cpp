@@ -1,0 +1,169 @@
+#include "core/service.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+
+#include "archive/index_schedule.h"
+#include "digest/digest_schedule.h"
+#include "dispatch/dispatcher.h"
+#include "lists/dllist.h"
+#include "platform/address/address.h"
+#include "platform/clock/clock.h"
+#include "platform/config/config.h"
+#include "platform/log/log.h"
+#include "platform/mime/mime.h"
+#include "platform/process/process.h"
+#include "requests/confirmations.h"
+
+namespace dl
+{
+namespace
+{
+
+constexpr char kModule[] = "DL Manager";
+constexpr char kInput[] = "dl";
+constexpr char kOutput[] = "dlout";
+constexpr int kDefaultInterval = 15;
+constexpr int kShortestIgnored = 5;
+constexpr std::chrono::seconds kPause{1};
+
+volatile std::sig_atomic_t stop_requested = 0;
+
+}  // namespace
+
+int SignalHandler(int signal)
+{
+    switch (signal) {
+        case SIGUSR1:
+            return WriteProcessStatus(kProcessName, "Running");
+        case SIGINT:
+        case SIGTERM:
+            stop_requested = 1;
+            return 0;
+        default:
+            return signal;
+    }
+}
+
+int RunInBackground()
+{
+    const pid_t child = fork();
+    if (child > 0)
+        std::exit(0);
+    return child < 0 ? -1 : 0;
+}
+
+int RefreshInterval()
+{
+    const int minutes =
+        GetPrivateProfileInt("DlManager", "CacheRefreshInterval", kDefaultInterval, kMainConfig);
+    return minutes <= kShortestIgnored ? kDefaultInterval : minutes;
+}
+
+void SetTimeZone()
+{
+    static char variable[40];
+    const std::string zone = GetPrivateProfileString("Gateway", "TimeZone", "", 32, kMainConfig);
+    if (zone.empty() || StartsWithNoCase(zone, "xxx"))
+        return;
+    std::snprintf(variable, sizeof variable, "TZ=%s", zone.c_str());
+    (void)putenv(variable);  // it can only run out of memory, and then the old zone stands
+    tzset();
+}
+
+int Service::Run()
+{
+    const ProcessInfo registered = InitProcessInfo(kProcessName, SignalHandler);
+    if (registered.result != Registration::kDone) {
+        DlLog(1, "%s", registered.reason.c_str());
+        return 1;
+    }
+    if (!Start())
+        return 1;
+    Loop();
+    Stop();
+    return 0;
+}
+
+bool Service::Start()
+{
+    SetTimeZone();
+    interval_ = RefreshInterval();
+    DlLog(6, "Initialize mailing list entry cache..");
+    (void)ListCache().InitCache();  // it has logged; the loop looks at what came of it
+    DlLog(6, "Done..");
+    DlLog(6, "Refreshing mailing list in every %d minutes", interval_);
+    const std::string host =
+        GetPrivateProfileString("Ldap", "HostName", "DefaultHostName", 128, kMainConfig);
+    DlLog(6, "Connected to %s Server", host.c_str());
+    if (!MQInit(host, kModule)) {
+        RemoveProcessInfo(kProcessName);
+        DlLog(1, "MQInit failed, exiting ...");
+        return false;
+    }
+    channel_ = OpenMQChannel(kInput);
+    if (!channel_) {
+        DlLog(1, "Cannot Open Message Queue Channel");
+        RemoveProcessInfo(kProcessName);
+        return false;
+    }
+    InitKVTDll(kModule);
+    (void)WriteProcessStatus(kProcessName, "Running");  // only what a tool shows depends on it
+    NotifyServiceManager("READY=1");
+    FlushLog();
+    return true;
+}
+
+void Service::Loop()
+{
+    last_refresh_ = Now();
+    while (stop_requested == 0 && Turn())
+        FlushLog();
+}
+
+bool Service::Turn()
+{
+    dllist& cache = ListCache();
+    if (cache.CacheEmpty() && !cache.DirectoryReachable()) {
+        SleepFor(kPause);
+        return true;
+    }
+    const int stop = ProcessQueue(channel_, kInput, kOutput, &processed_recipients_);
+    freeStringChain(&processed_recipients_);
+    if (stop != 0)
+        return false;
+    FlushLog();
+    SleepFor(kPause);
+    RefreshWhenDue();
+    RunDigestSchedule(kOutput);
+    RunArchiveIndexSchedule();
+    return true;
+}
+
+void Service::RefreshWhenDue()
+{
+    const std::time_t now = Now();
+    if (std::difftime(now, last_refresh_) < interval_ * 60.0)
+        return;
+    DlLog(6, "Refreshing cache..");
+    (void)ListCache().RefreshCache();  // it has logged; the old lists serve until the next
+    DlLog(6, "Done..");
+    ExpireConfirmations();
+    last_refresh_ = now;
+}
+
+void Service::Stop()
+{
+    NotifyServiceManager("STOPPING=1");
+    RemoveProcessInfo(kProcessName);
+    if (!CloseMQChannel(channel_))
+        DlLog(1, "Cannot Close Message Queue Channel");
+    TerminateKVTDll();
+    ListCache().DeleteCache();
+    DlLog(6, "Terminating");
+    FlushLog();
+}
+
+}  // namespace dl

@@ -1,0 +1,52 @@
+// The service: start-up, the main loop with its timers, signals, and the orderly end.
+//
+// One thread. The signal handler only stores a byte or writes a status record; a signal that stops
+// the service lets the pass over the queue that is going on end first.
+#pragma once
+
+#include <ctime>
+#include <string>
+
+#include "platform/files/files.h"
+#include "platform/queue/queue.h"
+
+namespace dl
+{
+
+inline constexpr char kProcessName[] = "dl";
+
+// SIGUSR1: writes the status "Running" and returns that call's result. SIGINT, SIGTERM: the service
+// stops. Any other number is returned.
+int SignalHandler(int signal);
+
+// Forks. 0 in the child; the parent exits with 0; -1 when it cannot fork.
+[[nodiscard]] int RunInBackground();
+
+// Minutes between refreshes, "DlManager"/"CacheRefreshInterval"; 5 and less give 15.
+[[nodiscard]] int RefreshInterval();
+
+// Puts "Gateway"/"TimeZone" into the environment as TZ, unless it is empty or begins with "xxx"
+// (any case).
+void SetTimeZone();
+
+class Service
+{
+ public:
+    // From after the fork to the end. 0 after an orderly stop, 1 when the service cannot start.
+    [[nodiscard]] int Run();
+
+ private:
+    [[nodiscard]] bool Start();
+    void Loop();
+    // One turn of the loop; false when the loop is to be left.
+    [[nodiscard]] bool Turn();
+    void RefreshWhenDue();
+    void Stop();
+
+    MQContext* channel_ = nullptr;
+    int interval_ = 15;  // minutes
+    std::time_t last_refresh_ = 0;
+    StringChain processed_recipients_;
+};
+
+}  // namespace dl
