@@ -1,0 +1,21 @@
+// Putting one message, read from a stream, into the queue.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace dl
+{
+
+struct SubmitJob {
+    std::string sender;  // "" and "<>" are the null reverse-path (RFC 5321, 4.5.5)
+    std::vector<std::string> recipients;
+    std::string channel = "dl";
+};
+
+// Exit codes of sysexits.h. 0: stored, and durable; 65: an address cannot be used; 75: try again.
+// Says why on standard error.
+[[nodiscard]] int SubmitMessage(const SubmitJob& job, std::FILE* in);
+
+}  // namespace dl
