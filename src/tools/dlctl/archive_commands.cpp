@@ -1,0 +1,198 @@
+// dlctl archive: register, rebuild, remove.
+
+#include <crypt.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "platform/address/address.h"
+#include "platform/archive/archive.h"
+#include "platform/files/files.h"
+#include "platform/log/format.h"
+#include "requests/confirmations.h"
+#include "requests/incoming.h"
+#include "tools/dlctl/commands.h"
+#include "tools/dlctl/support.h"
+
+namespace dl
+{
+namespace
+{
+
+struct ArchiveOptions {
+    std::string list;
+    std::string address;
+    std::string id;
+    bool generate = false;
+};
+
+// A line from the terminal without echo, or from standard input.
+std::string AskPassword(const char* prompt)
+{
+    termios before{};
+    const bool terminal = isatty(STDIN_FILENO) != 0 && tcgetattr(STDIN_FILENO, &before) == 0;
+    if (terminal) {
+        termios silent = before;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+        std::fprintf(stderr, "%s", prompt);
+    }
+    char line[256] = "";
+    if (!std::fgets(line, sizeof line, stdin))
+        line[0] = '\0';
+    if (terminal) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+        std::fputc('\n', stderr);
+    }
+    line[std::strcspn(line, "\r\n")] = '\0';
+    return line;
+}
+
+std::string MakePassword()
+{
+    static constexpr char kLetters[] = "abcdefghjkmnpqrstuvwxyzABCDEFGHJKLMNPQRSTUVWXYZ23456789.-";
+    unsigned char bytes[20];
+    if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes))
+        return "";
+    std::string password;
+    for (const unsigned char byte : bytes)
+        password += kLetters[byte % (sizeof kLetters - 1)];
+    return password;
+}
+
+// The hash in the form that web servers read from a password file (SHA-512 of crypt(3)).
+std::string Hash(const std::string& password)
+{
+    char setting[CRYPT_GENSALT_OUTPUT_SIZE];
+    auto data = std::make_unique<crypt_data>();
+    if (!crypt_gensalt_rn("$6$", 0, nullptr, 0, setting, sizeof setting))
+        return "";
+    const char* hash = crypt_r(password.c_str(), setting, data.get());
+    return hash && hash[0] == '$' ? hash : "";
+}
+
+// Writes the pending file under a new identifier; 0 when it cannot be written.
+std::uint32_t WritePending(const std::string& list, const std::string& line)
+{
+    struct stat folder {
+    };
+    if (stat(ListFolder(list).c_str(), &folder) != 0)
+        return 0;
+    for (int tries = 0; tries < 100; ++tries) {
+        std::uint32_t id = 0;
+        if (getrandom(&id, sizeof id, 0) != static_cast<ssize_t>(sizeof id) || id == 0)
+            continue;
+        const std::string path = PendingPath(list, id);
+        umask(077);
+        FileWriter out(path, "wbx");
+        if (!out.IsOpen())
+            continue;
+        // The service must be able to read and remove what root has made.
+        const bool given =
+            geteuid() != 0 || lchown(path.c_str(), folder.st_uid, folder.st_gid) == 0;
+        if (out.Write(line) && out.Close() && given)
+            return id;
+        (void)Files().Remove(path.c_str());  // the failure is reported
+        return 0;
+    }
+    return 0;
+}
+
+int Register(const ArchiveOptions& options)
+{
+    RT parsed;
+    if (!IsListName(options.list))
+        return kExitFailed;
+    if (RecipParse(options.address, &parsed, 1) != 1 ||
+        options.address.find(':') != std::string::npos)
+        return Complain(kExitFailed, "not an address that a password file can hold: %s",
+                        options.address.c_str());
+    const std::string password =
+        options.generate ? MakePassword() : AskPassword("Password for the archive: ");
+    if (password.empty())
+        return Complain(kExitFailed, "no password was given (--generate makes one)");
+    if (!options.generate && isatty(STDIN_FILENO) != 0 && AskPassword("Once more: ") != password)
+        return Complain(kExitFailed, "the two passwords differ");
+    const std::string hash = Hash(password);
+    if (hash.empty())
+        return Complain(kExitFailed, "the password cannot be hashed");
+    const std::uint32_t id =
+        WritePending(options.list, FormatText("%s:%s\r\n", options.address.c_str(), hash.c_str()));
+    if (id == 0)
+        return Complain(kExitFailed,
+                        "the pending file cannot be written in %s (dlctl list check --fix %s)",
+                        ListFolder(options.list).c_str(), options.list.c_str());
+    if (options.generate)
+        std::printf("password    %s\n", password.c_str());
+    std::printf("identifier  %08X\n\n%s now sends this mail, and confirms the answer:\n\n", id,
+                options.address.c_str());
+    std::printf("    From: %s\n    To: %s\n\n    archive registration (%08X)\n",
+                options.address.c_str(), RequestAddress(options.list).c_str(), id);
+    return kExitOk;
+}
+
+template <typename Deed>
+int WithArchive(const ArchiveOptions& options, Deed deed)
+{
+    if (!IsListName(options.list))
+        return kExitFailed;
+    try {
+        deed();
+    } catch (const CDlArchiveException& problem) {
+        return Complain(kExitFailed, "%s", problem.message);
+    }
+    return kExitOk;
+}
+
+int Rebuild(const ArchiveOptions& options)
+{
+    const int status = WithArchive(options, [&] { CDlArchive::RebuildArchive(options.list); });
+    if (status == kExitOk)
+        std::printf("the archive of %s was made anew\n", options.list.c_str());
+    return status;
+}
+
+int Remove(const ArchiveOptions& options)
+{
+    const int status = WithArchive(options, [&] {
+        CDlArchive::RemoveArchive(options.list, CDlArchive::GetId(options.id + ".msg"));
+    });
+    if (status == kExitOk)
+        std::printf("%s was removed from the archive of %s\n", options.id.c_str(),
+                    options.list.c_str());
+    return status;
+}
+
+}  // namespace
+
+void AddArchiveCommands(CLI::App* program, int* status)
+{
+    auto options = std::make_shared<ArchiveOptions>();
+    CLI::App* archive = program->add_subcommand("archive", "Archives of lists");
+    archive->require_subcommand(1);
+    CLI::App* registering = archive->add_subcommand(
+        "register", "Prepare a reader's registration with the archive of a closed list");
+    registering->add_option("list", options->list, "The list's address")->required();
+    registering->add_option("address", options->address, "The member's address")->required();
+    registering->add_flag("--generate", options->generate,
+                          "Make a password and print it; else it is asked for");
+    registering->callback([=] { *status = Register(*options); });
+
+    CLI::App* rebuild =
+        archive->add_subcommand("rebuild", "Make index and pages anew from the posting files");
+    rebuild->add_option("list", options->list, "The list's address")->required();
+    rebuild->callback([=] { *status = Rebuild(*options); });
+
+    CLI::App* remove = archive->add_subcommand(
+        "remove", "Take a posting out of files, index, pages, feed and search");
+    remove->add_option("list", options->list, "The list's address")->required();
+    remove->add_option("id", options->id, "Its identifier, eight hexadecimal digits")->required();
+    remove->callback([=] { *status = Remove(*options); });
+}
+
+}  // namespace dl

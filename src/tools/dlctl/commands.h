@@ -1,0 +1,18 @@
+// The verbs of dlctl, one file for each group. Each adds its commands to the program's command
+// line; a chosen command sets the exit status: 0 done, 1 failed, 2 nothing found; 64 is wrong
+// usage.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace dl
+{
+
+void AddQueueCommands(CLI::App* program, int* status);
+void AddListCommands(CLI::App* program, int* status);
+void AddMemberCommands(CLI::App* program, int* status);
+void AddArchiveCommands(CLI::App* program, int* status);
+void AddStoreCommands(CLI::App* program, int* status);
+void AddSpamCommands(CLI::App* program, int* status);
+
+}  // namespace dl

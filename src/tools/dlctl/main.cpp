@@ -1,0 +1,67 @@
+// dlctl: the tool by which an operator sees and steers the list manager.
+
+#include <sysexits.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "platform/config/config.h"
+#include "platform/log/log.h"
+#include "tools/dlctl/commands.h"
+
+namespace
+{
+
+// What the libraries report of a failure is an operator's business, their progress is not.
+class ErrorsOnly : public dl::LogSink
+{
+ public:
+    void Write(int level, const char* /*module*/, const std::string& escaped) override
+    {
+        if (level <= 1)
+            std::fprintf(stderr, "dlctl: %s\n", escaped.c_str());
+    }
+};
+
+int Run(int argc, char** argv)
+{
+    ErrorsOnly errors;
+    dl::SetLogSink(&errors);
+    CLI::App program("Shows and steers the mailing-list manager.", "dlctl");
+    program.set_version_flag("--version", "dlctl " DL_VERSION);
+    program.require_subcommand(1);
+    std::string folder;
+    program
+        .add_option("--conf", folder,
+                    "Configuration folder (default $DLMANAGER_CONF or /etc/dlmanager)")
+        ->each([](const std::string& name) { dl::SetConfigFolder(name); });
+    dl::SetConfigReporter(
+        [](const std::string& problem) { std::fprintf(stderr, "dlctl: %s\n", problem.c_str()); });
+    int status = 0;
+    dl::AddListCommands(&program, &status);
+    dl::AddMemberCommands(&program, &status);
+    dl::AddQueueCommands(&program, &status);
+    dl::AddArchiveCommands(&program, &status);
+    dl::AddStoreCommands(&program, &status);
+    dl::AddSpamCommands(&program, &status);
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& problem) {
+        return program.exit(problem) == 0 ? EX_OK : EX_USAGE;
+    }
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& problem) {
+        std::fprintf(stderr, "dlctl: %s\n", problem.what());
+    } catch (...) {
+        std::fputs("dlctl: an unknown fault\n", stderr);
+    }
+    return EX_SOFTWARE;
+}

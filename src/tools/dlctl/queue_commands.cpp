@@ -1,0 +1,260 @@
+// dlctl queue: list, show, remove, hold, release.
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+
+#include "platform/files/files.h"
+#include "platform/log/format.h"
+#include "platform/log/log.h"
+#include "platform/queue/queue.h"
+#include "tools/dlctl/commands.h"
+#include "tools/dlctl/support.h"
+
+namespace dl
+{
+namespace
+{
+
+constexpr char kHold[] = "dlhold";
+
+struct QueueOptions {
+    std::string channel;
+    std::vector<std::string> ids;
+    std::string to;
+    std::size_t limit = 0;
+    bool json = false;
+    bool message = false;
+};
+
+bool OpenQueue()
+{
+    if (MQInit("", "dlctl"))
+        return true;
+    Complain(kExitFailed, "the queue cannot be opened");
+    return false;
+}
+
+bool ParseId(const std::string& text, unsigned long* id)
+{
+    char* end = nullptr;
+    *id = std::strtoul(text.c_str(), &end, 16);
+    if (!text.empty() && *end == '\0' && *id <= 0xFFFFFFFFUL)
+        return true;
+    Complain(kExitFailed, "not a queue identifier: %s", text.c_str());
+    return false;
+}
+
+std::string TimeText(std::int64_t seconds)
+{
+    const std::time_t when = seconds;
+    std::tm date{};
+    char text[32];
+    gmtime_r(&when, &date);
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &date);
+    return text;
+}
+
+Json ItemJson(const QueueItem& item)
+{
+    return {{"id", FormatText("%08lX", item.id)},
+            {"channel", item.channel},
+            {"sender", item.sender},
+            {"recipients", item.recipients},
+            {"bytes", item.bytes},
+            {"closed", TimeText(item.closed)},
+            {"attempts", item.attempts},
+            {"taken", item.taken}};
+}
+
+int List(const QueueOptions& options)
+{
+    std::vector<QueueItem> items;
+    if (!OpenQueue() || !ListMQ(options.channel, options.limit, &items)) {
+        return Complain(kExitFailed, "the queue cannot be read");
+    }
+    if (options.json) {
+        Json all = Json::array();
+        for (const QueueItem& item : items)
+            all.push_back(ItemJson(item));
+        PrintJson(all);
+        return 0;
+    }
+    std::printf("%-8s  %-8s  %-20s  %10s  %6s  %s\n", "ID", "CHANNEL", "SINCE", "BYTES", "RCPTS",
+                "SENDER");
+    for (const QueueItem& item : items)
+        std::printf("%08lX  %-8s  %-20s  %10lld  %6u  %s%s\n", item.id, item.channel.c_str(),
+                    TimeText(item.closed).c_str(), static_cast<long long>(item.bytes),
+                    item.recipients, EscapeForLog(item.sender.c_str()).c_str(),
+                    item.taken ? " (taken)" : "");
+    std::printf("%zu message(s)\n", items.size());
+    return 0;
+}
+
+// The items of one message, one for each channel that it is in.
+bool FindItems(unsigned long id, std::vector<QueueItem>* found)
+{
+    std::vector<QueueItem> items;
+    if (!ListMQ("", 0, &items))
+        return false;
+    for (const QueueItem& item : items)
+        if (item.id == id)
+            found->push_back(item);
+    return true;
+}
+
+Json EnvelopeJson(stEnvelope* envelope)
+{
+    Json recipients = Json::array();
+    envelope->recipients.cursor = nullptr;
+    while (const _envRecip* to = envelope->recipients.Next())
+        recipients.push_back(std::string(to->address));
+    return {{"sender", envelope->SenderAddress()}, {"recipients", recipients}};
+}
+
+void PrintFile(const std::string& path)
+{
+    LineReader in(path);
+    if (!in.IsOpen())
+        Complain(kExitFailed, "the message file is missing: %s", path.c_str());
+    while (const auto line = in.Next())
+        std::fwrite(line->data(), 1, line->size(), stdout);
+}
+
+int Show(const QueueOptions& options)
+{
+    unsigned long id = 0;
+    if (!ParseId(options.ids.front(), &id) || !OpenQueue())
+        return 1;
+    std::vector<QueueItem> items;
+    if (!FindItems(id, &items))
+        return 1;
+    if (items.empty()) {
+        return Complain(kExitNotFound, "no message %08lX in the queue", id);
+    }
+    const std::string path = GetMQPathName(id, ".msg");
+    if (options.message) {
+        PrintFile(path);
+        return 0;
+    }
+    const EnvelopeResult found = GetMQEnvelope(id);
+    Json shown = ItemJson(items.front());
+    shown["channels"] = Json::array();
+    for (const QueueItem& item : items)
+        shown["channels"].push_back(item.channel);
+    shown["file"] = path;
+    shown["envelope"] = found.envelope ? EnvelopeJson(found.envelope.get()) : Json();
+    if (options.json) {
+        PrintJson(shown);
+        return 0;
+    }
+    const QueueItem& item = items.front();
+    std::printf(
+        "id         %08lX\nchannel    %s\nclosed     %s\nbytes      %lld\nattempts   %d%s\n", id,
+        item.channel.c_str(), TimeText(item.closed).c_str(), static_cast<long long>(item.bytes),
+        item.attempts, item.taken ? " (taken)" : "");
+    std::printf("file       %s\nsender     %s\n", path.c_str(),
+                EscapeForLog(item.sender.c_str()).c_str());
+    if (!found.envelope)
+        return 0;
+    found.envelope->recipients.cursor = nullptr;
+    while (const _envRecip* to = found.envelope->recipients.Next())
+        std::printf("recipient  %s\n", EscapeForLog(std::string(to->address).c_str()).c_str());
+    return 0;
+}
+
+int Explain(QueueChange change, unsigned long id, const char* done)
+{
+    switch (change) {
+        case QueueChange::kDone:
+            std::printf("%08lX %s\n", id, done);
+            return 0;
+        case QueueChange::kNotThere:
+            return Complain(kExitNotFound, "no message %08lX there", id);
+        case QueueChange::kTaken:
+            return Complain(kExitFailed, "%08lX is being handled, try again", id);
+        case QueueChange::kFailed:
+            break;
+    }
+    return Complain(kExitFailed, "the queue could not be changed for %08lX", id);
+}
+
+// Where the message is, "dlhold" aside; empty when nowhere.
+std::string ChannelOf(unsigned long id)
+{
+    std::vector<QueueItem> items;
+    if (FindItems(id, &items))
+        for (const QueueItem& item : items)
+            if (item.channel != kHold)
+                return item.channel;
+    return "";
+}
+
+template <typename Change>
+int ForEach(const QueueOptions& options, const char* done, Change change)
+{
+    int status = 0;
+    if (!OpenQueue())
+        return 1;
+    for (const std::string& text : options.ids) {
+        unsigned long id = 0;
+        const int result = ParseId(text, &id) ? Explain(change(id), id, done) : 1;
+        status = status == 0 ? result : status;
+    }
+    return status;
+}
+
+int Remove(const QueueOptions& options)
+{
+    return ForEach(options, "removed", [](unsigned long id) { return RemoveMQItem(id); });
+}
+
+int Hold(const QueueOptions& options)
+{
+    return ForEach(options, "held", [](unsigned long id) {
+        const std::string channel = ChannelOf(id);
+        return channel.empty() ? QueueChange::kNotThere : MoveMQItem(id, channel, kHold);
+    });
+}
+
+int Release(const QueueOptions& options)
+{
+    return ForEach(options, "released",
+                   [&](unsigned long id) { return MoveMQItem(id, kHold, options.to); });
+}
+
+}  // namespace
+
+void AddQueueCommands(CLI::App* program, int* status)
+{
+    auto options = std::make_shared<QueueOptions>();
+    CLI::App* queue = program->add_subcommand("queue", "Messages waiting in the queue");
+    queue->require_subcommand(1);
+
+    CLI::App* list = queue->add_subcommand("list", "Show what waits, in the order of handling");
+    list->add_option("channel", options->channel, "Only this channel: dl, dlout, dlhold");
+    list->add_option("--limit", options->limit, "At most so many");
+    list->add_flag("--json", options->json, "As JSON");
+    list->callback([=] { *status = List(*options); });
+
+    CLI::App* show = queue->add_subcommand("show", "Show one message's envelope or text");
+    show->add_option("id", options->ids, "Identifier, hexadecimal")->required()->expected(1);
+    show->add_flag("--json", options->json, "As JSON");
+    show->add_flag("--message", options->message, "The message itself");
+    show->callback([=] { *status = Show(*options); });
+
+    CLI::App* remove = queue->add_subcommand("remove", "Remove messages for good");
+    remove->add_option("id", options->ids, "Identifiers, hexadecimal")->required();
+    remove->callback([=] { *status = Remove(*options); });
+
+    CLI::App* hold = queue->add_subcommand("hold", "Set messages aside in channel dlhold");
+    hold->add_option("id", options->ids, "Identifiers, hexadecimal")->required();
+    hold->callback([=] { *status = Hold(*options); });
+
+    CLI::App* release = queue->add_subcommand("release", "Put held messages back");
+    release->add_option("id", options->ids, "Identifiers, hexadecimal")->required();
+    release->add_option("--to", options->to, "Channel (default dl)")->default_val("dl");
+    release->callback([=] { *status = Release(*options); });
+}
+
+}  // namespace dl

@@ -1,0 +1,155 @@
+// What clients are told when the queue, the disk or the memory of descriptors fails: try again, for
+// every recipient, and nothing is left in the queue.
+
+#include <cerrno>
+
+#include "tests/support/failing_queue.h"
+#include "tests/tools/lmtp_fixture.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+// A disk that is full after so many more writes.
+class FullDisk : public FileBackend
+{
+ public:
+    FullDisk() : before_(SetFileBackend(this)) {}
+    ~FullDisk() override { SetFileBackend(before_); }
+    std::FILE* Open(const char* path, const char* mode) override
+    {
+        return PosixFiles().Open(path, mode);
+    }
+    bool Write(std::FILE* file, const void* data, std::size_t size) override
+    {
+        if (room-- > 0)
+            return PosixFiles().Write(file, data, size);
+        errno = ENOSPC;
+        return false;
+    }
+    bool Close(std::FILE* file) override
+    {
+        const bool closed = PosixFiles().Close(file);
+        errno = close_error;
+        return closed && close_error == 0;
+    }
+    bool Remove(const char* path) override { return PosixFiles().Remove(path); }
+    bool Rename(const char* from, const char* to) override { return PosixFiles().Rename(from, to); }
+
+    std::atomic<int> room{1'000'000};
+    std::atomic<int> close_error{0};
+
+ private:
+    FileBackend* before_;
+};
+
+constexpr char kTryAgain[] = "451 4.3.0 The queue cannot take the message, try again later\r\n";
+constexpr char kFull[] = "452 4.3.1 The disk is full, try again later\r\n";
+const std::string kTwo = "RCPT TO:<l@x.org>\r\nRCPT TO:<m@x.org>\r\n";
+
+std::string Twice(const std::string& text)
+{
+    return text + text;
+}
+
+}  // namespace
+
+using LmtpFault = LmtpFixture;
+
+TEST_F(LmtpFault, AQueueThatFailsIsTriedAgainLater)
+{
+    FailingQueue queue(Path("queue"));
+    StartServer();
+    const struct {
+        const char* name;
+        QueueCall call;
+    } rows[] = {
+        {"insert", QueueCall::kInsert},
+        {"envelope", QueueCall::kEnvelope},
+        {"close", QueueCall::kClose},
+    };
+    Client client(path);
+    queue.FailNext(QueueCall::kCreate);
+    EXPECT_EQ(client.Start(kTwo, 2), kTryAgain) << "the answer to DATA, for all of them";
+    (void)client.Replies(0);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        queue.FailNext(row.call);
+        ASSERT_TRUE(
+            client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4).ends_with(kMayCome));
+        EXPECT_EQ(client.Ask("x\r\n.\r\n", 2), Twice(kTryAgain));
+        EXPECT_TRUE(Items().empty());
+        EXPECT_EQ(MessageFiles(), 0U);
+    }
+    (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
+    EXPECT_TRUE(client.Ask("x\r\n.\r\n", 2).starts_with("250 ")) << "the session goes on";
+    EXPECT_EQ(Items().size(), 1U);
+}
+
+TEST_F(LmtpFault, OneMessageOfAGroupThatFailsLeavesTheOthers)
+{
+    FailingQueue queue(Path("queue"));
+    StartServer();
+    std::vector<Client> clients;
+    for (int i = 0; i < 10; ++i) {
+        clients.emplace_back(path);
+        ASSERT_EQ(clients.back().Start(), kMayCome);
+    }
+    queue.FailNth(QueueCall::kClose, 4);
+    for (Client& client : clients)
+        ASSERT_TRUE(client.Send("x\r\n.\r\n"));
+    int refused = 0;
+    for (Client& client : clients)
+        refused += client.Replies(1) == kTryAgain ? 1 : 0;
+    EXPECT_EQ(refused, 1);
+    EXPECT_EQ(Items().size(), 9U);
+    EXPECT_EQ(MessageFiles(), 9U);
+}
+
+TEST_F(LmtpFault, AFullDiskIsToldForEachRecipientAfterTheText)
+{
+    FullDisk disk;
+    StartServer();
+    log.ExpectError("cannot be written: the disk is full");
+    Client client(path);
+    const std::string text(500'000, 'x');
+    const struct {
+        const char* name;
+        int room;
+        int close_error;
+    } rows[] = {{"at the first byte", 0, 0}, {"in the middle", 3, 0}, {"at the end", 1000, ENOSPC}};
+    (void)client.Ask("LHLO c\r\n", 7);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
+        disk.room = row.room;
+        disk.close_error = row.close_error;
+        EXPECT_EQ(client.Ask(text + "\r\n.\r\n", 2), Twice(kFull));
+        EXPECT_TRUE(Items().empty());
+        EXPECT_EQ(MessageFiles(), 0U);
+    }
+    disk.room = 1'000'000;
+    disk.close_error = 0;
+    (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
+    EXPECT_TRUE(client.Ask(text + "\r\n.\r\n", 2).starts_with("250 "));
+}
+
+TEST_F(LmtpFault, AQueueFolderThatVanishesIsNoCrash)
+{
+    StartServer();
+    log.ExpectError("No new entry in the message queue");
+    log.ExpectError("was not put into the message queue");
+    Client client(path);
+    ASSERT_EQ(client.Start(kTwo, 2), kMayCome);
+    std::filesystem::rename(Path("queue/msg"), Path("queue/gone"));
+    EXPECT_EQ(client.Ask("x\r\n.\r\n", 2), Twice(kTryAgain));
+    EXPECT_EQ(client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4),
+              "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n250 2.1.5 Ok\r\n" + std::string(kTryAgain));
+    std::filesystem::rename(Path("queue/gone"), Path("queue/msg"));
+    EXPECT_TRUE(Items().empty());
+    (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
+    EXPECT_TRUE(client.Ask("x\r\n.\r\n", 2).starts_with("250 "));
+}
+
+}  // namespace dl::testing
