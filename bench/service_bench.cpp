@@ -1,0 +1,257 @@
+// Prints what the service's main job costs: one posting to many members, a burst of postings,
+// loading the lists. Each scenario is a run of its own, so that its peak memory is its own;
+// scripts/bench makes them all.
+//
+//   service_bench posting MEMBERS | burst POSTINGS MEMBERS | load ldif|slapd LISTS MEMBERS
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "dispatch/dispatcher.h"
+#include "lists/dllist.h"
+#include "platform/config/config.h"
+#include "platform/log/log.h"
+#include "platform/mime/mime.h"
+#include "platform/queue/queue.h"
+#include "tests/support/slapd.h"
+
+namespace
+{
+
+constexpr std::size_t kMessageBytes = 4096;
+
+using Clock = std::chrono::steady_clock;
+
+void Need(bool ok, const char* what)
+{
+    if (ok)
+        return;
+    std::fprintf(stderr, "service_bench: %s failed\n", what);
+    std::exit(1);
+}
+
+double MillisecondsSince(Clock::time_point begin)
+{
+    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+}
+
+// Peak resident memory of this process, in MiB.
+double PeakMemory()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::strtod(line.c_str() + 6, nullptr) / 1024;
+    return 0;
+}
+
+std::string ListEntries(int lists, int members)
+{
+    std::string text;
+    for (int i = 0; i < lists; ++i) {
+        const std::string list = "list" + std::to_string(i) + "@example.org";
+        text += "dn: mail=" + list + ",dc=example,dc=org\nobjectClass: qvlist\nmail: " + list +
+                "\nmode: 0\narchive: 0\n";
+        for (int m = 0; m < members; ++m)
+            text += "listmember: Immediate;member" + std::to_string(m) + "@host" +
+                    std::to_string(m % 997) + ".example.com\n";
+        text += "\n";
+    }
+    return text;
+}
+
+// The site of one scenario, in a folder of its own.
+class Site
+{
+ public:
+    explicit Site(const std::string& ldap_settings)
+    {
+        const char* base = std::getenv("DL_BENCH_DIR");
+        std::string name = std::string(base ? base : "/var/tmp") + "/dlbench.XXXXXX";
+        Need(mkdtemp(name.data()) != nullptr, "making a folder");
+        folder_ = name;
+        Write("qvms.conf",
+              "[Connection]\nGatewayHostName=mail\nGatewayDomain=example.org\n[DlManager]\n"
+              "DbPath=" +
+                  folder_ + "/data\n[Queue]\nPath=" + folder_ + "/queue\n[Ldap]\n" + ldap_settings);
+        std::filesystem::create_directories(folder_ + "/data/list0@example.org/digest");
+        dl::SetConfigFolder(folder_);
+        dl::LogSettings log;
+        log.target = dl::LogSettings::Target::kFile;
+        log.path = folder_ + "/log";
+        log.max_bytes = 1'000'000'000;
+        std::string error;
+        Need(dl::OpenLog(log, "service_bench", &error), "opening the log");
+    }
+    ~Site()
+    {
+        dl::MQEnd();
+        dl::CloseLog();
+        std::filesystem::remove_all(folder_);
+    }
+    Site(const Site&) = delete;
+    Site& operator=(const Site&) = delete;
+
+    void Write(const std::string& name, const std::string& text) const
+    {
+        std::ofstream(folder_ + "/" + name) << text;
+    }
+    [[nodiscard]] const std::string& Folder() const { return folder_; }
+
+ private:
+    std::string folder_;
+};
+
+std::string Message()
+{
+    std::string text =
+        "From: anna@example.com\r\nTo: list0@example.org\r\nSubject: bench\r\n"
+        "Message-ID: <1@bench.example.com>\r\n\r\n";
+    while (text.size() < kMessageBytes)
+        text += "All work and no play makes a dull benchmark.\r\n";
+    return text;
+}
+
+void SubmitPosting(const std::string& message)
+{
+    dl::NewMQEntry entry;
+    Need(static_cast<bool>(entry), "making an entry");
+    std::ofstream(dl::GetMQPathName(entry.get(), ".msg"), std::ios::binary) << message;
+    dl::stEnvelope envelope;
+    dl::_envFrom from;
+    from.address = "anna@example.com";
+    dl::_envRecip to;
+    to.address = "list0@example.org";
+    to.channel = "dl";
+    Need(envelope.AddSender(from) && envelope.AddRecipient(to), "building an envelope");
+    Need(dl::Submit(std::move(entry), "dl", 0, &envelope) == dl::Submission::kDone, "submitting");
+}
+
+void Process(dl::MQContext* channel)
+{
+    dl::StringChain processed;
+    Need(dl::ProcessQueue(channel, "dl", "dlout", &processed) == 0, "processing the queue");
+}
+
+void Posting(int members)
+{
+    const Site site("File=lists.ldif\n");
+    site.Write("lists.ldif", ListEntries(1, members));
+    Need(dl::ListCache().InitCache() && dl::MQInit("", "bench"), "starting");
+    dl::MQContext* channel = dl::OpenMQChannel("dl");
+    const std::string message = Message();
+    const Clock::time_point begin = Clock::now();
+    SubmitPosting(message);
+    Process(channel);
+    const double time = MillisecondsSince(begin);
+    std::printf(
+        "posting of 4 KiB to %6d members: %8.1f ms, %6.2f us a member, peak memory %5.1f MiB\n",
+        members, time, 1000 * time / members, PeakMemory());
+    Need(dl::CloseMQChannel(channel), "closing the channel");
+}
+
+// Entries a second of the cheapest durable queue: file, fsync, folder fsync, one durable commit.
+double Floor(const std::string& folder, int count)
+{
+    sqlite3* db = nullptr;
+    const auto run = [&db](const char* sql) {
+        Need(sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK, sql);
+    };
+    std::filesystem::create_directories(folder + "/floor");
+    Need(sqlite3_open((folder + "/floor.db").c_str(), &db) == SQLITE_OK,
+         "opening the floor's index");
+    run("PRAGMA journal_mode=WAL");
+    run("PRAGMA synchronous=FULL");
+    run("CREATE TABLE entry (id INTEGER PRIMARY KEY, data BLOB)");
+    const std::string bytes(kMessageBytes, 'x');
+    const int dir = open((folder + "/floor").c_str(), O_RDONLY | O_CLOEXEC);
+    const Clock::time_point begin = Clock::now();
+    for (int i = 0; i < count; ++i) {
+        const std::string path = folder + "/floor/" + std::to_string(i);
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        Need(write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()) &&
+                 fsync(fd) == 0 && fsync(dir) == 0,
+             "the floor's file");
+        close(fd);
+        run("INSERT INTO entry (data) VALUES (zeroblob(64))");
+    }
+    const double time = MillisecondsSince(begin);
+    close(dir);
+    sqlite3_close(db);
+    return 1000 * count / time;
+}
+
+void Burst(int postings, int members)
+{
+    const Site site("File=lists.ldif\n");
+    site.Write("lists.ldif", ListEntries(1, members));
+    Need(dl::ListCache().InitCache() && dl::MQInit("", "bench"), "starting");
+    const double floor = Floor(site.Folder(), postings);
+    dl::MQContext* channel = dl::OpenMQChannel("dl");
+    const std::string message = Message();
+    for (int i = 0; i < postings; ++i)
+        SubmitPosting(message);
+    const Clock::time_point begin = Clock::now();
+    Process(channel);
+    const double rate = 1000 * postings / MillisecondsSince(begin);
+    std::printf(
+        "burst of %d postings to %d members: %.0f entries/s on dlout, floor %.0f/s: %.0f %%, peak "
+        "memory %.1f MiB\n",
+        postings, members, rate, floor, 100 * rate / floor, PeakMemory());
+    Need(dl::CloseMQChannel(channel), "closing the channel");
+}
+
+void Load(const char* back_end, int lists, int members)
+{
+    const std::string entries = ListEntries(lists, members);
+    const bool server = std::strcmp(back_end, "slapd") == 0;
+    const Site site(server ? "" : "File=lists.ldif\n");
+    std::unique_ptr<dl::testing::Slapd> slapd;
+    if (server) {
+        slapd = std::make_unique<dl::testing::Slapd>(site.Folder() + "/slapd", entries);
+        Need(slapd->Up(), slapd->Reason().c_str());
+        site.Write("qvms.conf",
+                   "[DlManager]\nDbPath=" + site.Folder() + "/data\n" + slapd->Settings());
+    } else {
+        site.Write("lists.ldif", entries);
+    }
+    const double before = PeakMemory();
+    Clock::time_point begin = Clock::now();
+    Need(dl::ListCache().InitCache(), "loading the lists");
+    const double load = MillisecondsSince(begin);
+    const double loaded = PeakMemory();
+    begin = Clock::now();
+    Need(dl::ListCache().RefreshCache(), "refreshing the lists");
+    const double refresh = MillisecondsSince(begin);
+    Need(dl::ListCache().Count() == lists, "counting the lists");
+    std::printf(
+        "load of %d lists x %d members from %-5s: %6.0f ms, refresh %6.0f ms, peak memory %.1f MiB "
+        "before, %.1f loaded, %.1f refreshed\n",
+        lists, members, back_end, load, refresh, before, loaded, PeakMemory());
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const auto number = [&](int i) { return std::atoi(argv[i]); };
+    dl::InitKVTDll("bench");
+    if (argc == 3 && std::strcmp(argv[1], "posting") == 0)
+        Posting(number(2));
+    else if (argc == 4 && std::strcmp(argv[1], "burst") == 0)
+        Burst(number(2), number(3));
+    else if (argc == 5 && std::strcmp(argv[1], "load") == 0)
+        Load(argv[2], number(3), number(4));
+    else
+        return 64;
+    return 0;
+}
