@@ -14,9 +14,9 @@ namespace dl
 namespace
 {
 
-constexpr std::size_t kReadBytes = 64 * 1024;
+constexpr std::size_t kReadBytes = 65'536;
 constexpr int kReadsPerTurn = 4;  // the others are waiting
-constexpr std::size_t kMaxBuffered = 64 * 1024;
+constexpr std::size_t kMaxBuffered = 65'536;
 
 }  // namespace
 

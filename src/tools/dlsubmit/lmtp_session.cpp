@@ -12,8 +12,8 @@ namespace
 
 // RFC 5321 asks for 512 bytes, RFC 6531 for more: an address may have 1000 here.
 constexpr std::size_t kMaxLine = 4096;
-constexpr std::size_t kMaxOutput = 256 * 1024;
-constexpr std::size_t kTextPiece = 64 * 1024;
+constexpr std::size_t kMaxOutput = 262'144;
+constexpr std::size_t kTextPiece = 65'536;
 constexpr int kMaxWrongCommands = 50;
 constexpr int kMaxNotes = 20;
 constexpr std::size_t kNoteBytes = 200;

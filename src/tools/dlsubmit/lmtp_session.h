@@ -42,9 +42,9 @@ class AddressList
 
 struct LmtpLimits {
     std::string host;  // our name in greeting and LHLO
-    std::uint64_t max_message_bytes = 50 * 1024 * 1024;
-    std::size_t max_recipients = 100'000;                // of a transaction
-    std::size_t max_recipient_bytes = 32 * 1024 * 1024;  // of all sessions together
+    std::uint64_t max_message_bytes = 50 << 20;
+    std::size_t max_recipients = 100'000;        // of a transaction
+    std::size_t max_recipient_bytes = 32 << 20;  // of all sessions together
 };
 
 // What became of a transaction's text; it is the answer for each of its recipients.
