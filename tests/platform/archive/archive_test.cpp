@@ -141,7 +141,8 @@ TEST_F(Archive, AnEmptyArchiveHasAFrontPage)
 TEST_F(Archive, PagesShowThePostings)
 {
     PostExamples();
-    CDlArchive::DescribeArchive(list, {"Garden talk", "All about <gardens>", "https://a.example/garden"});
+    CDlArchive::DescribeArchive(list,
+                                {"Garden talk", "All about <gardens>", "https://a.example/garden"});
     Generate();
     CheckPages();
     struct Row {
