@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include "platform/address/address.h"
@@ -23,6 +22,8 @@ namespace dl
 {
 namespace
 {
+
+constexpr std::size_t kLongestPassword = 255;
 
 struct ArchiveOptions {
     std::string list;
@@ -42,15 +43,14 @@ std::string AskPassword(const char* prompt)
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
         std::fprintf(stderr, "%s", prompt);
     }
-    char line[256] = "";
-    if (!std::fgets(line, sizeof line, stdin))
-        line[0] = '\0';
+    std::string line;
+    for (int c; (c = std::getc(stdin)) != EOF && c != '\n';)
+        line += static_cast<char>(c);
     if (terminal) {
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
         std::fputc('\n', stderr);
     }
-    line[std::strcspn(line, "\r\n")] = '\0';
-    return line;
+    return line.substr(0, line.find('\r'));
 }
 
 std::string MakePassword()
@@ -109,6 +109,7 @@ int Register(const ArchiveOptions& options)
     if (!IsListName(options.list))
         return kExitFailed;
     if (RecipParse(options.address, &parsed, 1) != 1 ||
+        parsed.addresses[0].full != options.address ||
         options.address.find(':') != std::string::npos)
         return Complain(kExitFailed, "not an address that a password file can hold: %s",
                         options.address.c_str());
@@ -118,6 +119,8 @@ int Register(const ArchiveOptions& options)
         return Complain(kExitFailed, "no password was given (--generate makes one)");
     if (!options.generate && isatty(STDIN_FILENO) != 0 && AskPassword("Once more: ") != password)
         return Complain(kExitFailed, "the two passwords differ");
+    if (password.size() > kLongestPassword || password.find('\0') != std::string::npos)
+        return Complain(kExitFailed, "the password is too long, or no text");
     const std::string hash = Hash(password);
     if (hash.empty())
         return Complain(kExitFailed, "the password cannot be hashed");
