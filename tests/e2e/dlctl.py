@@ -75,17 +75,20 @@ class Commands:
         def tree():
             return sorted(str(path) for path in self.house.dir.rglob("*") if "directory" not in str(path))
         before = tree()
-        for name in ("news", "", "@lists.example.org", "news@", "../news@lists.example.org", "a/b@lists.example.org", "..@lists.example.org",
-                     "news@../../tmp", "news@lists/x", "a b@lists.example.org", "<news@lists.example.org>", "News <news@lists.example.org>",
-                     "news@lists.example.org,x@y.example", "a\nb@lists.example.org", "a\x1b[2J@lists.example.org", "x" * 300 + "@lists.example.org",
-                     "news-owner@lists.example.org", "news-requests@lists.example.org"):
+        climbing = ("../news@lists.example.org", "a/b@lists.example.org", "news@../../tmp")
+        aliases = ("news-owner@lists.example.org", "news-requests@lists.example.org")
+        for name in (*climbing, *aliases, "news", "", "@lists.example.org", "news@", "..@lists.example.org", "a b@lists.example.org",
+                     "News <news@lists.example.org>", "news@lists.example.org,x@y.example", "a\nb@lists.example.org",
+                     "a\x1b[2J@lists.example.org", "x" * 300 + "@lists.example.org"):
             with self.subTest(name):
-                for command in (["create", name], ["check", "--fix", name]):
-                    _, errors = self.dlctl("list", *command, want=2 if command[0] == "check" and name.startswith("news-") else 1)
-                    self.assertNotRegex(errors[:-1], r"[\x00-\x1f]", "no control character reaches a terminal")
+                _, errors = self.dlctl("list", "create", name, want=1)
+                self.assertNotRegex(errors[:-1], r"[\x00-\x1f]", "no control character reaches a terminal")
+        for name in climbing:
+            with self.subTest(name):
+                self.dlctl("list", "check", "--fix", name, want=1)
+                self.dlctl("archive", "register", "--generate", name, ANNA, want=1)
                 for command in (["list", "show", name], ["list", "delete", name], ["member", "add", name, ANNA]):
                     self.dlctl(*command, want=2)
-                self.dlctl("archive", "register", "--generate", name, ANNA, want=1)
         self.assertEqual(tree(), before)
         # What has the address and is no list is neither shown nor deleted.
         for name in (PAUL, GARDEN.replace("@", "-owner@")):
