@@ -180,6 +180,7 @@ class Commands:
             self.assertEqual(stat.S_IMODE(file.stat().st_mode), 0o600)
             line = file.read_bytes()
             self.assertRegex(line, rb"^" + re.escape(arguments[0].encode()) + rb":\$6\$[./0-9A-Za-z]+\$[./0-9A-Za-z]{86}\r\n$")
+            self.assertEqual(errors, "")
             return output, line.decode()[len(arguments[0]) + 1:-2]
 
         def check(password, hashed):
@@ -191,6 +192,9 @@ class Commands:
         check("pass: wörd %s", hashed)
         output, hashed = register(ANNA, "--generate")
         check(re.search(r"^password    (\S{20})$", output, re.M)[1], hashed)
+        self.assertEqual(self.dlctl("archive", "register", "--generate", TWICE, "bert@example.net")[1],
+                         f"dlctl: note: bert@example.net is no member of {TWICE}, and the mail will get no answer\n"
+                         f"dlctl: note: {TWICE} is an open list, and the mail will get no answer\n")
         self.assertEqual(len(self.service.pending(GARDEN)), 2)
         for name, address, data in (("no password", ANNA, b"\n"), ("too long", ANNA, b"x" * 256 + b"\n"), ("a NUL", ANNA, b"a\0b\n"),
                                     ("no address", "anna", b"x\n"), ("a field of the file", "\"a:b\"@example.com", b"x\n"),

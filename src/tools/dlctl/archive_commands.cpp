@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "lists/directory_access.h"
 #include "platform/address/address.h"
 #include "platform/archive/archive.h"
 #include "platform/files/files.h"
@@ -16,6 +17,7 @@
 #include "requests/confirmations.h"
 #include "requests/incoming.h"
 #include "tools/dlctl/commands.h"
+#include "tools/dlctl/open_list.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
@@ -103,6 +105,31 @@ std::uint32_t WritePending(const std::string& list, const std::string& line)
     return 0;
 }
 
+// Says why the mail would get no answer, as far as the directory tells; it need not be there.
+void NoteNoAnswer(const ArchiveOptions& options)
+{
+    ldapClient client;
+    SearchReq found;
+    if (!OpenDirectory(&client) || FindListEntry(client, options.list, &found) != ListFound::kYes)
+        return;
+    bool closed = false;
+    bool member = false;
+    for (const SearchAttribute& attribute : found.entries.front().attributes) {
+        Member value;
+        if (EqualNoCase(attribute.name, "mode"))
+            closed = attribute.value == "1";
+        else if (EqualNoCase(attribute.name, "listmember"))
+            member = member || (ParseMember(attribute.value, &value) &&
+                                EqualNoCase(value.address, options.address));
+    }
+    if (!member)
+        Complain(kExitOk, "note: %s is no member of %s, and the mail will get no answer",
+                 options.address.c_str(), options.list.c_str());
+    if (!closed)
+        Complain(kExitOk, "note: %s is an open list, and the mail will get no answer",
+                 options.list.c_str());
+}
+
 int Register(const ArchiveOptions& options)
 {
     RT parsed;
@@ -136,6 +163,7 @@ int Register(const ArchiveOptions& options)
                 options.address.c_str());
     std::printf("    From: %s\n    To: %s\n\n    archive registration (%08X)\n",
                 options.address.c_str(), RequestAddress(options.list).c_str(), id);
+    NoteNoAnswer(options);
     return kExitOk;
 }
 
