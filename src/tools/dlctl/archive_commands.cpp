@@ -1,4 +1,4 @@
-// dlctl archive: register, rebuild, remove.
+// dlctl archive: register, rebuild, remove, describe.
 
 #include <crypt.h>
 #include <sys/random.h>
@@ -32,6 +32,7 @@ struct ArchiveOptions {
     std::string address;
     std::string id;
     bool generate = false;
+    ArchiveDescription description;
 };
 
 // A line from the terminal without echo, or from standard input.
@@ -199,6 +200,18 @@ int Remove(const ArchiveOptions& options)
     return status;
 }
 
+int Describe(const ArchiveOptions& options)
+{
+    const std::string& url = options.description.url;
+    if (!url.empty() && !StartsWithNoCase(url, "http://") && !StartsWithNoCase(url, "https://"))
+        return Complain(kExitFailed, "the address of the pages begins with http:// or https://: %s",
+                        url.c_str());
+    return WithArchive(options, [&] {
+        CDlArchive::DescribeArchive(options.list, options.description);
+        CDlArchive::GenerateIndexPages(options.list);
+    });
+}
+
 }  // namespace
 
 void AddArchiveCommands(CLI::App* program, int* status)
@@ -224,6 +237,16 @@ void AddArchiveCommands(CLI::App* program, int* status)
     remove->add_option("list", options->list, "The list's address")->required();
     remove->add_option("id", options->id, "Its identifier, eight hexadecimal digits")->required();
     remove->callback([=] { *status = Remove(*options); });
+
+    CLI::App* describe = archive->add_subcommand(
+        "describe", "Set what the pages say of the list; what is not given is emptied");
+    describe->add_option("list", options->list, "The list's address")->required();
+    describe->add_option("--title", options->description.title,
+                         "Title of the pages (default: the list's name before the @)");
+    describe->add_option("--description", options->description.description, "One line on the list");
+    describe->add_option("--url", options->description.url,
+                         "Where the pages are served, for the links of the feed");
+    describe->callback([=] { *status = Describe(*options); });
 }
 
 }  // namespace dl
