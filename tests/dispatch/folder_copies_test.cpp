@@ -80,6 +80,17 @@ TEST_F(FolderCopies, AnArchivedListFilesUnderTheNewEntrysName)
     CDlArchive::RemoveArchive(kNotes, 0x00AB0001);  // throws when the archive does not know it
 }
 
+TEST_F(FolderCopies, AListIsOneListHoweverItIsWritten)
+{
+    Keep("Notes@Lists.Example.ORG");
+    EXPECT_EQ(Names(kNotes), "digest: 00001A2B.msg subject.txt archive: 00AB0001.msg");
+    fs::create_directories(Of("NOTES@lists.example.org", "digest"));  // of its own, if there is one
+    log.ExpectError("archive folder of NOTES@lists.example.org mailing list");
+    log.ExpectError("there is no message");
+    Keep("NOTES@lists.example.org");
+    EXPECT_EQ(Names("NOTES@lists.example.org"), "digest: 00001A2B.msg subject.txt archive:");
+}
+
 TEST_F(FolderCopies, AFailureIsSaidAndTheRestGoesOn)
 {
     const std::string digest_line =

@@ -183,7 +183,15 @@ class Dialogues(Case):
         self.assertEqual(self.service.pending(GARDEN), pending)
         self.assertEqual(self.directory.members(GARDEN), MEMBERS)
 
-    def test_3_archive_registration(self):
+    def test_3_a_list_is_one_list_however_it_is_written(self):
+        question, _ = self.request(PAUL, mail(PAUL, GARDEN_REQUEST, "", "subscribe\n"), "Garden-Request@Lists.Example.ORG")
+        self.assertEqual(len(self.service.pending(GARDEN)), 1)
+        self.send(PAUL, question.message["Reply-To"], reply(question, PAUL))
+        self.assertEqual(self.directory.members(GARDEN), sorted([*MEMBERS, f"Immediate;{PAUL}"]))
+        self.service.take(2)
+        self.check_idle()
+
+    def test_4_archive_registration(self):
         printed = self.service.run("dlctl", "archive", "register", BOARD, ANNA, data=b"a secret: word\n")
         identifier = re.search(r"^identifier  ([0-9A-F]{8})$", printed, re.M)[1]
         command = re.search(r"archive registration \([0-9A-F]{8}\)", printed)[0]
