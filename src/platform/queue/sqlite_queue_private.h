@@ -14,6 +14,7 @@
 
 #include "platform/queue/delivery.h"
 #include "platform/queue/entry_files.h"
+#include "platform/queue/news_watch.h"
 #include "platform/queue/queue_backend.h"
 #include "platform/queue/sqlite_private.h"
 
@@ -46,6 +47,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
                      std::vector<RecipientAnswer>* answers) override;
     QueueAnswer Waiting(std::int64_t reader, std::int64_t* next_due) override;
     bool HasRoom() const override;
+    bool WaitForNews(std::chrono::milliseconds longest) override;
 
     std::int64_t BeginReader(const std::string& channel) override;
     bool EndReader(std::int64_t reader) override;
@@ -144,6 +146,8 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     const int max_attempts_;
     const std::string module_;
     const pid_t process_;
+
+    NewsWatch news_;  // of the one thread that waits
 
     std::mutex recordings_mutex_;  // the next three
     std::condition_variable recordings_change_;

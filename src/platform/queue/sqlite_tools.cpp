@@ -110,6 +110,8 @@ QueueChange SqliteQueue::Move(std::uint32_t id, const std::string& from, const s
               transaction.Commit()))
             result = QueueChange::kFailed;
     }
+    if (result == QueueChange::kDone)
+        files_.TellNews();
     if (result == QueueChange::kFailed)
         Complain("Message %08X cannot be moved to channel %s of the message queue: %s",
                  static_cast<unsigned>(id), to.c_str(), Cause().c_str());
