@@ -6,7 +6,7 @@
 Each case starts the three programs anew on an empty queue, with the log of a usual site in files, and ends when the queue is
 empty: everything is then handed over and written down as such. The service's pause of a second is taken out: SIGUSR1, which
 asks for its status, ends a pause early. Beside each case smtp-source sends as many messages to as many recipients straight to
-smtp-sink, which writes nothing down.
+smtp-sink, which writes nothing down; before all of them stands what the disk alone takes.
 """
 import os
 import pathlib
@@ -158,12 +158,33 @@ def direct(postings, members, connections, port):
     return time.perf_counter() - begin
 
 
+def disk(count=100):
+    """Milliseconds of what each posting waits for at least: a file, its folder, a log; each synced."""
+    with tempfile.TemporaryDirectory(prefix="dlbench.", dir=os.environ.get("DL_BENCH_DIR", "/var/tmp")) as name:
+        folder, log = os.open(name, os.O_RDONLY), os.open(f"{name}/log", os.O_WRONLY | os.O_CREAT)
+        begin = time.perf_counter()
+        for i in range(count):
+            file = os.open(f"{name}/{i}", os.O_WRONLY | os.O_CREAT)
+            os.write(file, b"x" * BYTES)
+            os.fsync(file)
+            os.close(file)
+            os.fsync(folder)
+            os.write(log, b"y" * 3 * BYTES)
+            os.fdatasync(log)
+        spent = time.perf_counter() - begin
+        os.close(folder)
+        os.close(log)
+        return spent / count * 1000
+
+
 def main():
     binaries = sys.argv[1]
     port = free_port()
     sink = subprocess.Popen([SINK, *(["-u", "nobody"] if os.geteuid() == 0 else []), f"127.0.0.1:{port}", "200"])
     try:
         wait_for("smtp-sink", lambda: listens(port))
+        floor = disk()
+        print(f"the disk: {floor:.2f} ms to put one posting on it, {1000 / floor:.0f} postings/s one after the other")
         print(f"{'postings x members':>18}  {'ms':>8} {'intake':>8} {'direct':>8}  {'postings/s':>10} {'rcpts/s':>8}  "
               f"{'CPU ms, peak MiB of ' + ', '.join(PROGRAMS)}", flush=True)
         for postings, members, connections in CASES:
@@ -173,8 +194,6 @@ def main():
                 site = Site(binaries, members, port)
                 try:
                     site.start()
-                    if os.environ.get("DL_BENCH_MEMORY"):
-                        print("loaded:", site.memory())
                     before = site.cpu()
                     taken = site.run(postings, connections)
                     cpu = {name: value - before[name] for name, value in site.cpu().items()}

@@ -60,6 +60,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
 
     bool List(const std::string& channel, std::size_t limit,
               std::vector<QueueItem>* items) override;
+    bool Find(std::uint32_t id, std::vector<QueueItem>* items) override;
     QueueChange Drop(std::uint32_t id) override;
     QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) override;
 
@@ -136,6 +137,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     static std::string Named(std::span<const DeliveryStep> steps);
 
     // Tools (sqlite_tools.cpp).
+    bool ReadItems(Query* query, std::vector<QueueItem>* items);
     QueueChange FindRows(std::uint32_t id, const std::string* channel, int* priority);
 
     bool Usable() const;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <thread>
+#include <tuple>
 
 #include "tests/platform/queue/queue_fixture.h"
 
@@ -138,6 +139,13 @@ TEST_F(DeliveryTest, KeepsWhatBecameOfEachRecipient)
         step.end = End::kPutBack;
         step.due = 50;
         ASSERT_TRUE(channel->Record({&step, 1}));
+        std::vector<QueueItem> items;
+        ASSERT_TRUE(FindMQ(id, &items));
+        ASSERT_EQ(items.size(), 1U);
+        EXPECT_EQ(std::tie(items[0].due, items[0].tries, items[0].problem),
+                  std::make_tuple(50, 1, "421 busy"));
+        ASSERT_TRUE(FindMQ(id + 1, &items));
+        EXPECT_TRUE(items.empty());
     }
     ASSERT_TRUE(MQInitAt(folder));  // as another process would see it
     const auto channel = DeliveryChannel::Open("dlout");
