@@ -18,7 +18,7 @@ namespace
 // Large pieces of memory go back to the system when they are freed. By itself the C library keeps
 // them once it has seen some, and a posting to a list of 100,000 members would leave the service
 // half as big again as it needs to be.
-constexpr int kLargePiece = 128 * 1024;
+constexpr int kLargePiece = 1024 * 1024;
 
 }  // namespace
 

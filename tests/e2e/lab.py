@@ -80,6 +80,7 @@ class Lab:
         for program in ("dlmanager", "dlsubmit", "dlctl", "dlsend"):
             if (pathlib.Path(binaries) / program).exists():
                 shutil.copy(pathlib.Path(binaries) / program, self.dir / "bin")
+        self.dlsend_command = [self.dir / "bin/dlsend"]
         self.has_dlsend = (self.dir / "bin/dlsend").exists()
         self.configure()
 
@@ -284,7 +285,7 @@ smtpd_recipient_restrictions = permit_mynetworks, reject
         def runs():  # the file of one that was killed may be there
             return pid_file.exists() and pid_file.read_text().strip() == str(self.children["dlsend"].pid)
 
-        self.start("dlsend", [self.dir / "bin/dlsend"], runs, user=USER)
+        self.start("dlsend", self.dlsend_command, runs, user=USER)
 
     def dlmanager_pid(self):
         try:
