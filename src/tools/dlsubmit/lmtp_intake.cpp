@@ -15,6 +15,7 @@
 #include "platform/config/config.h"
 #include "platform/log/log.h"
 #include "platform/process/process.h"
+#include "platform/process/user.h"
 #include "platform/queue/queue.h"
 #include "tools/dlsubmit/lmtp_listener.h"
 #include "tools/dlsubmit/lmtp_server.h"
