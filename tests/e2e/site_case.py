@@ -22,11 +22,15 @@ class Site(unittest.TestCase):
     """A lab that was set up by the documented commands, up to the pipe."""
     binaries = ""  # the build's folder bin; set by main
     lists = {LIST: MEMBER_LIST}
+    small_disk = False  # for the queue, of its own
 
     @classmethod
     def setUpClass(cls):
         cls.lab = lab = Lab(cls.binaries, cls.lists)
         cls.addClassCleanup(lab.end)
+        if cls.small_disk:
+            lab.mount_small_disk()
+            cls.addClassCleanup(lab.command, ["umount", "--lazy", lab.spool])
         lab.start_slapd()
         lab.start_postfix()
         cls.outputs = {}

@@ -47,7 +47,8 @@ void MQEnd();
 [[nodiscard]] MQContext* OpenMQChannel(const std::string& name);
 // The identifier of the first (next) message, which becomes the context's current one; kNoMessage,
 // kQueueFailed. GetFirstMessage begins a pass; a pass hands out each entry at most once, and keeps
-// what it handed out from other readers. `peek` is false in every call.
+// what it handed out from other readers. kQueueFailed also when the disk has no room for what a
+// reader writes of a message, some copies of it. `peek` is false in every call.
 [[nodiscard]] long GetFirstMessage(MQContext* channel, bool peek);
 [[nodiscard]] long GetNextMessage(MQContext* channel, bool peek);
 

@@ -78,7 +78,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
         bool missing = false;             // some entry was not the reader's
     };
     struct Taken {
-        enum How { kMessage, kNone, kHeld, kFailed } how;
+        enum How { kMessage, kNone, kHeld, kNoRoom, kFailed } how;
         std::uint32_t id;
         int attempts = 0;  // of a held one; 0: its message file is missing
     };
@@ -118,6 +118,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     bool OpenPass(Reader& reader);
     Taken TakeOne(const Reader& reader);
     Taken TakeRow(const Reader& reader);
+    bool HasRoomFor(std::uint32_t id);
     void TellHeld(const Reader& reader, const Taken& taken) const;
     bool FreeDeadReaders();
     bool GiveBack(Reader& reader, Removals* removals);
