@@ -1,6 +1,8 @@
 // dlmanager, the list manager's service. It takes no arguments; DLMANAGER_CONF names the
 // configuration folder.
 
+#include <malloc.h>
+
 #include <cstdlib>
 
 #include "archive/index_schedule.h"
@@ -10,8 +12,20 @@
 #include "platform/config/config.h"
 #include "platform/log/log.h"
 
+namespace
+{
+
+// Large pieces of memory go back to the system when they are freed. By itself the C library keeps
+// them once it has seen some, and a posting to a list of 100,000 members would leave the service
+// half as big again as it needs to be.
+constexpr int kLargePiece = 1024 * 1024;
+
+}  // namespace
+
 int main()
 {
+    (void)mallopt(M_MMAP_THRESHOLD, kLargePiece);
+    (void)mallopt(M_TRIM_THRESHOLD, kLargePiece);
     // In this order, so that they go the other way round at exit.
     (void)dl::ListCache();
     (void)dl::SharedArchive();

@@ -86,6 +86,7 @@ class Lab:
         """`lists`: address -> members; each has the owner owner@members.example."""
         self.dir = pathlib.Path(tempfile.mkdtemp(prefix="dl-e2e.", dir="/tmp"))
         self.dir.chmod(0o755)
+        self.spool = self.dir / "spool"
         self.lists = lists
         self.children = {}
         self.dead = []  # (name, exit status) of what ended by itself
@@ -105,6 +106,7 @@ class Lab:
         for program in ("dlmanager", "dlsubmit", "dlctl", "dlsend"):
             if (pathlib.Path(binaries) / program).exists():
                 shutil.copy(pathlib.Path(binaries) / program, self.dir / "bin")
+        self.dlsend_command = [self.dir / "bin/dlsend"]
         self.has_dlsend = (self.dir / "bin/dlsend").exists()
         self.configure()
 
@@ -148,6 +150,22 @@ LogFile = {self.dir}/log/dlsend.log
         subprocess.run(["chown", "-R", USER, self.dir / "data"], check=True)
         self.configure_slapd()
         self.configure_postfix()
+
+    def mount_small_disk(self):
+        """Under the queue; before anything uses it."""
+        nobody = pwd.getpwnam(USER)
+        self.command(["mount", "-t", "tmpfs", "-o", f"size=8m,mode=700,uid={nobody.pw_uid}", "none", self.spool])
+
+    def fill_disk(self, room=0):
+        with open(self.spool / "filler", "wb", buffering=0) as filler:
+            try:
+                while filler.write(b"x" * 4096):
+                    pass
+            except OSError:
+                filler.truncate(filler.tell() - room)
+
+    def free_disk(self):
+        (self.spool / "filler").unlink()
 
     def configure_slapd(self):
         entries = list(BASE_ENTRIES)
@@ -292,7 +310,7 @@ smtpd_recipient_restrictions = permit_mynetworks, reject
         def runs():  # the file of one that was killed may be there
             return pid_file.exists() and pid_file.read_text().strip() == str(self.children["dlsend"].pid)
 
-        self.start("dlsend", [self.dir / "bin/dlsend"], runs, user=USER)
+        self.start("dlsend", self.dlsend_command, runs, user=USER)
 
     def dlmanager_pid(self):
         try:

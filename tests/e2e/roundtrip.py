@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
 """Mail into a real Postfix, through the list manager, and out of it again into mailboxes.
 
-    tests/e2e/roundtrip.py BUILD/bin [Intake | Relay | Chaos][.test]      DL_KEEP=1 leaves the folder for a look at it
+    tests/e2e/roundtrip.py BUILD/bin [Intake | Relay | FullDisk | Chaos][.test]      DL_KEEP=1 leaves the folder for a look at it
 """
 import os
+import re
+import signal
 import sys
+import time
 import unittest
 
 import mails
@@ -179,6 +182,74 @@ class Relay(Site):
         lab.start_postfix()
         wait_for("both", lambda: len(lab.mailbox("anna")) == before + 2, 60)
         wait_for("an empty queue", lambda: not lab.queue(""))
+
+
+class FullDisk(Site):
+    """The queue's disk is full just when each of the programs needs it; then there is room again."""
+    small_disk = True
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        if not cls.lab.has_dlsend:
+            raise unittest.SkipTest("the build has no dlsend")
+        cls.lab.start_dlmanager()
+        cls.lab.start_dlsend()
+        wait_for("the documented test messages", lambda: len(cls.lab.mailbox("anna")) == 2 and not cls.lab.queue(""))
+
+    def arrives_once(self, name, body=b"text\r\n"):
+        lab = self.lab
+
+        def done():
+            lab.start_dlmanager()  # a supervisor would
+            return lab.postfix_is_empty() and not lab.queue("")
+
+        wait_for(f"the end of {name}", done, 90, 0.3)
+        for member in MEMBER_LIST:
+            user = member.split("@")[0]
+            got = [file.read_bytes() for file in lab.mailbox(user)]
+            got = [message for message in got if mails.field(message, b"Subject") == [name.encode()]]
+            with self.subTest(f"{name} for {user}"):
+                self.assertEqual(len(got), 1)
+                self.assertTrue(mails.essence(got[0]) == mails.posting(name, body=body))
+
+    def test_1_intake(self):
+        lab = self.lab
+        lab.fill_disk()
+        lab.post(ANNA, [LIST], mails.posting("intake"))
+        wait_for("the deferral", lambda: re.search(r"status=deferred .*45[12] 4\.3\.[01] The (disk|queue)", lab.output("postfix")))
+        lab.free_disk()
+        self.arrives_once("intake")
+
+    def test_2_service(self):
+        lab = self.lab
+        body = b"0123456789\r\n" * 25_000
+        for room in (0, 100_000):  # none at all; enough for the index, too little for the message
+            name = f"service{room}"
+            os.kill(lab.dlmanager_pid(), signal.SIGSTOP)
+            lab.post(ANNA, [LIST], mails.posting(name, body=body))
+            wait_for("the posting in dl", lambda: lab.queue("dl"))
+            lab.fill_disk(room)
+            before = len(lab.output("dlmanager"))
+            os.kill(lab.dlmanager_pid(), signal.SIGCONT)
+            wait_for("the trouble", lambda b=before: re.search(r"\] 1 DL", lab.output("dlmanager")[b:]) or not lab.dlmanager_pid(), 20)
+            time.sleep(3)  # some tries more
+            lab.free_disk()
+            self.arrives_once(name, body)
+
+    def test_3_dlsend(self):
+        lab = self.lab
+        os.kill(lab.children["dlsend"].pid, signal.SIGSTOP)
+        lab.post(ANNA, [LIST], mails.posting("relay"))
+        wait_for("the posting in dlout", lambda: lab.queue("dlout") and not lab.queue("dl"))
+        lab.fill_disk()
+        os.kill(lab.children["dlsend"].pid, signal.SIGCONT)
+        wait_for("the trouble", lambda: "The disk of the queue is full, nothing is handed over" in lab.output("dlsend"))
+        lab.free_disk()
+        self.arrives_once("relay")
+
+    def test_4_nobody_was_bothered(self):
+        self.assertEqual(self.lab.mailbox("owner"), [])
 
 
 def main():

@@ -117,6 +117,10 @@ class FailingQueue : public QueueBackend
     {
         return !Fails(QueueCall::kList, "") && real_->List(channel, limit, items);
     }
+    bool Find(std::uint32_t id, std::vector<QueueItem>* items) override
+    {
+        return !Fails(QueueCall::kList, "") && real_->Find(id, items);
+    }
     QueueChange Drop(std::uint32_t id) override
     {
         return Fails(QueueCall::kDrop, "drop") ? QueueChange::kFailed : real_->Drop(id);

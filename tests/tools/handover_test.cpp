@@ -419,6 +419,10 @@ class FullDisk : public FailingQueue, public DeliveryBackend
         return Real().Waiting(reader, next_due);
     }
     bool HasRoom() const override { return room; }
+    bool WaitForNews(std::chrono::milliseconds longest) override
+    {
+        return Real().WaitForNews(longest);
+    }
 
     std::atomic<int> fails{0};
     std::atomic<int> records{0};

@@ -85,4 +85,9 @@ bool DeliveryChannel::HasRoom() const
     return queue_->Deliveries()->HasRoom();
 }
 
+bool DeliveryChannel::WaitForNews(std::chrono::milliseconds longest)
+{
+    return queue_->Deliveries()->WaitForNews(longest);
+}
+
 }  // namespace dl

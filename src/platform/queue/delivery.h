@@ -9,6 +9,7 @@
 // channel only.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -97,6 +98,7 @@ class DeliveryBackend
                              std::vector<RecipientAnswer>* answers) = 0;
     virtual QueueAnswer Waiting(std::int64_t reader, std::int64_t* next_due) = 0;
     virtual bool HasRoom() const = 0;
+    virtual bool WaitForNews(std::chrono::milliseconds longest) = 0;
 };
 
 class DeliveryChannel
@@ -130,6 +132,9 @@ class DeliveryChannel
     // Whether the disk has room for what Record will write. Ask before an entry is handed to
     // anyone: what cannot be written down afterwards is handed over again.
     [[nodiscard]] bool HasRoom() const;
+    // Waits at most that long for any process to put an entry into any channel; true when one did
+    // since the last call. Not all news comes: look also without. One thread of the process calls.
+    [[nodiscard]] bool WaitForNews(std::chrono::milliseconds longest);
 
  private:
     DeliveryChannel(std::shared_ptr<class QueueBackend> queue, std::int64_t reader);

@@ -2,7 +2,8 @@
 //
 //   <folder>/msg/%08X.msg   one message; made by Reserve at its final place
 //   <folder>/next.id        the next identifier in decimal, read and written under a lock
-//   <folder>/entries.lock   empty; its bytes are locked to claim things
+//   <folder>/entries.lock   empty; its bytes are locked to claim things, and its time is set for
+//                           each new entry (see news_watch.h)
 //
 // A claim is a lock on one byte of entries.lock (see lock_file.h), so it ends with the process that
 // made it. Nothing here logs; `cause` gets plain words on failure. One thread at a time: the owner
@@ -60,6 +61,10 @@ class EntryFiles
     };
     // At most `limit` of them (0: all). None when the folder cannot be read.
     [[nodiscard]] std::optional<std::vector<Name>> Names(std::size_t limit) const;
+
+    // Wakes who waits for entries, by the time of the lock file; after a commit.
+    void TellNews() const;
+    [[nodiscard]] std::string NewsPath() const { return folder_ + "/entries.lock"; }
 
     // Readers are claimed by number; they are never used again.
     [[nodiscard]] bool ClaimReader(std::int64_t reader);

@@ -328,6 +328,12 @@ bool ListMQ(const std::string& channel, std::size_t limit, std::vector<QueueItem
     return queue && queue->List(channel, limit, items);
 }
 
+bool FindMQ(unsigned long id, std::vector<QueueItem>* items)
+{
+    const std::shared_ptr<QueueBackend> queue = OpenedQueue();
+    return queue && queue->Find(static_cast<std::uint32_t>(id), items);
+}
+
 QueueChange RemoveMQItem(unsigned long id)
 {
     const std::shared_ptr<QueueBackend> queue = OpenedQueue();

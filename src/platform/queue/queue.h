@@ -47,7 +47,8 @@ void MQEnd();
 [[nodiscard]] MQContext* OpenMQChannel(const std::string& name);
 // The identifier of the first (next) message, which becomes the context's current one; kNoMessage,
 // kQueueFailed. GetFirstMessage begins a pass; a pass hands out each entry at most once, and keeps
-// what it handed out from other readers. `peek` is false in every call.
+// what it handed out from other readers. kQueueFailed also when the disk has no room for what a
+// reader writes of a message, some copies of it. `peek` is false in every call.
 [[nodiscard]] long GetFirstMessage(MQContext* channel, bool peek);
 [[nodiscard]] long GetNextMessage(MQContext* channel, bool peek);
 
@@ -127,11 +128,17 @@ struct QueueItem {
     std::string origin;       // of an entry in "dlhold": the channel that it was moved from
     int attempts = 0;         // hand-outs that ended without removal
     bool taken = false;       // a living reader has it now
+    // Of an entry that is handed over in parts (see delivery.h):
+    std::int64_t due = 0;  // put back until then; 0: it may be taken
+    int tries = 0;         // how often it was put back
+    std::string problem;   // what was last said of the whole entry
 };
 // `channel` empty: all; in the order in which a reader would see them, at most `limit` (0: no
 // limit). False on failure.
 [[nodiscard]] bool ListMQ(const std::string& channel, std::size_t limit,
                           std::vector<QueueItem>* items);
+// The items of one entry, one for each channel that it is in; none when it is not in the queue.
+[[nodiscard]] bool FindMQ(unsigned long id, std::vector<QueueItem>* items);
 // kTaken: a living reader has it, nothing was changed. kDone: it is so on disk. A moved item comes
 // last in its new channel, with no hand-outs counted.
 enum class QueueChange { kDone, kNotThere, kTaken, kFailed };

@@ -69,6 +69,7 @@ class QueueBackend
     // For tools.
     virtual bool List(const std::string& channel, std::size_t limit,
                       std::vector<QueueItem>* items) = 0;
+    virtual bool Find(std::uint32_t id, std::vector<QueueItem>* items) = 0;
     virtual QueueChange Drop(std::uint32_t id) = 0;
     virtual QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) = 0;
 };

@@ -173,8 +173,10 @@ void SqliteQueue::CommitRecordings(const std::vector<Recording*>& together)
             files_.RemoveMessage(one->published->id);
         files_.Release(one->published->id);
     }
-    if (done)
-        EraseRemoved(true);
+    if (!done)
+        return;
+    files_.TellNews();
+    EraseRemoved(true);
 }
 
 void SqliteQueue::Withdraw(const PendingEntry& entry)
@@ -304,6 +306,11 @@ QueueAnswer SqliteQueue::Waiting(std::int64_t reader, std::int64_t* next_due)
     Complain("Channel %s of the message queue cannot be read: %s", place->second.channel.c_str(),
              Cause().c_str());
     return QueueAnswer::kFailed;
+}
+
+bool SqliteQueue::WaitForNews(std::chrono::milliseconds longest)
+{
+    return news_.Wait(files_.NewsPath(), longest);
 }
 
 bool SqliteQueue::HasRoom() const

@@ -32,8 +32,10 @@ std::vector<bool> SqliteQueue::PublishMany(const std::vector<const PendingEntry*
         results[i] = group[i].done;
         some = some || group[i].done;
     }
-    if (some)
+    if (some) {
+        files_.TellNews();
         EraseRemoved(true);
+    }
     return results;
 }
 

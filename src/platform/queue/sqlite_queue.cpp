@@ -110,8 +110,10 @@ bool SqliteQueue::Publish(const PendingEntry& entry)
             cause = Cause();
     }
     FinishEntry(entry, done, cause);
-    if (done)
+    if (done) {
+        files_.TellNews();
         EraseRemoved(true);
+    }
     return done;
 }
 

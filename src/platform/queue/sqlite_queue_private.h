@@ -14,6 +14,7 @@
 
 #include "platform/queue/delivery.h"
 #include "platform/queue/entry_files.h"
+#include "platform/queue/news_watch.h"
 #include "platform/queue/queue_backend.h"
 #include "platform/queue/sqlite_private.h"
 
@@ -46,6 +47,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
                      std::vector<RecipientAnswer>* answers) override;
     QueueAnswer Waiting(std::int64_t reader, std::int64_t* next_due) override;
     bool HasRoom() const override;
+    bool WaitForNews(std::chrono::milliseconds longest) override;
 
     std::int64_t BeginReader(const std::string& channel) override;
     bool EndReader(std::int64_t reader) override;
@@ -58,6 +60,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
 
     bool List(const std::string& channel, std::size_t limit,
               std::vector<QueueItem>* items) override;
+    bool Find(std::uint32_t id, std::vector<QueueItem>* items) override;
     QueueChange Drop(std::uint32_t id) override;
     QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) override;
 
@@ -75,7 +78,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
         bool missing = false;             // some entry was not the reader's
     };
     struct Taken {
-        enum How { kMessage, kNone, kHeld, kFailed } how;
+        enum How { kMessage, kNone, kHeld, kNoRoom, kFailed } how;
         std::uint32_t id;
         int attempts = 0;  // of a held one; 0: its message file is missing
     };
@@ -115,6 +118,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     bool OpenPass(Reader& reader);
     Taken TakeOne(const Reader& reader);
     Taken TakeRow(const Reader& reader);
+    bool HasRoomFor(std::uint32_t id);
     void TellHeld(const Reader& reader, const Taken& taken) const;
     bool FreeDeadReaders();
     bool GiveBack(Reader& reader, Removals* removals);
@@ -134,6 +138,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     static std::string Named(std::span<const DeliveryStep> steps);
 
     // Tools (sqlite_tools.cpp).
+    bool ReadItems(Query* query, std::vector<QueueItem>* items);
     QueueChange FindRows(std::uint32_t id, const std::string* channel, int* priority);
 
     bool Usable() const;
@@ -144,6 +149,8 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     const int max_attempts_;
     const std::string module_;
     const pid_t process_;
+
+    NewsWatch news_;  // of the one thread that waits
 
     std::mutex recordings_mutex_;  // the next three
     std::condition_variable recordings_change_;

@@ -1,3 +1,4 @@
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "platform/queue/sqlite_queue_private.h"
@@ -9,6 +10,10 @@ namespace
 {
 
 constexpr std::size_t kMostWaitingFiles = 256;
+// What a reader may want to write of one message: copies of it, and a bounce when those cannot be
+// written. On a disk without this room it would lose the message.
+constexpr std::uint64_t kLeastRoom = 256U << 10;  // bytes, beside the copies
+constexpr std::uint64_t kCopies = 4;
 
 }  // namespace
 
@@ -106,6 +111,11 @@ long SqliteQueue::Take(std::int64_t reader)
             EraseRemoved(false);
             return kNoMessage;
         }
+        if (taken.how == Taken::kNoRoom) {
+            Complain("Channel %s of the message queue cannot be read: the disk is full",
+                     place->second.channel.c_str());
+            return kQueueFailed;
+        }
         read = taken.how == Taken::kHeld;
     }
     Complain("Channel %s of the message queue cannot be read: %s", place->second.channel.c_str(),
@@ -120,13 +130,26 @@ SqliteQueue::Taken SqliteQueue::TakeOne(const Reader& reader)
         Transaction transaction(index_, Durable::kProcess);
         if (transaction.Begun())
             taken = TakeRow(reader);
-        if (taken.how == Taken::kNone)
+        if (taken.how == Taken::kMessage && !HasRoomFor(taken.id))
+            taken.how = Taken::kNoRoom;
+        if (taken.how == Taken::kNone || taken.how == Taken::kNoRoom)
             return taken;
         if (!transaction.Commit())
             return {Taken::kFailed, 0};
     }
     TellHeld(reader, taken);
     return taken;
+}
+
+bool SqliteQueue::HasRoomFor(std::uint32_t id)
+{
+    struct statvfs disk {
+    };
+    Query entry(index_, "SELECT bytes FROM entry WHERE id = ?1", id);
+    if (!entry.Row() || statvfs(folder_.c_str(), &disk) != 0)
+        return true;
+    const std::uint64_t wanted = kLeastRoom + kCopies * static_cast<std::uint64_t>(entry.Int(0));
+    return disk.f_bavail >= wanted / disk.f_bsize;
 }
 
 SqliteQueue::Taken SqliteQueue::TakeRow(const Reader& reader)

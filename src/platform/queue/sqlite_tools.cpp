@@ -5,39 +5,71 @@
 namespace dl
 {
 
+namespace
+{
+
+// The columns of both are those that ReadItems takes.
+constexpr char kOfChannel[] =
+    "SELECT chan.entry, channel, sender, recipients, bytes, closed, origin, attempts, owner, due,"
+    " tries, problem FROM chan JOIN entry ON entry.id = chan.entry"
+    " LEFT JOIN delivery ON delivery.entry = chan.entry"
+    " WHERE ?1 = '' OR channel = ?1 ORDER BY channel, attempts, seq LIMIT ?2";
+constexpr char kOfEntry[] =
+    "SELECT chan.entry, channel, sender, recipients, bytes, closed, origin, attempts, owner, due,"
+    " tries, problem FROM chan JOIN entry ON entry.id = chan.entry"
+    " LEFT JOIN delivery ON delivery.entry = chan.entry"
+    " WHERE chan.entry = ?1 ORDER BY channel, attempts, seq";
+
+}  // namespace
+
 bool SqliteQueue::List(const std::string& channel, std::size_t limit, std::vector<QueueItem>* items)
 {
     if (!Usable())
         return false;
     const std::lock_guard<std::mutex> guard(mutex_);
     index_.ClearFailure();
+    Query query(index_, kOfChannel, channel,
+                limit == 0 ? std::int64_t{-1} : static_cast<std::int64_t>(limit));
+    return ReadItems(&query, items);
+}
+
+bool SqliteQueue::Find(std::uint32_t id, std::vector<QueueItem>* items)
+{
+    if (!Usable())
+        return false;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    index_.ClearFailure();
+    Query query(index_, kOfEntry, id);
+    return ReadItems(&query, items);
+}
+
+bool SqliteQueue::ReadItems(Query* query, std::vector<QueueItem>* items)
+{
     items->clear();
     std::map<std::int64_t, bool> alive;
-    Query query(index_,
-                "SELECT entry, channel, sender, recipients, bytes, closed, origin, attempts, owner"
-                " FROM chan JOIN entry ON entry.id = chan.entry WHERE ?1 = '' OR channel = ?1"
-                " ORDER BY channel, attempts, seq LIMIT ?2",
-                channel, limit == 0 ? std::int64_t{-1} : static_cast<std::int64_t>(limit));
-    while (query.Row()) {
+    while (query->Row()) {
         QueueItem item;
-        item.id = static_cast<unsigned long>(query.Int(0));
-        item.channel = query.Bytes(1);
-        item.sender = query.Bytes(2);
-        item.recipients = static_cast<std::uint32_t>(query.Int(3));
-        item.bytes = query.Int(4);
-        item.closed = query.Int(5);
-        item.origin = query.Bytes(6);
-        item.attempts = static_cast<int>(query.Int(7));
-        if (!query.IsNull(8)) {
-            const auto [place, is_new] = alive.try_emplace(query.Int(8), false);
+        item.id = static_cast<unsigned long>(query->Int(0));
+        item.channel = query->Bytes(1);
+        item.sender = query->Bytes(2);
+        item.recipients = static_cast<std::uint32_t>(query->Int(3));
+        item.bytes = query->Int(4);
+        item.closed = query->Int(5);
+        item.origin = query->Bytes(6);
+        item.attempts = static_cast<int>(query->Int(7));
+        if (!query->IsNull(8)) {
+            const auto [place, is_new] = alive.try_emplace(query->Int(8), false);
             if (is_new)
                 place->second = IsAlive(place->first);
             item.taken = place->second;
             item.attempts -= item.taken ? 1 : 0;  // its present hand-out has not ended
         }
+        item.due = query->Int(9);
+        item.tries = static_cast<int>(query->Int(10));
+        item.problem = query->Bytes(11);
         items->push_back(std::move(item));
     }
-    if (!query.Failed())
+    if (!query->Failed())
         return true;
     Complain("The message queue %s cannot be listed: %s", folder_.c_str(), Cause().c_str());
     return false;
@@ -110,6 +142,8 @@ QueueChange SqliteQueue::Move(std::uint32_t id, const std::string& from, const s
               transaction.Commit()))
             result = QueueChange::kFailed;
     }
+    if (result == QueueChange::kDone)
+        files_.TellNews();
     if (result == QueueChange::kFailed)
         Complain("Message %08X cannot be moved to channel %s of the message queue: %s",
                  static_cast<unsigned>(id), to.c_str(), Cause().c_str());

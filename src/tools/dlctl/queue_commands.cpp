@@ -64,7 +64,21 @@ Json ItemJson(const QueueItem& item)
             {"bytes", item.bytes},
             {"closed", TimeText(item.closed)},
             {"attempts", item.attempts},
-            {"taken", item.taken}};
+            {"taken", item.taken},
+            {"due", item.due > 0 ? Json(TimeText(item.due)) : Json()},
+            {"tries", item.tries},
+            {"problem", item.problem}};
+}
+
+// What stands behind the sender in the list.
+std::string StateText(const QueueItem& item)
+{
+    if (item.taken)
+        return " (taken)";
+    if (item.tries == 0)
+        return "";
+    return FormatText(" (tried %d, again %s)", item.tries,
+                      item.due > 0 ? TimeText(item.due).c_str() : "now");
 }
 
 int List(const QueueOptions& options)
@@ -86,21 +100,9 @@ int List(const QueueOptions& options)
         std::printf("%08lX  %-8s  %-20s  %10lld  %6u  %s%s\n", item.id, item.channel.c_str(),
                     TimeText(item.closed).c_str(), static_cast<long long>(item.bytes),
                     item.recipients, EscapeForLog(item.sender.c_str()).c_str(),
-                    item.taken ? " (taken)" : "");
+                    StateText(item).c_str());
     std::printf("%zu message(s)\n", items.size());
     return 0;
-}
-
-// The items of one message, one for each channel that it is in.
-bool FindItems(unsigned long id, std::vector<QueueItem>* found)
-{
-    std::vector<QueueItem> items;
-    if (!ListMQ("", 0, &items))
-        return false;
-    for (const QueueItem& item : items)
-        if (item.id == id)
-            found->push_back(item);
-    return true;
 }
 
 Json EnvelopeJson(stEnvelope* envelope)
@@ -127,8 +129,8 @@ int Show(const QueueOptions& options)
     if (!ParseId(options.ids.front(), &id) || !OpenQueue())
         return 1;
     std::vector<QueueItem> items;
-    if (!FindItems(id, &items))
-        return 1;
+    if (!FindMQ(id, &items))
+        return Complain(kExitFailed, "the queue cannot be read");
     if (items.empty()) {
         return Complain(kExitNotFound, "no message %08lX in the queue", id);
     }
@@ -153,6 +155,10 @@ int Show(const QueueOptions& options)
         "id         %08lX\nchannel    %s\nclosed     %s\nbytes      %lld\nattempts   %d%s\n", id,
         item.channel.c_str(), TimeText(item.closed).c_str(), static_cast<long long>(item.bytes),
         item.attempts, item.taken ? " (taken)" : "");
+    if (item.tries > 0)
+        std::printf("tries      %d\ndue        %s\nproblem    %s\n", item.tries,
+                    item.due > 0 ? TimeText(item.due).c_str() : "now",
+                    EscapeForLog(item.problem.c_str()).c_str());
     std::printf("file       %s\nsender     %s\n", path.c_str(),
                 EscapeForLog(item.sender.c_str()).c_str());
     if (!found.envelope)
@@ -183,7 +189,7 @@ int Explain(QueueChange change, unsigned long id, const char* done)
 std::string ChannelOf(unsigned long id)
 {
     std::vector<QueueItem> items;
-    if (FindItems(id, &items))
+    if (FindMQ(id, &items))
         for (const QueueItem& item : items)
             if (item.channel != kHold)
                 return item.channel;

@@ -19,7 +19,9 @@ namespace
 constexpr std::size_t kMostJobs = 32;                // entries in memory
 constexpr std::size_t kMostRecipients = 50'000;      // of them together, but for the first
 constexpr std::size_t kMostTaken = 64;               // entries that are taken
-constexpr std::chrono::milliseconds kLook{250};      // how often the queue is looked at
+constexpr std::chrono::milliseconds kLook{250};      // how often the queue is looked at without news
+constexpr std::chrono::milliseconds kListen{100};    // for news; the end waits for it
+constexpr std::chrono::milliseconds kTogether{2};    // news that come so close are one
 constexpr std::chrono::milliseconds kTrouble{5000};  // the same, when it could not be read
 constexpr std::chrono::seconds kEnd{20};             // for running transactions when it is to stop
 
@@ -50,6 +52,8 @@ void Handover::Run(bool once)
     pthread_sigmask(SIG_SETMASK, &all, &before);  // signals are the main thread's
     for (int i = 0; i < settings_.connections; ++i)
         threads_.emplace_back([this] { Work(); });
+    if (!once)
+        threads_.emplace_back([this] { Listen(); });
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     Loop(once);
     Stop();
@@ -64,6 +68,10 @@ void Handover::Loop(bool once)
     bool filled = true;
     Clock::time_point next_fill = Clock::now();
     while (!stop_->load()) {
+        {
+            const Lock lock(mutex_);
+            news_ = false;
+        }
         LookForRoom();
         if (Clock::now() >= next_fill) {
             filled = Fill();
@@ -76,7 +84,23 @@ void Handover::Loop(bool once)
         if (ending_ ||
             (once && (relay_down_ || no_room_ || !filled || (jobs_.empty() && taken_.empty()))))
             return;
-        change_.wait_for(lock, kLook);
+        if (!news_)
+            change_.wait_for(lock, kLook);
+    }
+}
+
+// What is put into the queue is looked at when it comes.
+void Handover::Listen()
+{
+    while (!abort_.load()) {
+        if (!channel_->WaitForNews(kListen))
+            continue;
+        {
+            const Lock lock(mutex_);
+            news_ = true;
+            change_.notify_all();
+        }
+        std::this_thread::sleep_for(kTogether);
     }
 }
 

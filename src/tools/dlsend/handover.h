@@ -63,6 +63,7 @@ class Handover
     bool Load(const DueEntry& due);
     void Hold(const DueEntry& due, const std::string& why);
     bool WhileRelayIsDown(Lock& lock);
+    void Listen();  // a thread of its own
     void Stop();
     void GiveBack(const std::vector<std::unique_ptr<Job>>& jobs, const std::deque<DueEntry>& taken);
 
@@ -105,6 +106,7 @@ class Handover
     std::size_t recipients_ = 0;            // of jobs_
     std::uint64_t turn_ = 0;
     bool once_ = false;
+    bool news_ = false;         // something is to be done that came after the last look
     bool ending_ = false;       // no new transaction
     bool write_fails_ = false;  // the queue cannot be written; no new transaction meanwhile
     int connected_ = 0;

@@ -295,6 +295,7 @@ void Handover::Forget(Job* job)
     const Lock lock(mutex_);
     recipients_ -= job->record.envelope.Count();
     jobs_.remove_if([job](const std::unique_ptr<Job>& one) { return one.get() == job; });
+    news_ = true;  // there is room for another
     change_.notify_all();
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <thread>
+#include <tuple>
 
 #include "tests/platform/queue/queue_fixture.h"
 
@@ -86,6 +87,39 @@ TEST_F(DeliveryTest, GivesWhatIsDueInTheOrderOfTheChannel)
     EXPECT_EQ(Files(), 0U);
 }
 
+TEST_F(DeliveryTest, NewsComesWithEachCommitOfAnyProcess)
+{
+    constexpr std::chrono::milliseconds kNow{0};
+    constexpr std::chrono::seconds kSoon{20};
+    const auto channel = DeliveryChannel::Open("dlout");
+    EXPECT_FALSE(channel->WaitForNews(kNow));
+    const pid_t other = fork();
+    if (other == 0) {
+        usleep(20'000);
+        _exit(MQInitAt(folder) && PutFor(1) > 0 ? 0 : 1);
+    }
+    EXPECT_TRUE(channel->WaitForNews(kSoon));
+    EXPECT_EQ(channel->AnythingDue(100), QueueAnswer::kYes) << "the commit comes before its news";
+    int status = -1;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(channel->WaitForNews(kNow));
+    const Ids ids = Take(*channel, 100);
+    ASSERT_EQ(ids.size(), 1U);
+    EXPECT_FALSE(channel->WaitForNews(kNow)) << "taking is none";
+    ASSERT_TRUE(End(*channel, ids[0], End::kGiveBack));
+    ASSERT_EQ(MoveMQItem(ids[0], "dlout", "dlhold"), QueueChange::kDone);
+    EXPECT_TRUE(channel->WaitForNews(kNow));
+    {
+        NewMQEntry one;
+        NewMQEntry two;
+        for (NewMQEntry* entry : {&one, &two})
+            ASSERT_TRUE(Fill(entry->get(), "m") && InsertMQChannel(entry->get(), "dl", 0));
+        EXPECT_EQ(CloseMQEntries({one.Release(), two.Release()}), std::vector<bool>(2, true));
+    }
+    EXPECT_TRUE(channel->WaitForNews(kNow)) << "of a group";
+}
+
 TEST_F(DeliveryTest, KeepsWhatBecameOfEachRecipient)
 {
     constexpr int kMany = 100'000;
@@ -105,6 +139,13 @@ TEST_F(DeliveryTest, KeepsWhatBecameOfEachRecipient)
         step.end = End::kPutBack;
         step.due = 50;
         ASSERT_TRUE(channel->Record({&step, 1}));
+        std::vector<QueueItem> items;
+        ASSERT_TRUE(FindMQ(id, &items));
+        ASSERT_EQ(items.size(), 1U);
+        EXPECT_EQ(std::tie(items[0].due, items[0].tries, items[0].problem),
+                  std::make_tuple(50, 1, "421 busy"));
+        ASSERT_TRUE(FindMQ(id + 1, &items));
+        EXPECT_TRUE(items.empty());
     }
     ASSERT_TRUE(MQInitAt(folder));  // as another process would see it
     const auto channel = DeliveryChannel::Open("dlout");
