@@ -35,7 +35,7 @@ class Site(unittest.TestCase):
                 if "dlpipe" in command:
                     return
                 if keeps:
-                    assert command.split()[0] == "/usr/local/bin/dlsubmit", command
+                    assert command.split()[0] == "/usr/bin/dlsubmit", command
                     lab.start_intake()
                     assert lab.here(command).split()[1:] == [str(word) for word in lab.children["dlsubmit"].args[1:]]
                 else:
