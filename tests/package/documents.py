@@ -1,0 +1,3 @@
+import unittest
+class Documents(unittest.TestCase):
+    pass
