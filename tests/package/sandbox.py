@@ -86,7 +86,9 @@ class Sandbox:
             self.init = children.read_text().strip()
             time.sleep(0.05)
         self.root = pathlib.Path(f"/proc/{self.init}/root")
-        shutil.copy(SOURCE / "tests/package/systemctl", self.root / "usr/local/bin/systemctl")
+        # Diverted, because apt gives maintainer scripts a path of its own.
+        self.run("dpkg-divert --local --rename --divert /bin/systemctl.real --add /bin/systemctl")
+        shutil.copy(SOURCE / "tests/package/systemctl", self.root / "usr/bin/systemctl")
 
     def run(self, script, network=False, timeout=300, check=True):
         """Runs `script` with bash inside, as root; its output with errors. `network`: with this host's network."""
