@@ -1,3 +1,91 @@
+"""The commands of the documents, in order, on a clean Debian: README.md's and docs/*.md's sh blocks, as they are written."""
+import re
 import unittest
+
+from sandbox import SOURCE, Sandbox
+
+# The newcomer's page first: the others begin where it ends.
+ORDER = ["docs/install.md", "docs/directory.md", "docs/security.md", "docs/operations.md"]
+# Commands that are not run here, and where or why not.
+ELSEWHERE = {
+    "docs/postfix.md": "tests/e2e runs them against a private Postfix, scripts/test --e2e",
+    "README.md: scripts/run": ".ci/run runs it",
+    "README.md: scripts/test": ".ci/run runs it",
+    "README.md: scripts/package": "made what is installed here",
+}
+
+
+def blocks(page):
+    """The sh blocks of a page: (line number, text)."""
+    text = (SOURCE / page).read_text()
+    for found in re.finditer(r"^```sh[^\n]*\n(.*?)^```$", text, re.M | re.S):
+        yield text.count("\n", 0, found.start()) + 2, found.group(1)
+
+
+def as_one_script(page):
+    """All blocks in one shell, as somebody who copies them has it; each announces itself."""
+    script = "set -e\n"
+    for line, text in blocks(page):
+        commands = "".join(command + "\n" for command in text.splitlines()
+                           if not any(f"{page}: {word}" in ELSEWHERE for word in command.split()[:1]))
+        script += f"echo '=== {page}:{line}'\n{commands}"
+    return script
+
+
 class Documents(unittest.TestCase):
-    pass
+    """The pages stand on each other; they run in the order of their names."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.box = Sandbox(cls.root, cls.packages)
+        cls.addClassCleanup(cls.box.end)
+        cls.box.run("apt-get update -q", network=True)
+        # What install.md fetches, so that its own commands need no network but the one in here.
+        cls.box.run("apt-get install -y -q --no-install-recommends --download-only -o APT::Keep-Downloaded-Packages=true "
+                    f"/package/{cls.package} postfix slapd ldap-utils", network=True, timeout=600)
+        cls.box.run(f"cp /package/{cls.package} /root/")
+
+    def run_page(self, page):
+        output = self.box.run(as_one_script(page), timeout=400)
+        return dict(zip(*[iter(re.split(r"^=== (\S+)\n", output, flags=re.M)[1:])] * 2))
+
+    def test_0_every_command_is_run_or_listed(self):
+        with_commands = {str(page.relative_to(SOURCE)) for page in [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md")]
+                         if any(blocks(str(page.relative_to(SOURCE))))}
+        listed = {name.partition(":")[0] for name in ELSEWHERE}
+        self.assertEqual(with_commands - listed, set(ORDER))
+        for name in ELSEWHERE:
+            page, _, command = name.partition(": ")
+            self.assertIn(command, "".join(text for _, text in blocks(page)), "a command that is gone")
+        readme = [line.split()[0] for _, text in blocks("README.md") for line in text.splitlines()]
+        self.assertEqual([word for word in readme if f"README.md: {word}" not in ELSEWHERE], [])
+
+    def test_1_install(self):
+        said = self.run_page("docs/install.md")
+        self.assertGreaterEqual(len(said), 7)
+        last = list(said.values())[-1]
+        for text in ("Subject: The first posting", "Return-Path: <talk-owner@lists.example.org>", "Sender: talk@lists.example.org",
+                     "Hello, list.", "0 message(s)"):
+            self.assertIn(text, last)
+        for problem in ("warning", "fatal", "error"):
+            self.assertNotIn(problem, self.box.run("postfix check 2>&1; grep -h ' 1 ' /var/log/dlmanager/*.log || true"))
+
+    def test_2_directory(self):
+        said = "".join(self.run_page("docs/directory.md").values())
+        self.assertIn("garden@lists.example.org is in order", said)
+        self.assertIn("weekly", self.box.run("dlctl list show garden@lists.example.org"))
+        self.assertEqual(self.box.run("dlctl member export garden@lists.example.org"),
+                         "Immediate;anna@example.com\nImmediate;bert@example.net\nDigest;dora@example.com\n")
+
+    def test_3_security(self):
+        said = "".join(self.run_page("docs/security.md").values())
+        # What its table says of modes and owners.
+        self.assertEqual(said, "640 root:dlmanager /etc/dlmanager/qvms.conf\n700 dlmanager:dlmanager /var/spool/dlmanager/queue\n"
+                         "750 dlmanager:dlmanager /var/lib/dlmanager\n660 dlmanager:postfix /var/spool/postfix/dlmanager/lmtp\n")
+
+    def test_4_operations(self):
+        self.run_page("docs/operations.md")
+        # After the backup and the restore of everything: lists, members, and mail that flows.
+        self.assertIn("garden@lists.example.org", self.box.run("dlctl list"))
+        self.box.run("printf 'Subject: after all\\n\\nagain\\n' | sendmail -f root@localhost talk@lists.example.org")
+        self.box.wait_for("grep -q 'after all' /var/mail/root")

@@ -89,14 +89,22 @@ class Sandbox:
         # Diverted, because apt gives maintainer scripts a path of its own.
         self.run("dpkg-divert --local --rename --divert /bin/systemctl.real --add /bin/systemctl")
         shutil.copy(SOURCE / "tests/package/systemctl", self.root / "usr/bin/systemctl")
+        self.run("printf '#!/bin/sh\nexit 0\n' > /usr/sbin/policy-rc.d; chmod 755 /usr/sbin/policy-rc.d")  # services may start
 
     def run(self, script, network=False, timeout=300, check=True):
         """Runs `script` with bash inside, as root; its output with errors. `network`: with this host's network."""
         spaces = ["-m", "-p", "-u", "-i"] + ([] if network else ["-n"])
         environment = {"PATH": PATH, "HOME": "/root", "LANG": "C.UTF-8", "DEBIAN_FRONTEND": "noninteractive"}
-        done = subprocess.run(["nsenter", "-t", self.init, *spaces, "--root", "--wdns=/root", "bash", "-ec", script], env=environment,
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=timeout, check=False)
-        output = done.stdout.decode(errors="replace")
+        # Into a file: what a script leaves running may keep its output open.
+        with tempfile.TemporaryFile() as out:
+            try:
+                done = subprocess.run(["nsenter", "-t", self.init, *spaces, "--root", "--wdns=/root", "bash", "-ec", script],
+                                      env=environment, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
+                                      timeout=timeout, check=False)
+            finally:
+                out.seek(0)
+                output = out.read().decode(errors="replace")
+                self.last = output
         if check and done.returncode != 0:
             raise RuntimeError(f"exit status {done.returncode} of\n{script}\n{output}")
         return output
