@@ -89,3 +89,13 @@ class Documents(unittest.TestCase):
         self.assertIn("garden@lists.example.org", self.box.run("dlctl list"))
         self.box.run("printf 'Subject: after all\\n\\nagain\\n' | sendmail -f root@localhost talk@lists.example.org")
         self.box.wait_for("grep -q 'after all' /var/mail/root")
+
+    def test_5_a_host_that_boots_before_its_directory(self):
+        self.box.run("systemctl stop dlmanager slapd")
+        self.box.run("(systemctl start dlmanager; echo $? > /run/started) > /dev/null 2>&1 &")
+        self.box.run("sleep 4; [ ! -e /run/started ] && ! pgrep -x dlmanager")
+        self.box.run("systemctl start slapd")
+        self.box.wait_for("[ -e /run/started ]", 20)
+        self.assertEqual(self.box.run("cat /run/started; systemctl is-active dlmanager"), "0\nactive\n")
+        self.box.run("printf 'Subject: after the boot\\n\\nagain\\n' | sendmail -f root@localhost talk@lists.example.org")
+        self.box.wait_for("grep -q 'after the boot' /var/mail/root")

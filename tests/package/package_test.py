@@ -9,6 +9,7 @@ services by hand, as the units say.
 import os
 import pathlib
 import re
+import shutil
 import sys
 import unittest
 
@@ -104,6 +105,29 @@ class Package(unittest.TestCase):
         self.box.run(f"dpkg -i /package/{self.newer} && systemctl start dlmanager")
         self.assertEqual(self.out().count('"id"'), queued)
         self.assertIn("garden@lists.example.org", self.box.run("dlctl list"))
+
+    def test_7_the_containers_entry(self):
+        """deploy/container/start, as process 1 of a process space of its own."""
+        self.box.run("systemctl stop dlmanager")
+        shutil.copy(SOURCE / "deploy/container/start", self.box.root / "usr/local/bin/dl-start")
+        before = self.out().count('"id"')
+        self.box.run("(DL_LMTP=127.0.0.1:2424 unshare --pid --fork --mount-proc setpriv --reuid dlmanager --regid dlmanager "
+                     "--init-groups /usr/local/bin/dl-start; echo $? > /run/ended) > /run/start.out 2>&1 &")
+        self.box.wait_for("ss -ltn | grep -q 127.0.0.1:2424", 20)
+        said = self.box.run(r"""exec 3<>/dev/tcp/127.0.0.1/2424
+        answer() { while read -r -t 10 line <&3; do [ "${line:3:1}" = - ] || break; done; echo "$line"; }
+        answer
+        for word in 'LHLO x' 'MAIL FROM:<anna@example.com>' 'RCPT TO:<garden@lists.example.org>' DATA; do
+            printf '%s\r\n' "$word" >&3
+            answer
+        done
+        printf 'From: anna@example.com\r\nSubject: contained\r\n\r\nfrost\r\n.\r\n' >&3
+        answer""")
+        self.assertRegex(said, r"(?s)354.*250 ")
+        self.box.wait_for(f"[ $(dlctl queue list dlout --json | grep -c '\"id\"') = {before + 1} ]")
+        self.box.run("kill -TERM $(pgrep -x dl-start -o)")
+        self.box.wait_for("[ -e /run/ended ]", 30)
+        self.assertEqual(self.box.run("cat /run/ended; pgrep -l '^dl' || true"), "0\n", self.box.run("cat /run/start.out"))
 
 
 def main():
