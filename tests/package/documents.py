@@ -84,7 +84,11 @@ class Documents(unittest.TestCase):
                          "750 dlmanager:dlmanager /var/lib/dlmanager\n660 dlmanager:postfix /var/spool/postfix/dlmanager/lmtp\n")
 
     def test_4_operations(self):
+        collector = "/var/lib/prometheus/node-exporter"
+        self.box.run(f"mkdir -p {collector}")  # as the node exporter's package makes it
         self.run_page("docs/operations.md")
+        self.assertEqual(self.box.run(f"stat -c '%a %U' {collector}/*; ls {collector}; grep -c '^# HELP dlmanager_' {collector}/dlmanager.prom "
+                                      "| sed 's/[1-9][0-9]/many/'"), "644 root\ndlmanager.prom\nmany\n")
         # After the backup and the restore of everything: lists, members, and mail that flows.
         self.assertIn("garden@lists.example.org", self.box.run("dlctl list"))
         self.box.run("printf 'Subject: after all\\n\\nagain\\n' | sendmail -f root@localhost talk@lists.example.org")
