@@ -241,7 +241,7 @@ smtpd_recipient_restrictions = permit_mynetworks, reject
     def here(self, text):
         """Documented paths, users and ports as they are in this lab."""
         for there, here in (("/etc/postfix", f"{self.dir}/postfix"), ("/var/spool/postfix", f"{self.dir}/pfspool"),
-                            ("/usr/local/bin/", f"{self.dir}/bin/"), ("127.0.0.1:25", f"127.0.0.1:{self.smtp_port}"),
+                            ("/usr/bin/dl", f"{self.dir}/bin/dl"), ("127.0.0.1:25", f"127.0.0.1:{self.smtp_port}"),
                             ("-o dlmanager", f"-o {USER}"), ("user=dlmanager", f"user={USER}"),
                             ("deploy/postfix/", f"{self.dir}/deploy/postfix/")):
             text = text.replace(there, here)

@@ -14,5 +14,6 @@ void AddMemberCommands(CLI::App* program, int* status);
 void AddArchiveCommands(CLI::App* program, int* status);
 void AddStoreCommands(CLI::App* program, int* status);
 void AddSpamCommands(CLI::App* program, int* status);
+void AddDirectoryCommands(CLI::App* program, int* status);
 
 }  // namespace dl

@@ -53,6 +53,7 @@ int Run(int argc, char** argv)
     dl::AddArchiveCommands(&program, &status);
     dl::AddStoreCommands(&program, &status);
     dl::AddSpamCommands(&program, &status);
+    dl::AddDirectoryCommands(&program, &status);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& problem) {
