@@ -38,6 +38,9 @@ int Run(int argc, char** argv)
     dl::SetConfigReporter(
         [](const std::string& problem) { std::fprintf(stderr, "dlctl: %s\n", problem.c_str()); });
     int status = 0;
+    dl::AddStatusCommands(&program, &status);
+    dl::AddCheckCommands(&program, &status);
+    dl::AddMetricsCommands(&program, &status);
     dl::AddListCommands(&program, &status);
     dl::AddMemberCommands(&program, &status);
     dl::AddQueueCommands(&program, &status);
