@@ -155,12 +155,18 @@ std::size_t CheckReport::Count(Severity severity) const
 
 bool Matches(const std::string& text, const char* pattern)
 {
-    static std::unordered_map<const char*, regex_t> made;  // by the address; they stay to the end
+    struct Compiled {
+        ~Compiled() { regfree(&rules); }
+        regex_t rules{};
+        bool usable = false;
+    };
+    static std::unordered_map<const char*, Compiled> made;  // by the address of the constant
     const auto [place, is_new] = made.try_emplace(pattern);
-    if (is_new && regcomp(&place->second, (std::string("^(") + pattern + ")$").c_str(),
-                          REG_EXTENDED | REG_ICASE | REG_NOSUB) != 0)
-        return false;
-    return regexec(&place->second, text.c_str(), 0, nullptr, 0) == 0;
+    Compiled& one = place->second;
+    if (is_new)
+        one.usable = regcomp(&one.rules, (std::string("^(") + pattern + ")$").c_str(),
+                             REG_EXTENDED | REG_ICASE | REG_NOSUB) == 0;
+    return one.usable && regexec(&one.rules, text.c_str(), 0, nullptr, 0) == 0;
 }
 
 void CauseOfFailure::Write(int level, const char* /*module*/, const std::string& escaped)
