@@ -151,6 +151,22 @@ struct QueueOverview {
     int format = 0;                         // of the index
     std::vector<ChannelOverview> channels;  // those with entries, by name
 };
+// One entry as it stands in one channel, read in the same way.
+struct EntryOverview {
+    std::string channel;
+    std::string origin;       // of one in "dlhold"
+    std::int64_t closed = 0;  // seconds since 1970-01-01 UTC, as `due`
+    std::int64_t due = 0;     // of its next try; 0: at once
+    std::int64_t recipients = 0;
+    std::int64_t delivered = 0;
+    std::int64_t refused = 0;
+    std::int64_t tries = 0;
+    bool taken = false;
+    std::string problem;  // of its last try
+};
+// Empty when it is not there, or the index cannot be read.
+[[nodiscard]] std::vector<EntryOverview> ReadQueueEntry(const std::string& folder,
+                                                        unsigned long id);
 inline constexpr int kQueueFormat = 2;  // what this program writes
 [[nodiscard]] QueueOverview ReadQueueOverview(const std::string& folder);
 

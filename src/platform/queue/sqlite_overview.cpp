@@ -125,4 +125,46 @@ QueueOverview ReadQueueOverview(const std::string& folder)
     return overview;
 }
 
+std::vector<EntryOverview> ReadQueueEntry(const std::string& folder, unsigned long id)
+{
+    std::vector<EntryOverview> entries;
+    sqlite3* opened = nullptr;
+    const int code = sqlite3_open_v2((folder + "/index.db").c_str(), &opened,
+                                     SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    const Connection db(opened);
+    if (code != SQLITE_OK)
+        return entries;
+    sqlite3_busy_timeout(db.get(), kBusyMilliseconds);
+    const Statement rows = Prepare(
+        db,
+        "SELECT channel, origin, closed, due, recipients, tries, owner IS NOT NULL, problem, states"
+        " FROM chan JOIN entry ON entry.id = chan.entry LEFT JOIN delivery ON delivery.entry ="
+        " chan.entry WHERE chan.entry = ?1");
+    if (!rows || sqlite3_bind_int64(rows.get(), 1, static_cast<std::int64_t>(id)) != SQLITE_OK)
+        return entries;
+    const auto text = [&rows](int column) {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(rows.get(), column));
+        return std::string(bytes ? bytes : "");
+    };
+    while (sqlite3_step(rows.get()) == SQLITE_ROW) {
+        EntryOverview one;
+        one.channel = text(0);
+        one.origin = text(1);
+        one.closed = sqlite3_column_int64(rows.get(), 2);
+        one.due = sqlite3_column_int64(rows.get(), 3);
+        one.recipients = sqlite3_column_int64(rows.get(), 4);
+        one.tries = sqlite3_column_int64(rows.get(), 5);
+        one.taken = sqlite3_column_int(rows.get(), 6) != 0;
+        one.problem = text(7);
+        const auto* states = static_cast<const char*>(sqlite3_column_blob(rows.get(), 8));
+        const int count = sqlite3_column_bytes(rows.get(), 8);
+        for (int i = 0; states && i < count; ++i) {
+            one.delivered += states[i] == 1 ? 1 : 0;
+            one.refused += states[i] == 2 ? 1 : 0;
+        }
+        entries.push_back(std::move(one));
+    }
+    return entries;
+}
+
 }  // namespace dl

@@ -10,6 +10,7 @@ namespace dl
 
 void AddStatusCommands(CLI::App* program, int* status);
 void AddCheckCommands(CLI::App* program, int* status);
+void AddExplainCommands(CLI::App* program, int* status);
 void AddMetricsCommands(CLI::App* program, int* status);
 void AddQueueCommands(CLI::App* program, int* status);
 void AddListCommands(CLI::App* program, int* status);

@@ -40,6 +40,7 @@ int Run(int argc, char** argv)
     int status = 0;
     dl::AddStatusCommands(&program, &status);
     dl::AddCheckCommands(&program, &status);
+    dl::AddExplainCommands(&program, &status);
     dl::AddMetricsCommands(&program, &status);
     dl::AddListCommands(&program, &status);
     dl::AddMemberCommands(&program, &status);

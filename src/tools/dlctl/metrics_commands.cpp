@@ -309,6 +309,8 @@ std::string Expose(const SiteState& site)
     AddQueue(site, &out);
     AddTimes(site, &out);
     for (const CounterFamily& family : Families()) {
+        if (family.places.front().metric == Metric::kRelayUp && !site.sender.counted)
+            continue;  // dlsend is not used here: the relay is not down
         out.Family(family.name, family.type, family.help);
         for (const Place& place : family.places) {
             const std::int64_t value = ValueOf(site, family.from, place.metric);
