@@ -2,7 +2,8 @@
 // loading the lists. Each scenario is a run of its own, so that its peak memory is its own;
 // scripts/bench makes them all.
 //
-//   service_bench posting MEMBERS | burst POSTINGS MEMBERS | load ldif|slapd LISTS MEMBERS
+//   service_bench posting MEMBERS | burst POSTINGS MEMBERS | load ldif|slapd LISTS MEMBERS |
+//                 digest plain|mime POSTINGS BYTES
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <string>
 
+#include "digest/digest.h"
 #include "dispatch/dispatcher.h"
 #include "lists/dllist.h"
 #include "platform/config/config.h"
@@ -111,12 +113,12 @@ class Site
     std::string folder_;
 };
 
-std::string Message()
+std::string Message(std::size_t bytes = kMessageBytes)
 {
     std::string text =
         "From: anna@example.com\r\nTo: list0@example.org\r\nSubject: bench\r\n"
         "Message-ID: <1@bench.example.com>\r\n\r\n";
-    while (text.size() < kMessageBytes)
+    while (text.size() < bytes)
         text += "All work and no play makes a dull benchmark.\r\n";
     return text;
 }
@@ -239,6 +241,31 @@ void Load(const char* back_end, int lists, int members)
         lists, members, back_end, load, refresh, before, loaded, PeakMemory());
 }
 
+// The postings wait in the digest folder before the clock starts; both disclaimers are inserted.
+void Digest(const char* form, int postings, std::size_t bytes)
+{
+    const Site site("File=lists.ldif\n");
+    site.Write("text.txt", "A disclaimer.\r\n");
+    site.Write("lists.ldif",
+               "dn: mail=list0@example.org,dc=example,dc=org\nobjectClass: qvlist\n"
+               "mail: list0@example.org\nmode: 0\narchive: 0\nlistmember: Digest;m@example.com\n"
+               "disclaimertxtpath: " +
+                   site.Folder() + "/text.txt\ndisclaimerhtmlpath: " + site.Folder() +
+                   "/text.txt\n");
+    const std::string folder = "data/list0@example.org/digest/";
+    const std::string message = Message(bytes);
+    for (int i = 0; i < postings; ++i)
+        site.Write(folder + std::to_string(10'000'000 + i) + ".msg", message);
+    Need(dl::ListCache().InitCache() && dl::MQInit("", "bench"), "starting");
+    const Clock::time_point begin = Clock::now();
+    const bool plain = std::strcmp(form, "plain") == 0;
+    Need(plain ? dl::SendPlainDigest("list0@example.org", "dlout")
+               : dl::SendMimeDigest("list0@example.org", "dlout"),
+         "sending the digest");
+    std::printf("%-5s digest of %4d postings of %8zu bytes: %8.1f ms, peak memory %5.1f MiB\n",
+                form, postings, bytes, MillisecondsSince(begin), PeakMemory());
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -251,6 +278,8 @@ int main(int argc, char** argv)
         Burst(number(2), number(3));
     else if (argc == 5 && std::strcmp(argv[1], "load") == 0)
         Load(argv[2], number(3), number(4));
+    else if (argc == 5 && std::strcmp(argv[1], "digest") == 0)
+        Digest(argv[2], number(3), static_cast<std::size_t>(number(4)));
     else
         return 64;
     return 0;

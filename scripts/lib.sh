@@ -32,7 +32,7 @@ need() {
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libldap-dev libgmime-3.0-dev libsqlite3-dev
     libspdlog-dev libcli11-dev nlohmann-json3-dev)
-TEST_PACKAGES=(libgtest-dev bogofilter slapd ldap-utils python3 clang-format clang-tidy)
+TEST_PACKAGES=(libgtest-dev bogofilter slapd ldap-utils python3 sqlite3 clang-format clang-tidy)
 BROWSER_PACKAGES=(chromium fonts-dejavu-core)
 
 # build PRESET [TARGET...]: configures once and builds; prints only what fails.

@@ -184,6 +184,18 @@ bool AntiSpamConfig::IsWhitelistedIP(const std::string& address) const
     });
 }
 
+void AntiSpamConfig::ApplyAttribute(std::string_view name, const std::string& value)
+{
+    if (EqualNoCase(name, "x-whitelist"))
+        (void)Add(Text::kWhiteList, value);
+    else if (EqualNoCase(name, "x-ipwhitelist"))
+        (void)Add(Text::kIPWhiteList, value);
+    else if (EqualNoCase(name, "x-kvtblaction"))
+        ApplyHostAction(value);
+    else if (EqualNoCase(name, "x-spamaction"))
+        ApplySpamAction(value);
+}
+
 void AntiSpamConfig::ApplySpamAction(const std::string& value)
 {
     const std::size_t comma = value.find(',');

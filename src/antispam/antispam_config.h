@@ -82,7 +82,11 @@ class AntiSpamConfig
     // Dotted addresses and ranges "low-high". A text that is no address counts as 0.
     [[nodiscard]] bool IsWhitelistedIP(const std::string& address) const;
 
-    // The directory's values of a list: "ignore", "discard", "bounce,<text>";
+    // One attribute of a list's entry in the directory: x-spamaction, x-kvtblaction, x-whitelist or
+    // x-ipwhitelist, in any case. Others say nothing of spam and change nothing. Out of memory,
+    // nothing is white-listed.
+    void ApplyAttribute(std::string_view name, const std::string& value);
+    // The values of the first two: "ignore", "discard", "bounce,<text>";
     // "<host>,<action>[,<text>]". Anything else is ignored.
     void ApplySpamAction(const std::string& value);
     void ApplyHostAction(const std::string& value);

@@ -11,8 +11,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "antispam/bayes_log.h"
 #include "antispam/run_command.h"
+#include "antispam/spam_log.h"
 #include "platform/clock/clock.h"
 
 namespace dl

@@ -10,7 +10,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "antispam/bayes_log.h"
+#include "antispam/spam_log.h"
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"
 #include "platform/files/files.h"

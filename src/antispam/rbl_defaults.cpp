@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "antispam/antispam_config.h"
-#include "antispam/kestrune_log.h"
+#include "antispam/spam_log.h"
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"

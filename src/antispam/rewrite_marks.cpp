@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <functional>
 
-#include "antispam/bayes_log.h"
+#include "antispam/spam_log.h"
 #include "platform/address/address.h"
 #include "platform/files/files.h"
 

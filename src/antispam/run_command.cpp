@@ -11,7 +11,7 @@
 #include <ctime>
 #include <utility>
 
-#include "antispam/bayes_log.h"
+#include "antispam/spam_log.h"
 
 extern char** environ;
 

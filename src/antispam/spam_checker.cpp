@@ -2,7 +2,7 @@
 
 #include "antispam/bounce_as_spam.h"
 #include "antispam/file_message.h"
-#include "antispam/kestrune_log.h"
+#include "antispam/spam_log.h"
 #include "antispam/spam_marks.h"
 
 namespace dl

@@ -9,8 +9,8 @@
 #include <set>
 #include <vector>
 
-#include "antispam/bayes_log.h"
 #include "antispam/file_message.h"
+#include "antispam/spam_log.h"
 
 namespace dl
 {

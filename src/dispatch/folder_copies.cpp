@@ -1,5 +1,6 @@
 #include "dispatch/folder_copies.h"
 
+#include "lists/data_folder.h"
 #include "lists/dllist.h"
 #include "platform/address/address.h"
 #include "platform/archive/archive.h"
@@ -19,12 +20,12 @@ constexpr char kModule[] = "DL Manager";
 
 // Below the working directory when no data path is configured; the archive's base is another
 // matter.
-std::string DigestFolderPath(const std::string& list)
+std::string DigestFolderPath(const std::string& folder)
 {
     const std::string base = GetPrivateProfileString("DLManager", "DBPath", "", 4095, kMainConfig);
     if (base.empty())
-        return "./" + list + "/digest";
-    return base + (base.back() == '/' ? "" : "/") + list + "/digest";
+        return "./" + folder + "/digest";
+    return base + (base.back() == '/' ? "" : "/") + folder + "/digest";
 }
 
 std::string FileName(const std::string& path)
@@ -46,13 +47,14 @@ bool Copy(const std::string& from, const std::string& to)
 void FileInArchive(const std::string& list, const std::string& digest_copy,
                    const std::string& entry_file, const std::string& name)
 {
-    const std::string file = DataPath() + "/" + list + "/" + "archive" + "/" + entry_file;
+    const std::string folder = DataFolderName(list);
+    const std::string file = DataPath() + "/" + folder + "/" + "archive" + "/" + entry_file;
     if (!Copy(digest_copy, file))
         DlLog(1, "Unable to copy message <%s> to the archive folder of %s mailing list",
               name.c_str(), list.c_str());
     try {
         const ArchiveLock archive(SharedArchive());
-        archive->SetList(list);
+        archive->SetList(folder);
         archive->GetArchivePath();
         archive->AddArchive(archive->Path(), archive->GetId(entry_file));
     } catch (const CDlArchiveException& problem) {
@@ -88,7 +90,7 @@ void MakeFolderCopies(const std::string& list, unsigned long id, const std::stri
 {
     if (!IsSafeFolderName(list))
         return;  // the loader has said that such a list has neither digest nor archive
-    const std::string folder = DigestFolderPath(list);
+    const std::string folder = DigestFolderPath(DataFolderName(list));
     const std::string name = FormatText("%08X.msg", static_cast<unsigned>(id));
     const std::string digest_copy = folder + "/" + name;
     (void)Files().Remove(digest_copy.c_str());  // an identifier that was used before

@@ -71,6 +71,12 @@ const _mailinglist* dllist::Record(const std::string& list) const
     return index < 0 ? nullptr : &records_[static_cast<std::size_t>(index)];
 }
 
+const char* dllist::GetSpelling(const std::string& list) const
+{
+    const _mailinglist* record = Record(list);
+    return record ? record->name.c_str() : nullptr;
+}
+
 const _mailinglist* dllist::AtCursor() const
 {
     if (list_cursor_ < 0 || list_cursor_ >= Count())

@@ -63,6 +63,8 @@ class dllist
     [[nodiscard]] int GetMode(const std::string& list);
     [[nodiscard]] int GetArchiveFlag(const std::string& list);
 
+    // The list's address as the directory spells it; null when it is not cached.
+    [[nodiscard]] const char* GetSpelling(const std::string& list) const;
     // Settings; an unknown list has the defaults 0:00 daily day 1, no limit, no file, no MIME
     // digest, bounce and forward, no automatic subscription, posting allowed, receipts removed.
     [[nodiscard]] DigestTime GetDigestTime(const std::string& list) const;

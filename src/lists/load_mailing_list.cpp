@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <new>
 
@@ -148,12 +149,6 @@ void ReadPath(const std::string& value, _mailinglist* record)
     record->*Field = value;
 }
 
-template <AntiSpamConfig::Text Field>
-void ReadWhiteList(const std::string& value, _mailinglist* record)
-{
-    (void)record->spam_settings.Add(Field, value);  // out of memory: nothing is white-listed
-}
-
 struct AttributeReader {
     const char* name;
     void (*read)(const std::string& value, _mailinglist* record);
@@ -177,23 +172,19 @@ constexpr AttributeReader kAttributes[] = {
     {"welcometxtpath", ReadPath<&_mailinglist::welcome_text>},
     {"disclaimertxtpath", ReadPath<&_mailinglist::disclaimer_text>},
     {"disclaimerhtmlpath", ReadPath<&_mailinglist::disclaimer_html>},
-    {"x-whitelist", ReadWhiteList<AntiSpamConfig::Text::kWhiteList>},
-    {"x-ipwhitelist", ReadWhiteList<AntiSpamConfig::Text::kIPWhiteList>},
-    {"x-kvtblaction", [](const std::string& value,
-                         _mailinglist* record) { record->spam_settings.ApplyHostAction(value); }},
-    {"x-spamaction", [](const std::string& value,
-                        _mailinglist* record) { record->spam_settings.ApplySpamAction(value); }},
 };
 
 void ReadAttributes(const SearchEntry& entry, _mailinglist* record)
 {
     for (const SearchAttribute& attribute : entry.attributes) {
-        for (const AttributeReader& known : kAttributes) {
-            if (EqualNoCase(attribute.name, known.name)) {
-                known.read(attribute.value, record);
-                break;
-            }
-        }
+        const auto* known = std::find_if(std::begin(kAttributes), std::end(kAttributes),
+                                         [&](const AttributeReader& reader) {
+                                             return EqualNoCase(attribute.name, reader.name);
+                                         });
+        if (known != std::end(kAttributes))
+            known->read(attribute.value, record);
+        else
+            record->spam_settings.ApplyAttribute(attribute.name, attribute.value);
     }
 }
 

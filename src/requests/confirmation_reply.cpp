@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "lists/data_folder.h"
 #include "platform/address/address.h"
 #include "platform/archive/archive.h"
 #include "platform/files/files.h"
@@ -110,7 +111,7 @@ void RegisterWithArchive(const std::string& list, const std::string& line)
 {
     const ArchiveLock archive(SharedArchive());
     try {
-        archive->SetList(list);
+        archive->SetList(DataFolderName(list));
         archive->GetArchivePath();
         archive->UpdateRemoteFile(line);
     } catch (const CDlArchiveException& problem) {

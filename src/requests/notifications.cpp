@@ -11,34 +11,13 @@ namespace
 
 constexpr char kNoEntry[] = "Unable to create an entry in Message Queue";
 
-constexpr GeneratorKind kSubscriptionNotice = {
-    .create_failed = kNoEntry,
-    .insert_failed =
-        "InsertMQChannel failed, notification message for subscription request cannot be sent to "
-        "the sender.",
-    .put_failed =
-        "PutMQEnvelope failed, notification message for subscription request cannot be sent to "
-        "the sender.",
-    .close_failed =
-        "CloseMQEntry failed, notification message for subscription request cannot be sent to "
-        "the sender.",
-};
-constexpr GeneratorKind kUnsubscriptionNotice = {
-    .create_failed = kNoEntry,
-    .insert_failed =
-        "InsertMQChannel failed, notification message for subscription removal cannot be sent to "
-        "the sender.",
-    .put_failed =
-        "PutMQEnvelope failed, notification message for subscription removal cannot be sent to "
-        "the sender.",
-    .close_failed =
-        "CloseMQEntry failed, notification message for subscription removal cannot be sent to "
-        "the sender.",
-};
-constexpr GeneratorKind kArchiveNotice = {
-    .create_failed = kNoEntry,
-    .unsent = Unsent::kClose,
-    .submission_is_checked = false,
+// One kind of notice; its headers are those of every text message.
+struct Notice {
+    GeneratorKind kind;
+    const char* subject;  // format with the list
+    bool (*write_body)(GeneratedMessage& notice, const std::string& list, int outcome);
+    const char* sent;  // log line, with the list and the requester
+    int result_without_first_lines = -1;
 };
 
 bool WriteSubscriptionBody(GeneratedMessage& notice, const std::string& list, int outcome)
@@ -96,10 +75,71 @@ bool WriteArchiveBody(GeneratedMessage& notice, const std::string& list, int out
         list.c_str());
 }
 
-bool Submit(GeneratedMessage& notice, const Incoming& message, const std::string& list,
-            const std::string& channel)
+constexpr Notice kSubscription = {
+    .kind =
+        {
+            .create_failed = kNoEntry,
+            .insert_failed = "InsertMQChannel failed, notification message for subscription "
+                             "request cannot be sent to "
+                             "the sender.",
+            .put_failed = "PutMQEnvelope failed, notification message for subscription request "
+                          "cannot be sent to "
+                          "the sender.",
+            .close_failed = "CloseMQEntry failed, notification message for subscription request "
+                            "cannot be sent to "
+                            "the sender.",
+        },
+    .subject = "Subject: Your subscription of %s\r\n\r\n",
+    .write_body = WriteSubscriptionBody,
+    .sent = "A notification of subscription request of %s has been sent to %s",
+    .result_without_first_lines = 0,
+};
+constexpr Notice kUnsubscription = {
+    .kind =
+        {
+            .create_failed = kNoEntry,
+            .insert_failed = "InsertMQChannel failed, notification message for subscription "
+                             "removal cannot be sent to "
+                             "the sender.",
+            .put_failed = "PutMQEnvelope failed, notification message for subscription removal "
+                          "cannot be sent to "
+                          "the sender.",
+            .close_failed = "CloseMQEntry failed, notification message for subscription removal "
+                            "cannot be sent to "
+                            "the sender.",
+        },
+    .subject = "Subject: Your unsubscription of %s\r\n\r\n",
+    .write_body = WriteUnsubscriptionBody,
+    .sent = "A notification of subscription removal of %s has been sent to %s",
+};
+constexpr Notice kArchiveRegistration = {
+    .kind =
+        {
+            .create_failed = kNoEntry,
+            .unsent = Unsent::kClose,
+            .submission_is_checked = false,
+        },
+    .subject = "Subject: Your archive registration to %s\r\n\r\n",
+    .write_body = WriteArchiveBody,
+    .sent = "A notification of archive registration to %s has been sent to %s",
+};
+
+int Notify(const Notice& kind, const Incoming& message, const std::string& list,
+           const std::string& channel, int outcome)
 {
-    return notice.Send(RequestAddress(list), message.Sender(), channel, 0, channel);
+    GeneratedMessage notice(kind.kind);
+    if (!notice.IsMade() || !notice.Open())
+        return -1;
+    if (!notice.Received() || !notice.MessageId())
+        return kind.result_without_first_lines;
+    const std::string from = RequestAddress(list);
+    const std::string to = message.Sender();
+    if (!notice.Date() || !WriteTextHeaders(notice, from, to) ||
+        !notice.Print(kind.subject, list.c_str()) || !kind.write_body(notice, list, outcome) ||
+        !notice.Send(from, to, channel, 0, channel))
+        return -1;
+    DlLog(6, kind.sent, list.c_str(), to.c_str());
+    return 0;
 }
 
 }  // namespace
@@ -107,49 +147,19 @@ bool Submit(GeneratedMessage& notice, const Incoming& message, const std::string
 int NotifySubscription(const Incoming& message, const std::string& list, const std::string& channel,
                        int outcome)
 {
-    GeneratedMessage notice(kSubscriptionNotice);
-    if (!notice.IsMade() || !notice.Open())
-        return -1;
-    if (!notice.Received() || !notice.MessageId())
-        return 0;
-    const std::string to = message.Sender();
-    if (!notice.Date() || !WriteTextHeaders(notice, RequestAddress(list), to) ||
-        !notice.Print("Subject: Your subscription of %s\r\n\r\n", list.c_str()) ||
-        !WriteSubscriptionBody(notice, list, outcome) || !Submit(notice, message, list, channel))
-        return -1;
-    DlLog(6, "A notification of subscription request of %s has been sent to %s", list.c_str(),
-          to.c_str());
-    return 0;
+    return Notify(kSubscription, message, list, channel, outcome);
 }
 
 int NotifyUnsubscription(const Incoming& message, const std::string& list,
                          const std::string& channel, int outcome)
 {
-    GeneratedMessage notice(kUnsubscriptionNotice);
-    const std::string to = message.Sender();
-    if (!notice.IsMade() || !notice.Open() || !notice.Received() || !notice.MessageId() ||
-        !notice.Date() || !WriteTextHeaders(notice, RequestAddress(list), to) ||
-        !notice.Print("Subject: Your unsubscription of %s\r\n\r\n", list.c_str()) ||
-        !WriteUnsubscriptionBody(notice, list, outcome) || !Submit(notice, message, list, channel))
-        return -1;
-    DlLog(6, "A notification of subscription removal of %s has been sent to %s", list.c_str(),
-          to.c_str());
-    return 0;
+    return Notify(kUnsubscription, message, list, channel, outcome);
 }
 
 int NotifyArchiveRegistration(const Incoming& message, const std::string& list,
                               const std::string& channel, int outcome)
 {
-    GeneratedMessage notice(kArchiveNotice);
-    const std::string to = message.Sender();
-    if (!notice.IsMade() || !notice.Open() || !notice.Received() || !notice.MessageId() ||
-        !notice.Date() || !WriteTextHeaders(notice, RequestAddress(list), to) ||
-        !notice.Print("Subject: Your archive registration to %s\r\n\r\n", list.c_str()) ||
-        !WriteArchiveBody(notice, list, outcome) || !Submit(notice, message, list, channel))
-        return -1;
-    DlLog(6, "A notification of archive registration to %s has been sent to %s", list.c_str(),
-          to.c_str());
-    return 0;
+    return Notify(kArchiveRegistration, message, list, channel, outcome);
 }
 
 }  // namespace dl

@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "lists/data_folder.h"
 #include "lists/dllist.h"
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
@@ -54,7 +55,8 @@ std::string PendingPath(const std::string& list, std::uint32_t id)
 {
     if (!IsSafeFolderName(list))
         return "";
-    return FormatText("%s%c%s%c%08X.cnf", DataPath().c_str(), '/', list.c_str(), '/', id);
+    return FormatText("%s%c%s%c%08X.cnf", DataPath().c_str(), '/', DataFolderName(list).c_str(),
+                      '/', id);
 }
 
 void ExpireConfirmations()

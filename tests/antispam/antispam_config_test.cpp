@@ -173,14 +173,16 @@ TEST(AntiSpamConfig, HostActionOfTheDirectory)
     }
 }
 
+struct WhiteListRow {
+    const char* name;
+    const char* list;
+    const char* address;
+    bool listed;
+};
+
 TEST(AntiSpamConfig, SenderWhiteList)
 {
-    const struct {
-        const char* name;
-        const char* list;
-        const char* address;
-        bool listed;
-    } rows[] = {
+    const WhiteListRow rows[] = {
         {"exact", "a@b.org", "a@b.org", true},
         {"with regard to case", "a@b.org", "A@b.org", false},
         {"any local part", "*@b.org", "who@b.org", true},
@@ -237,12 +239,7 @@ TEST(AntiSpamConfig, AddressNumbers)
 
 TEST(AntiSpamConfig, IPWhiteList)
 {
-    const struct {
-        const char* name;
-        const char* list;
-        const char* address;
-        bool listed;
-    } rows[] = {
+    const WhiteListRow rows[] = {
         {"one address", "10.0.0.1", "10.0.0.1", true},
         {"another address", "10.0.0.1", "10.0.0.2", false},
         {"inside a range", "10.0.0.1-10.0.0.9", "10.0.0.5", true},

@@ -56,6 +56,31 @@ def listens(port):
         return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
+BASE_ENTRIES = ("dn: dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: org\no: org\n",
+                "dn: dc=example,dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: example\no: example\n",
+                f"dn: {SERVICE_DN}\nobjectClass: organizationalRole\nobjectClass: simpleSecurityObject\ncn: dlmanager\n"
+                "userPassword: secret\n")
+
+
+def slapd_configuration(folder):
+    """Of a server with the shipped schema and its data in folder/db."""
+    return f"""include /etc/ldap/schema/core.schema
+include {SOURCE}/deploy/ldap/dlmanager.schema
+pidfile {folder}/slapd.pid
+modulepath /usr/lib/ldap
+moduleload back_mdb
+database mdb
+suffix ""
+rootdn cn=admin
+directory {folder}/db
+dbnosync
+index objectClass,mail,listmember eq
+limits dn.exact="{SERVICE_DN}" size=unlimited time=unlimited
+access to attrs=userPassword by anonymous auth
+access to * by dn.exact="{SERVICE_DN}" write by * read
+"""
+
+
 class Lab:
     def __init__(self, binaries, lists):
         """`lists`: address -> members; each has the owner owner@members.example."""
@@ -125,10 +150,7 @@ LogFile = {self.dir}/log/dlsend.log
         self.configure_postfix()
 
     def configure_slapd(self):
-        entries = ["dn: dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: org\no: org\n",
-                   "dn: dc=example,dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: example\no: example\n",
-                   f"dn: {SERVICE_DN}\nobjectClass: organizationalRole\nobjectClass: simpleSecurityObject\ncn: dlmanager\n"
-                   "userPassword: secret\n"]
+        entries = list(BASE_ENTRIES)
         for address, members in self.lists.items():
             lines = [f"dn: mail={address},dc=example,dc=org", "objectClass: qvlist", f"mail: {address}", "mode: 0",
                      "archive: 0", "InvalidPosting: bounce"] + [f"listmember: Immediate;{member}" for member in members]
@@ -138,21 +160,7 @@ LogFile = {self.dir}/log/dlsend.log
                         f"listowner: owner@{MEMBERS}\n"]
         folder = self.dir / "slapd"
         (folder / "entries.ldif").write_text("\n".join(entries), encoding="utf-8")
-        (folder / "slapd.conf").write_text(f"""include /etc/ldap/schema/core.schema
-include {SOURCE}/deploy/ldap/dlmanager.schema
-pidfile {folder}/slapd.pid
-modulepath /usr/lib/ldap
-moduleload back_mdb
-database mdb
-suffix ""
-rootdn cn=admin
-directory {folder}/db
-dbnosync
-index objectClass,mail,listmember eq
-limits dn.exact="{SERVICE_DN}" size=unlimited time=unlimited
-access to attrs=userPassword by anonymous auth
-access to * by dn.exact="{SERVICE_DN}" write by * read
-""")
+        (folder / "slapd.conf").write_text(slapd_configuration(folder))
         self.command(["slapadd", "-q", "-f", folder / "slapd.conf", "-l", folder / "entries.ldif"])
 
     def configure_postfix(self):

@@ -227,11 +227,6 @@ TEST_F(Confirmation, RequestThatCannotBeKeptIsNotSent)
     };
     const Row rows[] = {
         {"no folder of the list", kGardenRequest, {.subscribe = true}, "subscribe\n", false},
-        {"the folder of the list in other letters",
-         "GARDEN-request@lists.example.org",
-         {.subscribe = true},
-         "subscribe\n",
-         true},
         {"no address", "-request@lists.example.org", {.subscribe = true}, "subscribe\n", true},
         {"a registration without an identifier",
          kGardenRequest,

@@ -1,12 +1,14 @@
 // Files whose n-th call of a kind fails, as on a full or a broken disk.
 //
 // Installs itself for as long as it lives, in front of the real files. Only calls on the watched
-// paths are counted and can fail; a file stays watched under the path by which it was opened.
+// paths are counted and can fail; a file stays watched under the path by which it was opened. The
+// files may be used by any thread, the faults are set by one while no other is at work.
 #pragma once
 
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -49,18 +51,20 @@ class FailingFiles : public FileBackend
         if (watched && !writes && Fails(FileCall::kRead, 0))
             return PosixFiles().Open("/", mode);  // a folder opens, and reading it fails
         std::FILE* file = PosixFiles().Open(path, mode);
-        if (file && watched && writes)
+        if (file && watched && writes) {
+            const std::lock_guard<std::mutex> guard(mutex_);
             written_.insert(file);
+        }
         return file;
     }
     bool Write(std::FILE* file, const void* data, std::size_t size) override
     {
-        return !(written_.count(file) && Fails(FileCall::kWrite, ENOSPC)) &&
+        return !(IsWritten(file, false) && Fails(FileCall::kWrite, ENOSPC)) &&
                PosixFiles().Write(file, data, size);
     }
     bool Close(std::FILE* file) override
     {
-        const bool fails = written_.erase(file) && Fails(FileCall::kClose, ENOSPC);
+        const bool fails = IsWritten(file, true) && Fails(FileCall::kClose, ENOSPC);
         return PosixFiles().Close(file) && !fails;
     }
     bool Remove(const char* path) override
@@ -79,8 +83,15 @@ class FailingFiles : public FileBackend
                    return path.find(part) != std::string::npos;
                });
     }
+    // Whether `file` is watched and written; `forget` it then.
+    bool IsWritten(std::FILE* file, bool forget)
+    {
+        const std::lock_guard<std::mutex> guard(mutex_);
+        return (forget ? written_.erase(file) : written_.count(file)) > 0;
+    }
     bool Fails(FileCall call, int error)
     {
+        const std::lock_guard<std::mutex> guard(mutex_);
         if (!fail_[call].count(++made_[call]))
             return false;
         errno = error;
@@ -88,6 +99,7 @@ class FailingFiles : public FileBackend
     }
 
     FileBackend* before_;
+    std::mutex mutex_;
     std::vector<std::string> parts_;
     std::set<std::FILE*> written_;
     std::map<FileCall, int> made_;

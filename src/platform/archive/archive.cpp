@@ -109,7 +109,8 @@ void CDlArchive::DescribeArchive(const std::string& list, const ArchiveDescripti
     archive::Transaction transaction(*index);
     archive::SetMeta(*index, "title", description.title);
     archive::SetMeta(*index, "description", description.description);
-    archive::SetMeta(*index, "url", description.url);
+    const std::string& url = description.url;
+    archive::SetMeta(*index, "url", url.empty() || url.back() == '/' ? url : url + "/");
     transaction.Commit();
 }
 

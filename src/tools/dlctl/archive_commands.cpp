@@ -1,4 +1,4 @@
-// dlctl archive: register, rebuild, remove.
+// dlctl archive: register, rebuild, remove, describe.
 
 #include <crypt.h>
 #include <sys/random.h>
@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
+#include "lists/directory_access.h"
 #include "platform/address/address.h"
 #include "platform/archive/archive.h"
 #include "platform/files/files.h"
@@ -17,6 +17,8 @@
 #include "requests/confirmations.h"
 #include "requests/incoming.h"
 #include "tools/dlctl/commands.h"
+#include "tools/dlctl/open_list.h"
+#include "tools/dlctl/progress.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
@@ -24,11 +26,14 @@ namespace dl
 namespace
 {
 
+constexpr std::size_t kLongestPassword = 255;
+
 struct ArchiveOptions {
     std::string list;
     std::string address;
     std::string id;
     bool generate = false;
+    ArchiveDescription description;
 };
 
 // A line from the terminal without echo, or from standard input.
@@ -42,15 +47,14 @@ std::string AskPassword(const char* prompt)
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
         std::fprintf(stderr, "%s", prompt);
     }
-    char line[256] = "";
-    if (!std::fgets(line, sizeof line, stdin))
-        line[0] = '\0';
+    std::string line;
+    for (int c; (c = std::getc(stdin)) != EOF && c != '\n';)
+        line += static_cast<char>(c);
     if (terminal) {
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
         std::fputc('\n', stderr);
     }
-    line[std::strcspn(line, "\r\n")] = '\0';
-    return line;
+    return line.substr(0, line.find('\r'));
 }
 
 std::string MakePassword()
@@ -103,12 +107,38 @@ std::uint32_t WritePending(const std::string& list, const std::string& line)
     return 0;
 }
 
+// Says why the mail would get no answer, as far as the directory tells; it need not be there.
+void NoteNoAnswer(const ArchiveOptions& options)
+{
+    ldapClient client;
+    SearchReq found;
+    if (!OpenDirectory(&client) || FindListEntry(client, options.list, &found) != ListFound::kYes)
+        return;
+    bool closed = false;
+    bool member = false;
+    for (const SearchAttribute& attribute : found.entries.front().attributes) {
+        Member value;
+        if (EqualNoCase(attribute.name, "mode"))
+            closed = attribute.value == "1";
+        else if (EqualNoCase(attribute.name, "listmember"))
+            member = member || (ParseMember(attribute.value, &value) &&
+                                EqualNoCase(value.address, options.address));
+    }
+    if (!member)
+        Complain(kExitOk, "note: %s is no member of %s, and the mail will get no answer",
+                 options.address.c_str(), options.list.c_str());
+    if (!closed)
+        Complain(kExitOk, "note: %s is an open list, and the mail will get no answer",
+                 options.list.c_str());
+}
+
 int Register(const ArchiveOptions& options)
 {
     RT parsed;
     if (!IsListName(options.list))
         return kExitFailed;
     if (RecipParse(options.address, &parsed, 1) != 1 ||
+        parsed.addresses[0].full != options.address ||
         options.address.find(':') != std::string::npos)
         return Complain(kExitFailed, "not an address that a password file can hold: %s",
                         options.address.c_str());
@@ -118,6 +148,8 @@ int Register(const ArchiveOptions& options)
         return Complain(kExitFailed, "no password was given (--generate makes one)");
     if (!options.generate && isatty(STDIN_FILENO) != 0 && AskPassword("Once more: ") != password)
         return Complain(kExitFailed, "the two passwords differ");
+    if (password.size() > kLongestPassword || password.find('\0') != std::string::npos)
+        return Complain(kExitFailed, "the password is too long, or no text");
     const std::string hash = Hash(password);
     if (hash.empty())
         return Complain(kExitFailed, "the password cannot be hashed");
@@ -133,6 +165,7 @@ int Register(const ArchiveOptions& options)
                 options.address.c_str());
     std::printf("    From: %s\n    To: %s\n\n    archive registration (%08X)\n",
                 options.address.c_str(), RequestAddress(options.list).c_str(), id);
+    NoteNoAnswer(options);
     return kExitOk;
 }
 
@@ -151,7 +184,10 @@ int WithArchive(const ArchiveOptions& options, Deed deed)
 
 int Rebuild(const ArchiveOptions& options)
 {
-    const int status = WithArchive(options, [&] { CDlArchive::RebuildArchive(options.list); });
+    const int status = WithArchive(options, [&] {
+        const Progress progress("making the archive of " + options.list + " anew");
+        CDlArchive::RebuildArchive(options.list);
+    });
     if (status == kExitOk)
         std::printf("the archive of %s was made anew\n", options.list.c_str());
     return status;
@@ -166,6 +202,18 @@ int Remove(const ArchiveOptions& options)
         std::printf("%s was removed from the archive of %s\n", options.id.c_str(),
                     options.list.c_str());
     return status;
+}
+
+int Describe(const ArchiveOptions& options)
+{
+    const std::string& url = options.description.url;
+    if (!url.empty() && !StartsWithNoCase(url, "http://") && !StartsWithNoCase(url, "https://"))
+        return Complain(kExitFailed, "the address of the pages begins with http:// or https://: %s",
+                        url.c_str());
+    return WithArchive(options, [&] {
+        CDlArchive::DescribeArchive(options.list, options.description);
+        CDlArchive::GenerateIndexPages(options.list);
+    });
 }
 
 }  // namespace
@@ -193,6 +241,16 @@ void AddArchiveCommands(CLI::App* program, int* status)
     remove->add_option("list", options->list, "The list's address")->required();
     remove->add_option("id", options->id, "Its identifier, eight hexadecimal digits")->required();
     remove->callback([=] { *status = Remove(*options); });
+
+    CLI::App* describe = archive->add_subcommand(
+        "describe", "Set what the pages say of the list; what is not given is emptied");
+    describe->add_option("list", options->list, "The list's address")->required();
+    describe->add_option("--title", options->description.title,
+                         "Title of the pages (default: the list's name before the @)");
+    describe->add_option("--description", options->description.description, "One line on the list");
+    describe->add_option("--url", options->description.url,
+                         "Where the pages are served, for the links of the feed");
+    describe->callback([=] { *status = Describe(*options); });
 }
 
 }  // namespace dl

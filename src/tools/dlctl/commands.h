@@ -18,5 +18,7 @@ void AddMemberCommands(CLI::App* program, int* status);
 void AddArchiveCommands(CLI::App* program, int* status);
 void AddStoreCommands(CLI::App* program, int* status);
 void AddSpamCommands(CLI::App* program, int* status);
+// The examples in the help of all commands; comes last.
+void AddExamples(CLI::App* program);
 
 }  // namespace dl

@@ -1,11 +1,6 @@
 // dlctl list: create, show, check, delete.
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
 
 #include "lists/directory_access.h"
@@ -13,16 +8,15 @@
 #include "platform/address/address.h"
 #include "platform/config/data_path.h"
 #include "platform/log/format.h"
+#include "platform/log/log.h"
 #include "tools/dlctl/commands.h"
+#include "tools/dlctl/list_check.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
 {
 namespace
 {
-
-constexpr mode_t kFolderMode = 0750;
-constexpr const char* kFolders[] = {"", "/digest", "/archive"};
 
 struct ListOptions {
     std::string list;
@@ -36,28 +30,6 @@ struct ListOptions {
     bool fix = false;
 };
 
-// Makes the list's data folders; they belong to the owner of the data folder, so that the service
-// may use what root has made.
-int MakeFolders(const std::string& list)
-{
-    struct stat root {
-    };
-    if (stat(DataPath().c_str(), &root) != 0)
-        return Complain(kExitFailed, "the data folder %s is missing (DbPath in section DlManager)",
-                        DataPath().c_str());
-    for (const char* folder : kFolders) {
-        const std::string path = DataPath() + "/" + list + folder;
-        if (mkdir(path.c_str(), kFolderMode) != 0 && errno != EEXIST)
-            return Complain(kExitFailed, "the folder %s cannot be made: %s", path.c_str(),
-                            std::generic_category().message(errno).c_str());
-        if (chmod(path.c_str(), kFolderMode) != 0 ||
-            (geteuid() == 0 && lchown(path.c_str(), root.st_uid, root.st_gid) != 0))
-            return Complain(kExitFailed, "the folder %s cannot be given its mode and owner",
-                            path.c_str());
-    }
-    return kExitOk;
-}
-
 // Attributes of a new entry; a value that is empty is left out.
 std::vector<SearchAttribute> Attributes(
     std::initializer_list<std::pair<const char*, std::string>> pairs)
@@ -69,27 +41,26 @@ std::vector<SearchAttribute> Attributes(
     return attributes;
 }
 
-std::string AliasEntryName(const std::string& alias)
-{
-    return ListEntryName(alias);
-}
-
-std::string OwnerAlias(const std::string& list)
-{
-    const std::size_t at = list.rfind('@');
-    return FormatText("%s-owner@%s", list.substr(0, at).c_str(), list.substr(at + 1).c_str());
-}
-
 int CreateOwner(ldapClient& client, const ListOptions& options)
 {
     const std::string alias = OwnerAlias(options.list);
     const auto attributes =
         Attributes({{"objectClass", "qvlistowner"}, {"mail", alias}, {"listowner", options.owner}});
-    const int status = ExplainChange(client.AddEntry(AliasEntryName(alias), attributes),
+    const int status = ExplainChange(client.AddEntry(ListEntryName(alias), attributes),
                                      "the owner alias " + alias);
     if (status == kExitOk)
         std::printf("%s created, owner %s\n", alias.c_str(), options.owner.c_str());
     return status;
+}
+
+// Whether mail to that address would be taken for mail to the owner, or a request, of another list.
+bool IsAliasOfAList(const std::string& list)
+{
+    const std::size_t dash = list.rfind('-', list.rfind('@'));
+    if (dash == std::string::npos || dash == 0)
+        return false;
+    const std::string_view rest = std::string_view(list).substr(dash + 1);
+    return StartsWithNoCase(rest, "owner") || StartsWithNoCase(rest, "request");
 }
 
 int Create(const ListOptions& options)
@@ -97,6 +68,11 @@ int Create(const ListOptions& options)
     RT parsed;
     if (!IsListName(options.list))
         return kExitFailed;
+    if (IsAliasOfAList(options.list))
+        return Complain(kExitFailed,
+                        "%s cannot be a list: mail to it goes to the owner or the request address "
+                        "of another one",
+                        options.list.c_str());
     if (!options.owner.empty() && RecipParse(options.owner, &parsed, 1) != 1)
         return Complain(kExitFailed, "the owner %s is no address", options.owner.c_str());
     ldapClient client;
@@ -111,7 +87,7 @@ int Create(const ListOptions& options)
                     {"InvalidPosting", options.handling},
                     {"archive", options.no_archive ? "0" : "1"}});
     // The folders first: a list without them is what the service trips over.
-    int status = MakeFolders(options.list);
+    int status = MakeListFolders(options.list);
     if (status == kExitOk)
         status = ExplainChange(client.AddEntry(ListEntryName(options.list), attributes),
                                "the list " + options.list);
@@ -135,9 +111,16 @@ Json ListJson(const SearchEntry& entry)
             immediate += StartsWithNoCase(attribute.value, "Immediate;") ? 1 : 0;
             digest += StartsWithNoCase(attribute.value, "Digest;") ? 1 : 0;
         } else if (!EqualNoCase(attribute.name, "objectClass")) {
-            shown[std::string(attribute.name)] = attribute.value;
+            Json& value = shown[std::string(attribute.name)];
+            if (value.is_array())
+                value.push_back(attribute.value);
+            else
+                value =
+                    value.is_null() ? Json(attribute.value) : Json::array({value, attribute.value});
         }
     }
+    if (shown.contains("mail") && shown["mail"].is_array())
+        shown["mail"] = Json(shown["mail"][0]);
     shown["immediate_members"] = immediate;
     shown["digest_members"] = digest;
     return shown;
@@ -147,7 +130,8 @@ void PrintPairs(const Json& shown)
 {
     for (const auto& [name, value] : shown.items())
         std::printf("%-22s %s\n", name.c_str(),
-                    value.is_string() ? value.get<std::string>().c_str() : Dump(value).c_str());
+                    value.is_string() ? EscapeForLog(value.get<std::string>().c_str()).c_str()
+                                      : Dump(value).c_str());
 }
 
 int Show(const ListOptions& options)
@@ -165,10 +149,7 @@ int Show(const ListOptions& options)
             return kExitFailed;
     }
     Json shown = ListJson(found.entries.front());
-    const SearchReq owner =
-        client.ldapClientSearch(nullptr, 2, false,
-                                FormatText("(&(objectclass=qvlistowner)(mail=%s))",
-                                           EscapeFilterValue(OwnerAlias(options.list)).c_str()));
+    const SearchReq owner = FindOwner(client, options.list);
     for (const SearchEntry& entry : owner.entries)
         for (const SearchAttribute& attribute : entry.attributes)
             if (EqualNoCase(attribute.name, "listowner"))
@@ -199,56 +180,10 @@ int ShowAll(const ListOptions& options)
     std::printf("%-40s  %-6s  %9s  %9s\n", "LIST", "MODE", "IMMEDIATE", "DIGEST");
     for (const Json& list : all)
         std::printf("%-40s  %-6s  %9lld  %9lld\n", list.value("mail", "(no address)").c_str(),
-                    list.value("mode", "0") == "1" ? "closed" : "open",
+                    list.contains("mode") && list["mode"] == "1" ? "closed" : "open",
                     static_cast<long long>(list["immediate_members"]),
                     static_cast<long long>(list["digest_members"]));
     return kExitOk;
-}
-
-// One finding with its mend; counts it.
-struct Findings {
-    Json all = Json::array();
-    void Add(const std::string& what, const std::string& mend)
-    {
-        all.push_back({{"finding", what}, {"mend", mend}});
-    }
-};
-
-void CheckFolders(const std::string& list, Findings* findings)
-{
-    for (const char* folder : kFolders) {
-        const std::string path = DataPath() + "/" + list + folder;
-        struct stat status {
-        };
-        if (stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
-            findings->Add("the folder " + path + " is missing", "dlctl list check --fix " + list);
-        else if ((status.st_mode & 07) != 0)
-            findings->Add("everybody may look into " + path, "dlctl list check --fix " + list);
-    }
-}
-
-void CheckTexts(const SearchEntry& entry, Findings* findings)
-{
-    for (const SearchAttribute& attribute : entry.attributes)
-        for (const char* name : {"subtxtpath", "unsubtxtpath", "welcometxtpath",
-                                 "disclaimertxtpath", "disclaimerhtmlpath"})
-            if (EqualNoCase(attribute.name, name) && access(attribute.value.c_str(), R_OK) != 0)
-                findings->Add(
-                    FormatText("the file of %s cannot be read: %s", name, attribute.value.c_str()),
-                    "write the file, or take the value out of the list's entry");
-}
-
-void CheckOwner(ldapClient& client, const std::string& list, Findings* findings)
-{
-    const std::string alias = OwnerAlias(list);
-    const SearchReq owner = client.ldapClientSearch(
-        nullptr, 2, false,
-        FormatText("(&(objectclass=qvlistowner)(mail=%s))", EscapeFilterValue(alias).c_str()));
-    if (owner.failed)
-        findings->Add("the directory could not be searched for the owner", "try again");
-    else if (owner.Empty())
-        findings->Add("there is no owner alias " + alias + ", the postmaster gets its mail",
-                      "add an entry of class qvlistowner with mail and listowner");
 }
 
 int Check(const ListOptions& options)
@@ -260,42 +195,49 @@ int Check(const ListOptions& options)
     const ListFound there = FindListEntry(client, options.list, &found);
     if (there != ListFound::kYes)
         return there == ListFound::kNo ? kExitNotFound : kExitFailed;
-    if (options.fix && MakeFolders(options.list) != kExitOk)
+    if (options.fix && MakeListFolders(options.list) != kExitOk)
         return kExitFailed;
-    Findings findings;
-    if (found.entries.size() > 1)
-        findings.Add("several entries have this address; the first is used",
-                     "remove the others from the directory");
-    CheckFolders(options.list, &findings);
-    CheckTexts(found.entries.front(), &findings);
-    CheckOwner(client, options.list, &findings);
+    const Json findings = ListFindings(client, options.list, found);
     if (options.json)
-        PrintJson(findings.all);
-    for (const Json& finding : findings.all)
+        PrintJson(findings);
+    for (const Json& finding : findings)
         if (!options.json)
             std::printf("%s\n    mend: %s\n", finding.value("finding", "").c_str(),
                         finding.value("mend", "").c_str());
-    if (findings.all.empty() && !options.json)
+    if (findings.empty() && !options.json)
         std::printf("%s is in order\n", options.list.c_str());
-    return findings.all.empty() ? kExitOk : kExitFailed;
+    return findings.empty() ? kExitOk : kExitFailed;
 }
 
+// Removes what was found to be a list, and never another entry that has the address; then its owner
+// alias.
 int Delete(const ListOptions& options)
 {
     ldapClient client;
+    SearchReq found;
     if (!OpenDirectory(&client))
         return kExitFailed;
+    const ListFound there = FindListEntry(client, options.list, &found);
+    if (there != ListFound::kYes)
+        return there == ListFound::kNo ? kExitNotFound : kExitFailed;
+    const Json shown = ListJson(found.entries.front());
     const int status =
-        ExplainChange(client.DeleteEntry(ListEntryName(options.list)), "the list " + options.list);
+        ExplainChange(client.DeleteEntry(found.entries.front().dn), "the list " + options.list);
     if (status != kExitOk)
         return status;
-    const std::string alias = OwnerAlias(options.list);
-    const ModifyResult owner = client.DeleteEntry(AliasEntryName(alias));
+    std::printf("%s deleted, with %lld member(s); its data stays in %s/%s\n", options.list.c_str(),
+                static_cast<long long>(shown["immediate_members"]) +
+                    static_cast<long long>(shown["digest_members"]),
+                DataPath().c_str(), options.list.c_str());
+    const SearchReq owner = FindOwner(client, options.list);
+    if (owner.failed)
+        return Complain(kExitFailed, "the directory could not be searched for the owner alias");
+    for (const SearchEntry& entry : owner.entries) {
+        const ModifyResult gone = client.DeleteEntry(entry.dn);
+        if (gone != ModifyResult::kDone && gone != ModifyResult::kNotThere)
+            return ExplainChange(gone, "the owner alias " + OwnerAlias(options.list));
+    }
     client.ldapClientUnbind();
-    if (owner != ModifyResult::kDone && owner != ModifyResult::kNotThere)
-        return ExplainChange(owner, "the owner alias " + alias);
-    std::printf("%s deleted; its data stays in %s/%s\n", options.list.c_str(), DataPath().c_str(),
-                options.list.c_str());
     return kExitOk;
 }
 

@@ -4,9 +4,12 @@
 
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
 
 #include "platform/config/config.h"
+#include "platform/config/data_path.h"
 #include "platform/log/log.h"
+#include "platform/process/user.h"
 #include "tools/dlctl/commands.h"
 
 namespace
@@ -37,6 +40,12 @@ int Run(int argc, char** argv)
         ->each([](const std::string& name) { dl::SetConfigFolder(name); });
     dl::SetConfigReporter(
         [](const std::string& problem) { std::fprintf(stderr, "dlctl: %s\n", problem.c_str()); });
+    // Root's files in the queue or in a data folder would be out of the service's reach.
+    program.parse_complete_callback([] {
+        std::string error;
+        if (!dl::BecomeOwnerOf(dl::DataPath(), &error))
+            throw std::runtime_error(error);
+    });
     int status = 0;
     dl::AddStatusCommands(&program, &status);
     dl::AddCheckCommands(&program, &status);
@@ -48,6 +57,7 @@ int Run(int argc, char** argv)
     dl::AddArchiveCommands(&program, &status);
     dl::AddStoreCommands(&program, &status);
     dl::AddSpamCommands(&program, &status);
+    dl::AddExamples(&program);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& problem) {

@@ -2,21 +2,18 @@
 
 #include <cstdio>
 #include <memory>
-#include <unordered_map>
 
-#include "lists/directory_access.h"
 #include "platform/address/address.h"
 #include "platform/files/files.h"
+#include "platform/log/log.h"
 #include "tools/dlctl/commands.h"
+#include "tools/dlctl/open_list.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
 {
 namespace
 {
-
-constexpr char kAttribute[] = "listmember";
-constexpr std::size_t kBatch = 1000;  // changes sent in one request
 
 struct MemberOptions {
     std::string list;
@@ -27,34 +24,6 @@ struct MemberOptions {
     bool json = false;
 };
 
-struct Member {
-    std::string address;
-    bool digest = false;
-    bool blocked = false;
-
-    [[nodiscard]] std::string Value() const
-    {
-        return std::string(digest ? "Digest;" : "Immediate;") + (blocked ? "Blocked;" : "") +
-               address;
-    }
-};
-
-// A value of the directory, or of an export; false when it is none.
-bool ParseMember(std::string_view value, Member* member)
-{
-    const auto cut = [&value](std::string_view prefix) {
-        const bool there = StartsWithNoCase(value, prefix);
-        value.remove_prefix(there ? prefix.size() : 0);
-        return there;
-    };
-    member->digest = cut("Digest;");
-    if (!member->digest && !cut("Immediate;"))
-        return false;
-    member->blocked = cut("Blocked;");
-    member->address = value;
-    return true;
-}
-
 bool IsUsable(const Member& member)
 {
     RT parsed;
@@ -64,71 +33,6 @@ bool IsUsable(const Member& member)
     Complain(kExitFailed, "not an address: %s", member.address.c_str());
     return false;
 }
-
-// A list that is open for changes, and its members by address in lower case.
-class OpenList
-{
- public:
-    // kExitOk, or the exit status.
-    int Open(const std::string& list)
-    {
-        list_ = list;
-        if (!OpenDirectory(&client_))
-            return kExitFailed;
-        const ListFound there = FindListEntry(client_, list, &found_);
-        if (there != ListFound::kYes)
-            return there == ListFound::kNo ? kExitNotFound : kExitFailed;
-        for (const SearchAttribute& attribute : found_.entries.front().attributes) {
-            Member member;
-            if (EqualNoCase(attribute.name, kAttribute) && ParseMember(attribute.value, &member)) {
-                order_.push_back(member);
-                values_.emplace(LowerCase(member.address), attribute.value);
-            }
-        }
-        return kExitOk;
-    }
-
-    [[nodiscard]] const std::vector<Member>& Members() const { return order_; }
-    // The member's value as it stands in the directory; null when the address is no member.
-    [[nodiscard]] const std::string* ValueOf(const std::string& address) const
-    {
-        const auto place = values_.find(LowerCase(address));
-        return place == values_.end() ? nullptr : &place->second;
-    }
-    void Plan(AttributeChange::Operation operation, const std::string& address,
-              const std::string& value)
-    {
-        changes_.push_back({operation, kAttribute, value});
-        if (operation == AttributeChange::Operation::kAdd)
-            values_.emplace(LowerCase(address), value);
-        else
-            values_.erase(LowerCase(address));
-    }
-    // Sends what was planned, so many changes in a request. Counts the ones that are done.
-    int Send(std::size_t* done)
-    {
-        for (std::size_t from = 0; from < changes_.size(); from += kBatch) {
-            const std::size_t to = std::min(from + kBatch, changes_.size());
-            const std::vector<AttributeChange> batch(
-                changes_.begin() + static_cast<std::ptrdiff_t>(from),
-                changes_.begin() + static_cast<std::ptrdiff_t>(to));
-            const ModifyResult result = client_.ldapClientModify(found_.entries.front().dn, batch);
-            if (result != ModifyResult::kDone)
-                return ExplainChange(result, "the members of " + list_);
-            *done += batch.size();
-        }
-        client_.ldapClientUnbind();
-        return kExitOk;
-    }
-
- private:
-    std::string list_;
-    ldapClient client_;
-    SearchReq found_;
-    std::vector<Member> order_;
-    std::unordered_map<std::string, std::string> values_;
-    std::vector<AttributeChange> changes_;
-};
 
 int List(const MemberOptions& options)
 {
@@ -143,7 +47,8 @@ int List(const MemberOptions& options)
                            {"blocked", member.blocked}});
         else
             std::printf("%-9s  %-7s  %s\n", member.digest ? "digest" : "immediate",
-                        member.blocked ? "blocked" : "", member.address.c_str());
+                        member.blocked ? "blocked" : "",
+                        EscapeForLog(member.address.c_str()).c_str());
     }
     if (options.json)
         PrintJson(all);
@@ -152,8 +57,8 @@ int List(const MemberOptions& options)
     return kExitOk;
 }
 
-// Adds the members that are not there; says how many were. kExitNotFound when nothing was to be
-// done.
+// Adds the members that are not there; says how many were. kExitFailed when one was no address; the
+// others are added.
 int AddMembers(const std::string& name, const std::vector<Member>& members)
 {
     OpenList list;
@@ -164,13 +69,13 @@ int AddMembers(const std::string& name, const std::vector<Member>& members)
     for (const Member& member : members) {
         if (!IsUsable(member))
             status = kExitFailed;
-        else if (list.ValueOf(member.address))
+        else if (list.Has(member.address))
             ++already;
         else
-            list.Plan(AttributeChange::Operation::kAdd, member.address, member.Value());
+            list.PlanAdd(member);
     }
     std::size_t added = 0;
-    const int sent = list.Send(&added);
+    const int sent = list.Send(&added, &already);
     std::printf("%zu added, %zu already there\n", added, already);
     return sent != kExitOk ? sent : status;
 }
@@ -189,15 +94,12 @@ int Remove(const MemberOptions& options)
     if (const int status = list.Open(options.list))
         return status;
     int status = kExitOk;
-    for (const std::string& address : options.addresses) {
-        const std::string* value = list.ValueOf(address);
-        if (value)
-            list.Plan(AttributeChange::Operation::kDelete, address, std::string(*value));
-        else
+    for (const std::string& address : options.addresses)
+        if (!list.PlanRemove(address))
             status = Complain(kExitNotFound, "%s is no member", address.c_str());
-    }
     std::size_t removed = 0;
-    const int sent = list.Send(&removed);
+    std::size_t already = 0;
+    const int sent = list.Send(&removed, &already);
     std::printf("%zu removed\n", removed);
     return sent != kExitOk ? sent : status;
 }

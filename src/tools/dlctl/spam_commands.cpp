@@ -79,7 +79,6 @@ int ExplainAction(const SpamDecision& decision)
 // A list's spam settings from its entry, as the service reads them.
 int ReadSettings(const std::string& list, AntiSpamConfig* settings)
 {
-    using Text = AntiSpamConfig::Text;
     ldapClient client;
     SearchReq found;
     if (!OpenDirectory(&client))
@@ -87,19 +86,8 @@ int ReadSettings(const std::string& list, AntiSpamConfig* settings)
     const ListFound there = FindListEntry(client, list, &found);
     if (there != ListFound::kYes)
         return there == ListFound::kNo ? kExitNotFound : kExitFailed;
-    for (const SearchAttribute& attribute : found.entries.front().attributes) {
-        bool done = true;
-        if (EqualNoCase(attribute.name, "x-whitelist"))
-            done = settings->Add(Text::kWhiteList, attribute.value);
-        else if (EqualNoCase(attribute.name, "x-ipwhitelist"))
-            done = settings->Add(Text::kIPWhiteList, attribute.value);
-        else if (EqualNoCase(attribute.name, "x-kvtblaction"))
-            settings->ApplyHostAction(attribute.value);
-        else if (EqualNoCase(attribute.name, "x-spamaction"))
-            settings->ApplySpamAction(attribute.value);
-        if (!done)
-            return Complain(kExitFailed, "out of memory");
-    }
+    for (const SearchAttribute& attribute : found.entries.front().attributes)
+        settings->ApplyAttribute(attribute.name, attribute.value);
     return kExitOk;
 }
 

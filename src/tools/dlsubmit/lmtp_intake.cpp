@@ -16,6 +16,7 @@
 #include "platform/log/log.h"
 #include "platform/metrics/metrics.h"
 #include "platform/process/process.h"
+#include "platform/process/user.h"
 #include "platform/queue/queue.h"
 #include "tools/dlsubmit/intake_log.h"
 #include "tools/dlsubmit/lmtp_listener.h"

@@ -1,9 +1,7 @@
 #include "tools/dlsubmit/lmtp_listener.h"
 
-#include <grp.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -156,26 +154,6 @@ std::string PeerName(int socket)
     if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0)
         return "a client that has gone";
     return NameOf(peer, size);
-}
-
-uid_t UserNumber(const std::string& user)
-{
-    const passwd* entry = getpwnam(user.c_str());
-    return entry ? entry->pw_uid : static_cast<uid_t>(-1);
-}
-
-bool BecomeUser(const std::string& user, std::string* error)
-{
-    const passwd* entry = getpwnam(user.c_str());
-    if (!entry)
-        return Fail(error, user, "there is no such user");
-    const uid_t number = entry->pw_uid;
-    const gid_t group = entry->pw_gid;
-    if (initgroups(user.c_str(), group) != 0 || setgid(group) != 0 || setuid(number) != 0)
-        return Fail(error, user, Words(errno));
-    if (number != 0 && setuid(0) == 0)
-        return Fail(error, user, "the process is still root");
-    return true;
 }
 
 }  // namespace dl

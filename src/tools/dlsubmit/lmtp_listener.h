@@ -46,9 +46,4 @@ class Listener
 // The other end of a connection, for the log: "127.0.0.1:4711", or "local" for a local socket.
 [[nodiscard]] std::string PeerName(int socket);
 
-// Makes the process `user`'s for good, with the user's groups. False with `error`.
-[[nodiscard]] bool BecomeUser(const std::string& user, std::string* error);
-// The number of `user`; -1 when there is none of that name.
-[[nodiscard]] uid_t UserNumber(const std::string& user);
-
 }  // namespace dl

@@ -141,7 +141,8 @@ TEST_F(Archive, AnEmptyArchiveHasAFrontPage)
 TEST_F(Archive, PagesShowThePostings)
 {
     PostExamples();
-    CDlArchive::DescribeArchive(list, {"Garden talk", "All about <gardens>", ""});
+    CDlArchive::DescribeArchive(list,
+                                {"Garden talk", "All about <gardens>", "https://a.example/garden"});
     Generate();
     CheckPages();
     struct Row {
@@ -160,6 +161,7 @@ TEST_F(Archive, PagesShowThePostings)
         {"threads/index.html", "Seeds"},
         {"authors/index.html", "Björn"},
         {"feed.xml", "<summary>Done; ask ca…@example.org.</summary>"},
+        {"feed.xml", "href=\"https://a.example/garden/index.html\""},
         {"search/1.js", "\"Bj\\u00f6rn\",\"Re: Frost tonight\""},
         {"search.html", " data-shards=\"1\""},
     };

@@ -1,0 +1,187 @@
+// What stays of a posting for the digest and the archive, and what is said when it cannot.
+
+#include "dispatch/folder_copies.h"
+
+#include <unistd.h>
+
+#include "platform/archive/archive.h"
+#include "tests/support/site.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+class FolderCopies : public Site
+{
+ protected:
+    FolderCopies()
+    {
+        AddUsualLists();
+        AddList("notes", "mode: 0\narchive: 1\n");
+        Start();
+        rewritten_ = Write("queue/msg/00AB0001.msg", kPosting);
+    }
+    void Keep(const std::string& list, const std::optional<std::string>& subject = " hi\r\n",
+              unsigned long id = 0x1A2B)
+    {
+        MakeFolderCopies(list, id, rewritten_, subject);
+    }
+    [[nodiscard]] std::string Of(const std::string& list, const std::string& name) const
+    {
+        return Path("data/" + list + "/" + name);
+    }
+    // Names in the list's two folders, "digest: <names> archive: <names>"; databases left out.
+    [[nodiscard]] std::string Names(const std::string& list) const
+    {
+        std::string text;
+        for (const char* folder : {"digest", "archive"}) {
+            std::set<std::string> names;
+            std::error_code missing;
+            for (const auto& entry : fs::directory_iterator(Of(list, folder), missing))
+                if (entry.path().filename().string().rfind("index.db", 0) != 0 &&
+                    entry.path().extension() != ".dt")
+                    names.insert(entry.path().filename().string());
+            text += std::string(text.empty() ? "" : " ") + folder + ":";
+            for (const std::string& name : names)
+                text += " " + name;
+        }
+        return text;
+    }
+
+    static constexpr char kNotes[] = "notes@lists.example.org";
+    static constexpr char kPosting[] = "Subject: hi\r\n\r\nbody \xff\r\n";
+    std::string rewritten_;
+};
+
+TEST_F(FolderCopies, PostingsAreKeptByteForByteAndCounted)
+{
+    Write("data/garden@lists.example.org/digest/00001A2B.msg",
+          "left over, and longer than the new");
+    Keep(kGarden);
+    Keep(kGarden, std::nullopt, 0x1A2C);
+    Keep(kGarden, " =?utf-8?q?third?=\r\n", 0xFFFFFFFF);
+    EXPECT_EQ(Names(kGarden),
+              "digest: 00001A2B.msg 00001A2C.msg FFFFFFFF.msg subject.txt archive:");
+    EXPECT_EQ(ReadFile(Of(kGarden, "digest/00001A2B.msg")), kPosting);
+    EXPECT_EQ(ReadFile(Of(kGarden, "digest/subject.txt")),
+              "   1.  hi\r\n   2.  No subject\r\n   3.  =?utf-8?q?third?=\r\n");
+}
+
+TEST_F(FolderCopies, AnArchivedListFilesUnderTheNewEntrysName)
+{
+    Keep(kNotes);
+    EXPECT_EQ(Names(kNotes), "digest: 00001A2B.msg subject.txt archive: 00AB0001.msg");
+    EXPECT_EQ(ReadFile(Of(kNotes, "archive/00AB0001.msg")), kPosting);
+    CDlArchive::GenerateIndexPages(kNotes);
+    EXPECT_NE(ReadFile(Of(kNotes, "archive/html/index.html")).find(">hi<"), std::string::npos);
+    CDlArchive::RemoveArchive(kNotes, 0x00AB0001);  // throws when the archive does not know it
+}
+
+TEST_F(FolderCopies, AListIsOneListHoweverItIsWritten)
+{
+    Keep("Notes@Lists.Example.ORG");
+    EXPECT_EQ(Names(kNotes), "digest: 00001A2B.msg subject.txt archive: 00AB0001.msg");
+    fs::create_directories(Of("NOTES@lists.example.org", "digest"));  // of its own, if there is one
+    log.ExpectError("archive folder of NOTES@lists.example.org mailing list");
+    log.ExpectError("there is no message");
+    Keep("NOTES@lists.example.org");
+    EXPECT_EQ(Names("NOTES@lists.example.org"), "digest: 00001A2B.msg subject.txt archive:");
+}
+
+TEST_F(FolderCopies, AFailureIsSaidAndTheRestGoesOn)
+{
+    const std::string digest_line =
+        "Unable to copy message <00001A2B.msg> to the digest folder of notes@lists.example.org "
+        "mailing list";
+    const std::string archive_line =
+        "Unable to copy message <00001A2B.msg> to the archive folder of notes@lists.example.org "
+        "mailing list";
+    const std::string unknown = "there is no message";
+    const struct {
+        const char* name;
+        const char* missing;  // a folder
+        FileCall call;        // that fails, the n-th one; none when n is 0
+        int n;
+        std::vector<std::string> errors;
+        const char* left;
+    } rows[] = {
+        {"no digest folder",
+         "digest",
+         FileCall::kWrite,
+         0,
+         {digest_line, archive_line, unknown},
+         "digest: archive:"},
+        {"no archive folder",
+         "archive",
+         FileCall::kWrite,
+         0,
+         {archive_line, unknown},
+         "digest: 00001A2B.msg subject.txt archive:"},
+        {"digest copy cannot be made",
+         "",
+         FileCall::kCreate,
+         1,
+         {digest_line, archive_line, unknown},
+         "digest: subject.txt archive:"},
+        {"disk full at the digest copy",
+         "",
+         FileCall::kWrite,
+         1,
+         {digest_line, archive_line, unknown},
+         "digest: subject.txt archive:"},
+        {"disk full when it is closed",
+         "",
+         FileCall::kClose,
+         1,
+         {digest_line, archive_line, unknown},
+         "digest: subject.txt archive:"},
+        {"disk full at the archive copy",
+         "",
+         FileCall::kWrite,
+         2,
+         {archive_line, unknown},
+         "digest: 00001A2B.msg subject.txt archive:"},
+        {"topics cannot be opened",
+         "",
+         FileCall::kCreate,
+         3,
+         {},
+         "digest: 00001A2B.msg archive: 00AB0001.msg"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Start();
+        rewritten_ = Write("queue/msg/00AB0001.msg", kPosting);
+        if (*row.missing != '\0')
+            fs::remove_all(Of(kNotes, row.missing));
+        if (row.n > 0)
+            files.FailNth(row.call, row.n);
+        for (const std::string& error : row.errors)
+            log.ExpectError(error);
+        Keep(kNotes);
+        EXPECT_EQ(log.Texts(1).size(), row.errors.size());
+        EXPECT_EQ(Names(kNotes), row.left);
+    }
+}
+
+TEST_F(FolderCopies, WithoutDataPathTheDigestIsBelowTheWorkingFolder)
+{
+    const std::string before = fs::current_path();
+    fs::create_directories(Path("here/garden@lists.example.org/digest"));
+    fs::current_path(Path("here"));
+    std::string configuration = ReadFile(Path("conf/qvms.conf"));
+    const std::size_t key = configuration.find("DbPath");
+    ASSERT_NE(key, std::string::npos);
+    configuration.insert(key, ";");
+    Write("conf/qvms.conf", configuration);
+    Keep(kGarden);
+    fs::current_path(before);
+    EXPECT_EQ(ReadFile(Path("here/garden@lists.example.org/digest/00001A2B.msg")), kPosting);
+    EXPECT_EQ(Names(kGarden), "digest: archive:");
+}
+
+}  // namespace
+}  // namespace dl::testing
