@@ -187,6 +187,26 @@ TEST_F(Monitoring, MetricsAreInTheTextFormat)
     EXPECT_EQ(seen["dlmanager_queue_readable"], 0);
 }
 
+// Every command there is, found through the help of the one above it, shows an example.
+TEST_F(Monitoring, EveryHelpHasExamples)
+{
+    std::vector<std::vector<std::string>> commands = {{}};
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+        std::vector<std::string> call = commands[i];
+        call.emplace_back("--help");
+        ASSERT_EQ(Dlctl(call), 0);
+        EXPECT_NE(output.find("Examples:\n  dlctl "), std::string::npos) << output;
+        const std::size_t list = output.find("\nSubcommands:\n");
+        std::istringstream in(list == std::string::npos ? "" : output.substr(list + 14));
+        for (std::string line; std::getline(in, line) && line.starts_with("  ");)
+            if (line[2] != ' ') {
+                commands.push_back(commands[i]);
+                commands.back().push_back(line.substr(2, line.find(' ', 2) - 2));
+            }
+    }
+    EXPECT_GE(commands.size(), 30U);
+}
+
 // A posting with a rotated log, two lists' members, a refusal; and a message that is still queued.
 TEST_F(Monitoring, ExplainFollowsAMessageThroughAllLogs)
 {
@@ -245,6 +265,7 @@ TEST_F(Monitoring, ExplainFollowsAMessageThroughAllLogs)
         EXPECT_EQ(output.find("forged"), std::string::npos);
         EXPECT_EQ(output.find("no@example.org"), std::string::npos);
     }
+    EXPECT_EQ(Dlctl({"explain", "ne@example.com"}), 2) << "the end of another";
     EXPECT_EQ(Dlctl({"explain", "6B0000FF"}), 2);
     EXPECT_NE(output.find("nothing is known of 6B0000FF"), std::string::npos);
 }
@@ -273,6 +294,7 @@ TEST_F(Monitoring, ExplainReadsTheQueue)
     EXPECT_EQ(entry.at("delivered"), 1);
     EXPECT_EQ(entry.at("tries"), 1);
     EXPECT_EQ(entry.at("problem"), "451 later");
+    EXPECT_EQ(Dlctl({"explain", "hree@example.com"}), 2);
     EXPECT_EQ(Dlctl({"explain", "body"}), 2) << "only the header's Message-ID counts";
 }
 

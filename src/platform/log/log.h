@@ -59,7 +59,8 @@ class LogSink
 // one before.
 LogSink* SetLogSink(LogSink* sink);
 
-// Told each level 1 line, escaped, whatever becomes of it in the log; null: nobody. It must not log.
+// Told each level 1 line, escaped, whatever becomes of it in the log; null: nobody. It must not
+// log.
 using ErrorListener = void (*)(const std::string& escaped);
 void SetErrorListener(ErrorListener listener);
 

@@ -60,8 +60,10 @@ constexpr std::pair<const char*, const char*> kExamples[] = {
 CLI::App* Find(CLI::App* program, const std::string& path)
 {
     const std::size_t blank = path.find(' ');
-    CLI::App* command = program->get_subcommand_no_throw(path.substr(0, blank));
-    return command && blank != std::string::npos ? Find(command, path.substr(blank + 1)) : command;
+    for (CLI::App* command : program->get_subcommands({}))
+        if (command->get_name() == path.substr(0, blank))
+            return blank == std::string::npos ? command : Find(command, path.substr(blank + 1));
+    return nullptr;
 }
 
 }  // namespace

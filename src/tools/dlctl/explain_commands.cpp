@@ -32,6 +32,7 @@ constexpr std::size_t kMostIds = 32;                     // that one question fo
 constexpr std::size_t kMostNamed = 20;                   // recipients, of each kind
 constexpr std::chrono::milliseconds kMessageFiles{300};  // for looking into the queue's messages
 constexpr std::size_t kHeaderBytes = 16'384;
+constexpr std::string_view kHeader = "Message-ID:";
 
 struct ExplainOptions {
     std::string asked;
@@ -121,6 +122,23 @@ std::string Between(std::string_view text, std::string_view begin, std::string_v
                                    to == std::string_view::npos ? to : to - from - begin.size()));
 }
 
+// A Message-ID without its angle brackets.
+std::string CoreOf(const std::string& id)
+{
+    return id.starts_with('<') && id.ends_with('>') ? id.substr(1, id.size() - 2) : id;
+}
+
+// Whether that header's value, folded or not, is this one.
+bool IsMessageId(std::string_view value, const std::string& core)
+{
+    const std::size_t first = value.find_first_not_of(" \t\r\n");
+    const std::size_t last = value.find_last_not_of(" \t\r\n");
+    if (first == std::string_view::npos)
+        return false;
+    value = value.substr(first, last - first + 1);
+    return value == core || value.find("<" + core + ">") != std::string_view::npos;
+}
+
 // Whether `id` stands in `line` by itself.
 bool HasWord(std::string_view line, std::string_view id)
 {
@@ -193,9 +211,7 @@ void Inquiry::Run()
 
 void Inquiry::FollowMessageId()
 {
-    std::string core = options_.asked;
-    if (core.starts_with('<') && core.ends_with('>'))
-        core = core.substr(1, core.size() - 2);
+    const std::string core = CoreOf(options_.asked);
     if (core.empty())
         return;
     for (const LogGroup& group : groups_)
@@ -203,8 +219,7 @@ void Inquiry::FollowMessageId()
             LogRecord record;
             if (ParseLogLine(line.text, &record) && record.module == "DL Intake") {
                 const std::size_t at = record.text.rfind(", Message-ID ");
-                if (at != std::string_view::npos &&
-                    record.text.substr(at).find(core) != std::string_view::npos)
+                if (at != std::string_view::npos && IsMessageId(record.text.substr(at + 13), core))
                     Add(IdBehind(record.text, "Message "));
             }
             return ids_.size() < kMostIds;
@@ -222,9 +237,7 @@ void Inquiry::LookIntoQueue()
         names.push_back(file->path());
     std::sort(names.rbegin(), names.rend());
     const auto end = std::chrono::steady_clock::now() + kMessageFiles;
-    std::string core = options_.asked;
-    if (core.starts_with('<') && core.ends_with('>'))
-        core = core.substr(1, core.size() - 2);
+    const std::string core = CoreOf(options_.asked);
     std::string header(kHeaderBytes, '\0');
     for (const std::string& path : names) {
         if (std::chrono::steady_clock::now() > end) {
@@ -241,9 +254,15 @@ void Inquiry::LookIntoQueue()
         const std::size_t at = head.find(core);
         if (at == std::string_view::npos)
             continue;
-        const std::size_t line = head.rfind('\n', at);
-        const std::string_view before = head.substr(line == std::string_view::npos ? 0 : line + 1);
-        if (StartsWithNoCase(before, "Message-ID:") || StartsWithNoCase(before, " "))
+        // The line, and the one before when it is folded.
+        std::size_t begin = head.rfind('\n', at);
+        begin = begin == std::string_view::npos ? 0 : begin + 1;
+        if (begin > 1 && (head[begin] == ' ' || head[begin] == '\t')) {
+            begin = head.rfind('\n', begin - 2);
+            begin = begin == std::string_view::npos ? 0 : begin + 1;
+        }
+        const std::string_view line = head.substr(begin, head.find('\n', at) - begin);
+        if (StartsWithNoCase(line, kHeader) && IsMessageId(line.substr(kHeader.size()), core))
             Add(IdBehind(path, "/msg/"));
     }
 }

@@ -94,8 +94,9 @@ TEST_F(Migration, WhatIsThereAlreadyIsNoObstacle)
 TEST_F(Migration, ANewerIndexIsRefusedAndLeftAlone)
 {
     ASSERT_EQ(Sql("queue/index.db", "PRAGMA user_version=3"), "");
-    log.ExpectError("was written by a newer version of this program (format 3, this one knows "
-                    "formats up to 2)");
+    log.ExpectError(
+        "was written by a newer version of this program (format 3, this one knows "
+        "formats up to 2)");
     EXPECT_FALSE(MQInitAt(folder));
     EXPECT_EQ(ReadQueueOverview(folder).state, QueueOverview::State::kNewer);
     EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; SELECT count(*) FROM chan"), "3\n2\n");
