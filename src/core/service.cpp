@@ -13,6 +13,7 @@
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "platform/mime/mime.h"
 #include "platform/process/process.h"
 #include "requests/confirmations.h"
@@ -90,6 +91,7 @@ int Service::Run()
 bool Service::Start()
 {
     SetTimeZone();
+    const bool counting = OpenMetrics(QueuePath(), "dlmanager");
     interval_ = RefreshInterval();
     DlLog(6, "Initialize mailing list entry cache..");
     (void)ListCache().InitCache();  // it has logged; the loop looks at what came of it
@@ -103,6 +105,9 @@ bool Service::Start()
         DlLog(1, "MQInit failed, exiting ...");
         return false;
     }
+    if (!counting)
+        (void)OpenMetrics(QueuePath(), "dlmanager");  // the folder is there now; nothing needs it
+    MarkStart();
     channel_ = OpenMQChannel(kInput);
     if (!channel_) {
         DlLog(1, "Cannot Open Message Queue Channel");

@@ -3,6 +3,7 @@
 #include "digest/digest_writer.h"
 #include "lists/cache_shortcuts.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "platform/mime/mime.h"
 #include "requests/incoming.h"
 
@@ -62,6 +63,8 @@ bool Submit(GeneratedMessage& message, const std::string& list, const std::strin
     const auto size = static_cast<long>(FileSize(message.Path()));
     if (!message.Send(channel, &envelope))
         return false;
+    Count(Metric::kDigests);
+    Count(Metric::kDigestDeliveries, static_cast<std::uint64_t>(envelope.recipients.count));
     envelope.recipients.cursor = nullptr;
     while (const _envRecip* to = envelope.recipients.Next())
         DlLog(3, "Delivered %s size: %ld bytes from: <%s> to <%s>", id.c_str(), size, owner.c_str(),

@@ -2,6 +2,7 @@
 
 #include "lists/dllist.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 
 namespace dl
 {
@@ -29,6 +30,10 @@ bool PassContentScan(const Incoming& message, const std::string& list)
               "the system",
               message.id, list.c_str());
     DlLog(5, "Done...");
+    if (verdict == SpamVerdict::kDiscarded)
+        Count(Metric::kRefusedSpamDiscarded);
+    else if (verdict == SpamVerdict::kBounced)
+        Count(Metric::kRefusedSpamBounced);
     return verdict != SpamVerdict::kDiscarded && verdict != SpamVerdict::kBounced;
 }
 

@@ -8,6 +8,7 @@
 #include "platform/files/files.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "platform/mime/mime.h"
 #include "requests/bounce.h"
 
@@ -38,7 +39,8 @@ void BounceFailedRewrite(const Incoming& message, const std::string& list,
         "There was a problem occurred while processing the message to the mailing list: \"%s\"\r\n"
         "Reason: %s\r\nPlease resend your message again.\r\n",
         list.c_str(), kReasons[static_cast<int>(result)]);
-    (void)BounceToSender(message, reason, channel, false);  // it has logged what failed
+    if (BounceToSender(message, reason, channel, false) == 0)  // else it has logged what failed
+        Count(Metric::kBouncedNotRewritten);
 }
 
 // One sender, the owner alias; one recipient per immediate member, in member order. The addresses
@@ -84,6 +86,8 @@ void LogDeliveries(const Incoming& message, const std::string& list, const std::
                    std::int64_t size, stEnvelope* envelope)
 {
     const std::string name = BaseName(message.MessagePath());
+    Count(Metric::kPostingsDelivered);
+    Count(Metric::kDeliveries, static_cast<std::uint64_t>(envelope->recipients.count));
     envelope->recipients.cursor = nullptr;
     while (const _envRecip* to = envelope->recipients.Next())
         DlLog(3, "Delivered %s size: %ld bytes from: <%s> to <%s>", name.c_str(),

@@ -9,6 +9,7 @@
 #include "platform/address/address.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "requests/bounce.h"
 #include "requests/owner_copy.h"
 
@@ -25,16 +26,28 @@ constexpr long kForwardBlocked = 380;
 constexpr long kForwardNonMember = 430;
 constexpr long kForwardUnusable = 460;
 
+// A bounce may fail; it has logged.
+void Bounce(const Incoming& message, const std::string& reason, const std::string& output,
+            bool flag, Metric metric)
+{
+    if (BounceToSender(message, reason, output, flag) == 0)
+        Count(metric);
+}
+
 long Forward(const Incoming& message, const std::string& list, const std::string& output,
              int reason, long place)
 {
-    return ForwardToOwner(OwnerAddress(list), message, output, reason) == -1 ? place : kGoOn;
+    if (ForwardToOwner(OwnerAddress(list), message, output, reason) == -1)
+        return place;
+    Count(Metric::kForwarded);
+    return kGoOn;
 }
 
 long RefuseBlocked(const Incoming& message, const std::string& list, const std::string& output)
 {
     const std::string sender = message.Sender();
     const Refusal refusal = RefusalByHandling(ListCache().GetHandlingMethod(list));
+    Count(Metric::kRefusedBlocked);
     if (refusal.IsDiscard())
         DlLog(6, "Discard message sent from blocked list member %s to the mailing list %s",
               sender.c_str(), list.c_str());
@@ -44,7 +57,7 @@ long RefuseBlocked(const Incoming& message, const std::string& list, const std::
         const std::string reason = FormatText(
             "You are currently blocked from sending e-mail message to the mailing list: \"%s\"\r\n",
             list.c_str());
-        (void)BounceToSender(message, reason, output, false);  // a bounce may fail; it has logged
+        Bounce(message, reason, output, false, Metric::kBouncedBlocked);
         DlLog(6, "Done...");
     }
     if (!refusal.forward)
@@ -74,14 +87,14 @@ long RefuseNonMember(const Incoming& message, const std::string& list, const std
 {
     const std::string sender = message.Sender();
     const Refusal refusal = RefusalByHandling(ListCache().GetHandlingMethod(list));
+    Count(Metric::kRefusedNotMember);
     if (refusal.IsDiscard())
         DlLog(6, "Discard message sent from non list member %s to the mailing list %s",
               sender.c_str(), list.c_str());
     if (refusal.bounce) {
         DlLog(6, "Bouncing message sent from non list member %s to the mailing list %s...",
               sender.c_str(), list.c_str());
-        // A bounce may fail; it has logged.
-        (void)BounceToSender(message, ClosedListReason(list), output, false);
+        Bounce(message, ClosedListReason(list), output, false, Metric::kBouncedNotMember);
         DlLog(6, "Done...");
     }
     if (!refusal.forward)
@@ -96,6 +109,7 @@ long RefuseNonMember(const Incoming& message, const std::string& list, const std
 
 long HandlePosting(const Incoming& message, const std::string& list, const std::string& output)
 {
+    Count(Metric::kPostings);
     const std::string sender = message.Sender();
     const bool member = IsListMember(list, sender);
     if (member && ListCache().IsMemberBlocked(list, sender))
@@ -109,6 +123,7 @@ long HandlePosting(const Incoming& message, const std::string& list, const std::
         case Admission::kRefuse:
             return RefuseNonMember(message, list, output);
         case Admission::kForOwner:
+            Count(Metric::kRefusedUnusableList);
             return Forward(message, list, output, kForTheOwner, kForwardUnusable);
         case Admission::kDeliver:
             break;
@@ -120,6 +135,7 @@ long HandleOwnerMail(const Incoming& message, const std::string& address, const 
 {
     if (ForwardToOwner(address, message, output, kForTheOwner) == -1)
         return kForwardOwnerMail;
+    Count(Metric::kForwarded);
     DlLog(6, "Message to %s has been forwarded to list-owner", address.c_str());
     return kGoOn;
 }
@@ -131,7 +147,7 @@ long HandleRecipient(const Incoming& message, const std::string& address, const 
     if (!target.found) {
         const std::string reason =
             FormatText("unknown mailing list address: \"%s\"\r\n", OneLine(address).c_str());
-        (void)BounceToSender(message, reason, output, true);  // a bounce may fail; it has logged
+        Bounce(message, reason, output, true, Metric::kBouncedUnknownAddress);
         return kGoOn;
     }
     switch (target.kind) {
@@ -180,6 +196,7 @@ int ProcessQueue(MQContext* channel, const std::string& input, const std::string
          id = GetNextMessage(channel, false)) {
         Incoming message{channel, static_cast<unsigned long>(id), nullptr};
         DlLog(6, "Processing message (%lX)", message.id);
+        Count(Metric::kMessages);
         EnvelopeResult found = GetMQEnvelope(message.id);
         if (found.failed)
             return Stop(kEnvelopeUnreadable);

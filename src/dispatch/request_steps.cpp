@@ -4,6 +4,7 @@
 #include "lists/dllist.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "requests/bounce.h"
 #include "requests/commands.h"
 #include "requests/confirmations.h"
@@ -39,6 +40,9 @@ long CarryOut(const Incoming& message, const std::string& list, const std::strin
               const ConfirmationKind& kind)
 {
     const std::string sender = message.Sender();
+    Count(kind.archive     ? Metric::kConfirmedArchive
+          : kind.subscribe ? Metric::kConfirmedSubscribe
+                           : Metric::kConfirmedUnsubscribe);
     if (kind.archive) {
         DlLog(6, "Received archive authentication confirm message from %s for mailing list %s",
               sender.c_str(), list.c_str());
@@ -71,7 +75,8 @@ void BounceUnknownCommand(const Incoming& message, const std::string& request_ad
         "message digest instead.\r\n\r\n"
         "To remove your subscription, put the keyword \"unsubscribe\" in the message body.\r\n",
         request_address.c_str(), request_address.c_str());
-    (void)BounceToSender(message, reason, output, false);  // a bounce may fail; it has logged
+    if (BounceToSender(message, reason, output, false) == 0)  // else it has logged
+        Count(Metric::kBouncedUnknownCommand);
 }
 
 void Confirm(const Incoming& message, const std::string& request_address, const std::string& output,
@@ -137,6 +142,10 @@ long HandleRequest(const Incoming& message, const std::string& request_address,
         return place;
     }
     const RequestCommand command = GetRequestCommand(message.id);
+    Count(!command.known      ? Metric::kRequestUnknown
+          : command.archive   ? Metric::kRequestArchive
+          : command.subscribe ? Metric::kRequestSubscribe
+                              : Metric::kRequestUnsubscribe);
     if (!command.known) {
         BounceUnknownCommand(message, request_address, output);
         return kGoOn;

@@ -99,7 +99,10 @@ class dllist
     [[nodiscard]] const _mailinglist* Record(const std::string& list) const;
     [[nodiscard]] const _mailinglist* AtCursor() const;
     [[nodiscard]] bool Connect(ldapClient* client);
+    [[nodiscard]] bool ReadLists();
     [[nodiscard]] bool Load(SearchReq* found);
+    void CountRefresh(bool done) const;
+    void CountMembers() const;
     [[nodiscard]] bool LookUpOwner(_mailinglist* record);
 
     std::unique_ptr<SpamChecker> spam_checker_;

@@ -5,9 +5,11 @@
 #include "lists/directory_access.h"
 #include "lists/dllist.h"
 #include "platform/address/address.h"
+#include "platform/clock/clock.h"
 #include "platform/config/config.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 
 namespace dl
 {
@@ -55,6 +57,27 @@ const std::string* FindOwner(const SearchReq& found, const std::string& alias)
 
 }  // namespace
 
+// The archive worker has a cache of its own, which nobody is answered from.
+void dllist::CountRefresh(bool done) const
+{
+    if (this != &ListCache())
+        return;
+    dl::Count(done ? Metric::kRefreshes : Metric::kRefreshesFailed);
+    if (!done)
+        return;
+    SetGauge(Metric::kLastRefresh, Now());
+    CountMembers();
+}
+
+void dllist::CountMembers() const
+{
+    std::size_t members = 0;
+    for (const _mailinglist& record : records_)
+        members += record.immediate_members.size() + record.digest_members.size();
+    SetGauge(Metric::kLists, Count());
+    SetGauge(Metric::kMembers, static_cast<std::int64_t>(members));
+}
+
 bool dllist::Connect(ldapClient* client)
 {
     directory_reachable_ = OpenDirectory(client);
@@ -62,6 +85,13 @@ bool dllist::Connect(ldapClient* client)
 }
 
 bool dllist::InitCache()
+{
+    const bool done = ReadLists();
+    CountRefresh(done);
+    return done;
+}
+
+bool dllist::ReadLists()
 {
     DeleteCache();
     ldapClient client;
@@ -87,12 +117,15 @@ bool dllist::RefreshCache()
     {
         ldapClient client;
         if (client.ldapClientConnect(login.host, login.port) != 0 ||
-            client.ldapClientBind(login.user, login.password) != 0)
+            client.ldapClientBind(login.user, login.password) != 0) {
+            CountRefresh(false);
             return true;
+        }
         const SearchReq names = client.ldapClientSearch(nullptr, kSubtree, true, kAllLists);
         client.ldapClientUnbind();
         if (names.failed) {
             DlLog(1, "Could not read the mailing lists from Directory Server");
+            CountRefresh(false);
             return false;
         }
     }
@@ -169,6 +202,8 @@ bool dllist::AddCache(const std::string& list)
         list_cursor_ = Count() - 1;
         added = true;
     }
+    if (added && this == &ListCache())
+        CountMembers();
     return added;
 }
 

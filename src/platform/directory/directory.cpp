@@ -123,6 +123,12 @@ ModifyResult ldapClient::DeleteEntry(const std::string& entry)
     return entry.empty() || HasNul(entry) ? ModifyResult::kRefused : session_->Delete(entry);
 }
 
+bool ldapClient::FindUnknownAttributes(const std::vector<std::string>& names,
+                                       std::vector<std::string>* unknown)
+{
+    return session_->UnknownAttributes(names, unknown);
+}
+
 void ldapClient::ldapClientUnbind()
 {
     session_->Unbind();

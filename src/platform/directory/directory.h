@@ -109,6 +109,10 @@ class ldapClient
     [[nodiscard]] ModifyResult AddEntry(const std::string& entry,
                                         const std::vector<SearchAttribute>& attributes);
     [[nodiscard]] ModifyResult DeleteEntry(const std::string& entry);
+    // Puts those of `names` that the server's schema does not define into `unknown`; for dlctl.
+    // False when the schema cannot be read. An LDIF file has none: it takes any.
+    [[nodiscard]] bool FindUnknownAttributes(const std::vector<std::string>& names,
+                                             std::vector<std::string>* unknown);
     void ldapClientUnbind();
 
  private:
@@ -133,6 +137,11 @@ class DirectorySession
     virtual ModifyResult Add(const std::string& entry,
                              const std::vector<SearchAttribute>& attributes) = 0;
     virtual ModifyResult Delete(const std::string& entry) = 0;
+    virtual bool UnknownAttributes(const std::vector<std::string>& /*names*/,
+                                   std::vector<std::string>* /*unknown*/)
+    {
+        return true;  // a back end without a schema
+    }
     virtual void Unbind() = 0;
 };
 

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "platform/address/address.h"
 #include "platform/directory/ldap_session_private.h"
 #include "platform/directory/matching.h"
 
@@ -243,6 +244,43 @@ int LdapSession::EndPage(LDAPMessage* message, std::string* cookie)
         cookie->assign(next.bv_val, next.bv_len);
     ber_memfree(next.bv_val);
     return code;
+}
+
+// The values of one attribute of one entry.
+bool LdapSession::ReadValues(const std::string& base, const char* attribute,
+                             std::vector<std::string>* values)
+{
+    char* wanted[] = {const_cast<char*>(attribute), nullptr};  // the library does not write there
+    timeval wait{};
+    wait.tv_sec = settings_.timeout_seconds;
+    LDAPMessage* got = nullptr;
+    const int code = ldap_search_ext_s(handle_, base.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)",
+                                       wanted, 0, nullptr, nullptr, &wait, LDAP_NO_LIMIT, &got);
+    const Owned<LDAPMessage> message(got);
+    LDAPMessage* entry = code == LDAP_SUCCESS ? ldap_first_entry(handle_, got) : nullptr;
+    berval** found = entry ? ldap_get_values_len(handle_, entry, attribute) : nullptr;
+    for (std::size_t i = 0; found && found[i]; ++i)
+        values->emplace_back(found[i]->bv_val, found[i]->bv_len);
+    ldap_value_free_len(found);
+    return !values->empty();
+}
+
+bool LdapSession::UnknownAttributes(const std::vector<std::string>& names,
+                                    std::vector<std::string>* unknown)
+{
+    const NoPipeSignal quiet;
+    std::vector<std::string> place;
+    std::vector<std::string> types;
+    if (!handle_ || !ReadValues("", "subschemaSubentry", &place) ||
+        !ReadValues(place.front(), "attributeTypes", &types))
+        return false;
+    std::string all;
+    for (const std::string& type : types)
+        all += LowerCase(type);
+    for (const std::string& name : names)
+        if (all.find("'" + LowerCase(name) + "'") == std::string::npos)
+            unknown->push_back(name);
+    return true;
 }
 
 std::unique_ptr<DirectorySession> MakeLdapSession()

@@ -47,6 +47,8 @@ class LdapSession final : public DirectorySession
     ModifyResult Add(const std::string& entry,
                      const std::vector<SearchAttribute>& attributes) override;
     ModifyResult Delete(const std::string& entry) override;
+    bool UnknownAttributes(const std::vector<std::string>& names,
+                           std::vector<std::string>* unknown) override;
 
     void Unbind() override
     {
@@ -70,6 +72,8 @@ class LdapSession final : public DirectorySession
     int SearchPage(Query* query, SearchReq* result);
     int ReadPage(int id, Query* query, SearchReq* result);
     int TakeEntry(LDAPMessage* entry, bool attributes_only, SearchReq* result);
+    bool ReadValues(const std::string& base, const char* attribute,
+                    std::vector<std::string>* values);
     int EndPage(LDAPMessage* message, std::string* cookie);
     ModifyResult Answer(const char* deed, const std::string& entry, int code);
 

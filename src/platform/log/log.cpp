@@ -18,6 +18,8 @@ constexpr std::size_t kDlLogSize = 1024;
 
 std::atomic<LogSink*> test_sink{nullptr};
 
+std::atomic<ErrorListener> error_listener{nullptr};
+
 std::mutex opened_mutex;
 std::shared_ptr<OpenedLog> opened;
 
@@ -73,6 +75,8 @@ void FlushLog()
 int LogMessage(int level, const char* module, const char* text)
 {
     const std::string escaped = EscapeForLog(text);
+    if (const ErrorListener listener = level <= 1 ? error_listener.load() : nullptr)
+        listener(escaped);
     if (LogSink* sink = test_sink.load())
         sink->Write(level, module, escaped);
     else if (const auto log = Opened())
@@ -105,6 +109,11 @@ int DlLog(int level, const char* format, ...)
     const int length = LogFormatted(level, "DL Manager", kDlLogSize, format, args);
     va_end(args);
     return length;
+}
+
+void SetErrorListener(ErrorListener listener)
+{
+    error_listener.store(listener);
 }
 
 LogSink* SetLogSink(LogSink* sink)

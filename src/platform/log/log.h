@@ -59,6 +59,11 @@ class LogSink
 // one before.
 LogSink* SetLogSink(LogSink* sink);
 
+// Told each level 1 line, escaped, whatever becomes of it in the log; null: nobody. It must not
+// log.
+using ErrorListener = void (*)(const std::string& escaped);
+void SetErrorListener(ErrorListener listener);
+
 // `text` as it may stand in a log line: control characters written as escapes, other bytes
 // unchanged.
 std::string EscapeForLog(const char* text);

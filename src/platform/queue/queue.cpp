@@ -70,11 +70,14 @@ std::shared_ptr<QueueBackend> OpenedQueue()
     return opened.installed ? opened.installed : opened.own;
 }
 
+std::string QueuePath()
+{
+    return GetPrivateProfileString("Queue", "Path", kDefaultQueuePath, 4096, kMainConfig);
+}
+
 bool MQInit(const std::string& /*host*/, const std::string& module)
 {
-    const std::string folder =
-        GetPrivateProfileString("Queue", "Path", kDefaultQueuePath, 4096, kMainConfig);
-    return OpenAt(folder, module);
+    return OpenAt(QueuePath(), module);
 }
 
 bool MQInitAt(const std::string& folder)

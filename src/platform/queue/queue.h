@@ -32,11 +32,14 @@ inline constexpr long kNoMessage =
 inline constexpr long kQueueFailed = -2;  // the index could not be read or written
 
 inline constexpr char kDefaultQueuePath[] = "/var/spool/dlmanager/queue";
+// The folder Queue/Path of "qvms.conf".
+[[nodiscard]] std::string QueuePath();
 
 // Opens the queue in folder Queue/Path of "qvms.conf" (made when missing, mode 0700) and sweeps
-// what dead writers left behind. `module` tags the queue's log lines; `host` is not used by the
-// embedded queue. False when it cannot be opened, is damaged, was written by a newer version, or
-// when the index is gone while message files are there.
+// what dead writers left behind. An index of an older version is brought up to date, after a copy
+// of it was put beside it ("index.db.format-1"; logged at level 5). `module` tags the queue's log
+// lines; `host` is not used by the embedded queue. False when it cannot be opened, is damaged, was
+// written by a newer version, or when the index is gone while message files are there.
 [[nodiscard]] bool MQInit(const std::string& host, const std::string& module);
 // Opens the queue in `folder` instead; for tools with an option and for tests. MQEnd closes it; all
 // may be repeated. Contexts that are still open keep their queue open.
@@ -139,6 +142,41 @@ struct QueueItem {
                           std::vector<QueueItem>* items);
 // The items of one entry, one for each channel that it is in; none when it is not in the queue.
 [[nodiscard]] bool FindMQ(unsigned long id, std::vector<QueueItem>* items);
+
+// The channels at a glance, for monitoring. Opens the index by itself, for reading only: nothing is
+// made, swept, migrated or logged, and no running program waits for it.
+struct ChannelOverview {
+    std::string channel;
+    std::int64_t waiting = 0;   // entries, all of them
+    std::int64_t taken = 0;     // of them some reader has or had
+    std::int64_t put_back = 0;  // of them wait for another try
+    std::int64_t oldest = 0;    // when its oldest entry came into the queue, seconds since 1970
+};
+struct QueueOverview {
+    enum class State { kRead, kNoQueue, kNewer, kFailed } state = State::kFailed;
+    std::string cause;                      // one line, when not kRead
+    int format = 0;                         // of the index
+    std::vector<ChannelOverview> channels;  // those with entries, by name
+};
+// One entry as it stands in one channel, read in the same way.
+struct EntryOverview {
+    std::string channel;
+    std::string origin;       // of one in "dlhold"
+    std::int64_t closed = 0;  // seconds since 1970-01-01 UTC, as `due`
+    std::int64_t due = 0;     // of its next try; 0: at once
+    std::int64_t recipients = 0;
+    std::int64_t delivered = 0;
+    std::int64_t refused = 0;
+    std::int64_t tries = 0;
+    bool taken = false;
+    std::string problem;  // of its last try
+};
+// Empty when it is not there, or the index cannot be read.
+[[nodiscard]] std::vector<EntryOverview> ReadQueueEntry(const std::string& folder,
+                                                        unsigned long id);
+inline constexpr int kQueueFormat = 2;  // what this program writes
+[[nodiscard]] QueueOverview ReadQueueOverview(const std::string& folder);
+
 // kTaken: a living reader has it, nothing was changed. kDone: it is so on disk. A moved item comes
 // last in its new channel, with no hand-outs counted.
 enum class QueueChange { kDone, kNotThere, kTaken, kFailed };

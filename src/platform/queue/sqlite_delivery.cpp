@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/metrics/metrics.h"
 #include "platform/queue/sqlite_queue_private.h"
 
 namespace dl
@@ -165,8 +166,11 @@ void SqliteQueue::CommitRecordings(const std::vector<Recording*>& together)
                  Named(together.front()->steps).c_str(), Cause().c_str());
     for (Recording* one : together) {
         one->done = done;
-        if (done)
+        if (done) {
             Finish(one->removals);
+            for (const DeliveryStep& step : one->steps)
+                Count(Metric::kHeld, step.end == DeliveryStep::End::kHold ? 1 : 0);
+        }
         if (!one->published)
             continue;
         if (!done)

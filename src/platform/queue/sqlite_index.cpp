@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "platform/queue/entry_files.h"
+#include "platform/queue/queue.h"
 #include "platform/queue/sqlite_private.h"
 
 namespace dl
@@ -12,7 +13,7 @@ namespace dl
 namespace
 {
 
-constexpr int kFormat = 1;                // PRAGMA user_version
+constexpr int kFormat = kQueueFormat;     // PRAGMA user_version
 constexpr int kApplication = 0x444c5131;  // PRAGMA application_id, "DLQ1"
 constexpr int kBusyTries = 6000;          // of 5 ms and more: about half a minute
 // Freed pages are not overwritten: that would write a big envelope once more when its message goes.
@@ -71,7 +72,7 @@ bool Index::Open(const std::string& path, const std::function<bool()>& may_be_ne
         *cause = Cause();
         return false;
     }
-    return CheckFormat(may_be_new, cause);
+    return BringUpToDate(path, kApplication, cause) && CheckFormat(may_be_new, cause);
 }
 
 // Several first users at once: the change to the log needs the file alone, and is refused without
@@ -116,7 +117,9 @@ bool Index::CheckFormat(const std::function<bool()>& may_be_new, std::string* ca
         return false;
     }
     if (format > kFormat && application == kApplication)
-        *cause = "the index was written by a newer version of this program";
+        *cause = "the index was written by a newer version of this program (format " +
+                 std::to_string(format) + ", this one knows formats up to " +
+                 std::to_string(kFormat) + ")";
     else if (tables > 0 && (format != kFormat || application != kApplication))
         *cause = "the file is not the index of a message queue";
     else if (tables == 0 && !may_be_new())

@@ -54,6 +54,10 @@ class Index
     void Note(int code);
     bool Execute(const char* sql);
     bool UseLog();
+    // Migrates an older format (sqlite_migration.cpp). True also when there is nothing to do.
+    bool BringUpToDate(const std::string& path, int application, std::string* cause);
+    bool CopyTo(const std::string& backup, std::string* cause);
+    bool MigrateFrom1(std::int64_t* from);
     bool CheckFormat(const std::function<bool()>& may_be_new, std::string* cause);
 
     sqlite3* db_ = nullptr;

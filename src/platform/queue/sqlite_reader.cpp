@@ -1,6 +1,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "platform/metrics/metrics.h"
 #include "platform/queue/sqlite_queue_private.h"
 
 namespace dl
@@ -188,6 +189,7 @@ void SqliteQueue::TellHeld(const Reader& reader, const Taken& taken) const
 {
     if (taken.how != Taken::kHeld)
         return;
+    Count(Metric::kHeld);
     if (taken.attempts == 0)
         Complain("Message %08X has no message file, moved from channel %s to %s",
                  static_cast<unsigned>(taken.id), reader.channel.c_str(), kHoldChannel);
@@ -311,6 +313,7 @@ bool SqliteQueue::ForgetEntry(std::uint32_t id)
 void SqliteQueue::Finish(const Removals& removals)
 {
     removed_.insert(removed_.end(), removals.gone.begin(), removals.gone.end());
+    Count(Metric::kHeld, removals.held.size());
     for (const std::uint32_t id : removals.held)
         Complain("Message %08X has no envelope, moved to channel %s", static_cast<unsigned>(id),
                  kHoldChannel);

@@ -1,5 +1,7 @@
 #include <memory>
 
+#include "platform/log/log.h"
+
 #include "platform/store/sqlite_private.h"
 #include "platform/store/store.h"
 
@@ -9,6 +11,9 @@ namespace
 {
 
 constexpr int kBusyMilliseconds = 30'000;
+// PRAGMA user_version. 0 is the same format, from before files were marked.
+constexpr int kFormat = 1;
+constexpr char kMark[] = "PRAGMA user_version=1";
 
 }  // namespace
 
@@ -21,10 +26,26 @@ std::unique_ptr<StoreFile> StoreFile::Open(const std::string& path, const char* 
     if (result != SQLITE_OK)
         return nullptr;
     sqlite3_busy_timeout(db, kBusyMilliseconds);
-    if (!file->Execute("PRAGMA journal_mode=DELETE; PRAGMA synchronous=FULL") ||
-        (create && !file->Execute(create)))
+    if (!file->IsKnownFormat(path) ||
+        !file->Execute("PRAGMA journal_mode=DELETE; PRAGMA synchronous=FULL") ||
+        (create && !file->Execute(create)) || (create && !file->Execute(kMark)))
         return nullptr;
     return file;
+}
+
+bool StoreFile::IsKnownFormat(const std::string& path)
+{
+    StoreQuery query(this, "PRAGMA user_version");
+    if (!query.Row())
+        return false;
+    if (query.Int(0) <= kFormat)
+        return true;
+    LogMessage(1, "DL Store",
+               (path + " was written by a newer version of this program (format " +
+                std::to_string(query.Int(0)) + ", this one knows formats up to " +
+                std::to_string(kFormat) + ")")
+                   .c_str());
+    return false;
 }
 
 bool StoreFile::Execute(const char* sql)

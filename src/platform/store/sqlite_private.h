@@ -24,6 +24,8 @@ class StoreFile
     // Null when the file cannot be opened; with `create`, it and its tables are made when missing.
     static std::unique_ptr<StoreFile> Open(const std::string& path, const char* create);
     [[nodiscard]] bool Execute(const char* sql);
+    // False, logged at level 1, for a file of a newer program: it is not touched.
+    [[nodiscard]] bool IsKnownFormat(const std::string& path);
     [[nodiscard]] sqlite3* db() const { return db_; }
 
  private:

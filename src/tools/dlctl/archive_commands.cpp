@@ -18,6 +18,7 @@
 #include "requests/incoming.h"
 #include "tools/dlctl/commands.h"
 #include "tools/dlctl/open_list.h"
+#include "tools/dlctl/progress.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
@@ -183,7 +184,10 @@ int WithArchive(const ArchiveOptions& options, Deed deed)
 
 int Rebuild(const ArchiveOptions& options)
 {
-    const int status = WithArchive(options, [&] { CDlArchive::RebuildArchive(options.list); });
+    const int status = WithArchive(options, [&] {
+        const Progress progress("making the archive of " + options.list + " anew");
+        CDlArchive::RebuildArchive(options.list);
+    });
     if (status == kExitOk)
         std::printf("the archive of %s was made anew\n", options.list.c_str());
     return status;

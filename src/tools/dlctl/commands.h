@@ -8,6 +8,10 @@
 namespace dl
 {
 
+void AddStatusCommands(CLI::App* program, int* status);
+void AddCheckCommands(CLI::App* program, int* status);
+void AddExplainCommands(CLI::App* program, int* status);
+void AddMetricsCommands(CLI::App* program, int* status);
 void AddQueueCommands(CLI::App* program, int* status);
 void AddListCommands(CLI::App* program, int* status);
 void AddMemberCommands(CLI::App* program, int* status);
@@ -15,5 +19,7 @@ void AddArchiveCommands(CLI::App* program, int* status);
 void AddStoreCommands(CLI::App* program, int* status);
 void AddSpamCommands(CLI::App* program, int* status);
 void AddDirectoryCommands(CLI::App* program, int* status);
+// The examples in the help of all commands; comes last.
+void AddExamples(CLI::App* program);
 
 }  // namespace dl

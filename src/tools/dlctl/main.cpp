@@ -47,6 +47,10 @@ int Run(int argc, char** argv)
             throw std::runtime_error(error);
     });
     int status = 0;
+    dl::AddStatusCommands(&program, &status);
+    dl::AddCheckCommands(&program, &status);
+    dl::AddExplainCommands(&program, &status);
+    dl::AddMetricsCommands(&program, &status);
     dl::AddListCommands(&program, &status);
     dl::AddMemberCommands(&program, &status);
     dl::AddQueueCommands(&program, &status);
@@ -54,6 +58,7 @@ int Run(int argc, char** argv)
     dl::AddStoreCommands(&program, &status);
     dl::AddSpamCommands(&program, &status);
     dl::AddDirectoryCommands(&program, &status);
+    dl::AddExamples(&program);
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& problem) {

@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "lists/directory_access.h"
+#include "tools/dlctl/progress.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
@@ -63,7 +64,10 @@ bool OpenList::PlanRemove(const std::string& address)
 
 int OpenList::Send(std::size_t* done, std::size_t* already)
 {
+    const std::size_t planned = changes_.size();
+    Progress progress("members", planned);
     while (!changes_.empty()) {
+        progress.Update(planned - changes_.size());
         const std::vector<AttributeChange> batch = Batch();
         ModifyResult result = client_.ldapClientModify(dn_, batch);
         if (result == ModifyResult::kDone) {

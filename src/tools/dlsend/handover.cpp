@@ -16,12 +16,12 @@ namespace dl
 namespace
 {
 
-constexpr std::size_t kMostJobs = 32;                // entries in memory
-constexpr std::size_t kMostRecipients = 50'000;      // of them together, but for the first
-constexpr std::size_t kMostTaken = 64;               // entries that are taken
-constexpr std::chrono::milliseconds kLook{250};      // how often the queue is looked at without news
-constexpr std::chrono::milliseconds kListen{100};    // for news; the end waits for it
-constexpr std::chrono::milliseconds kTogether{2};    // news that come so close are one
+constexpr std::size_t kMostJobs = 32;              // entries in memory
+constexpr std::size_t kMostRecipients = 50'000;    // of them together, but for the first
+constexpr std::size_t kMostTaken = 64;             // entries that are taken
+constexpr std::chrono::milliseconds kLook{250};    // how often the queue is looked at without news
+constexpr std::chrono::milliseconds kListen{100};  // for news; the end waits for it
+constexpr std::chrono::milliseconds kTogether{2};  // news that come so close are one
 constexpr std::chrono::milliseconds kTrouble{5000};  // the same, when it could not be read
 constexpr std::chrono::seconds kEnd{20};             // for running transactions when it is to stop
 

@@ -6,6 +6,7 @@
 
 #include "platform/clock/clock.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "tools/dlsend/handover.h"
 
 namespace dl
@@ -69,16 +70,20 @@ void LogResults(const Job& job, const std::vector<std::uint32_t>& recipients,
         const std::string address(job.record.envelope.Recipient(recipients[i]));
         switch (one.outcome) {
             case smtp::Outcome::kAccepted:
+                Count(Metric::kRelayDelivered);
                 SendLog(3, "Relayed %08lX to <%s>: %s", id, address.c_str(), one.Line().c_str());
                 break;
             case smtp::Outcome::kRefused:
+                Count(Metric::kRelayRefused);
                 SendLog(3, "Refused %08lX to <%s>: %s", id, address.c_str(), one.Line().c_str());
                 break;
             case smtp::Outcome::kLater:
             case smtp::Outcome::kNextTime:
+                Count(Metric::kRelayLater, one.outcome == smtp::Outcome::kLater ? 1 : 0);
                 SendLog(5, "Not yet %08lX to <%s>: %s", id, address.c_str(), one.Line().c_str());
                 break;
             case smtp::Outcome::kUnknown:
+                Count(Metric::kRelayUnknown);
                 SendLog(3, "No answer for %08lX to <%s>, who may get it twice: %s", id,
                         address.c_str(), one.Line().c_str());
                 break;
@@ -188,6 +193,8 @@ bool Handover::Finish(const Job& job, const DeliveryStep& last, bool given_up,
     log();
     if (!done)
         return false;
+    Count(Metric::kRelayGivenUp, waiting);
+    Count(Metric::kRelayReports, report ? 1 : 0);
     if (waiting > 0)
         SendLog(3, "Gave up %08lX for %zu recipients after %lld hours: %s", job.entry.id, waiting,
                 static_cast<long long>((Now() - job.entry.closed) / 3600),

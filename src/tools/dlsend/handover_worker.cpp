@@ -5,6 +5,7 @@
 
 #include "platform/clock/clock.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "tools/dlsend/handover.h"
 
 namespace dl
@@ -110,6 +111,7 @@ bool Handover::Connect(Worker* worker)
         return false;
     }
     probing_ = false;
+    SetGauge(Metric::kRelayUp, 1);
     if (std::exchange(relay_down_, false))
         SendLog(1, "The relay %s can be used again", RelayName(settings_.relay).c_str());
     else
@@ -152,6 +154,8 @@ void Handover::CannotConnect(Worker* worker, const std::string& problem)
         SendLog(6, "The relay %s takes no further connection: %s", name.c_str(), problem.c_str());
         return;
     }
+    Count(Metric::kRelayConnectFailed);
+    SetGauge(Metric::kRelayUp, 0);
     if (!relay_down_ && !abort_.load())
         SendLog(1, "The relay %s cannot be used: %s", name.c_str(), problem.c_str());
     if (!relay_down_)

@@ -10,6 +10,7 @@
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "platform/process/process.h"
 #include "tools/dlsend/handover.h"
 
@@ -58,6 +59,10 @@ int Run(bool once)
     const dl::RelaySettings settings = dl::ReadRelaySettings();
     if (!dl::MQInit("", "DL Send"))
         return EX_UNAVAILABLE;
+    // Without it the program works all the same, and has said why.
+    (void)dl::OpenMetrics(dl::QueuePath(), kName);
+    if (!once)
+        dl::MarkStart();
     const auto channel = dl::DeliveryChannel::Open(settings.channel);
     if (!channel)
         return EX_UNAVAILABLE;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 
 namespace dl
 {
@@ -116,12 +117,14 @@ bool LmtpConnection::Act(LmtpSession::Event event)
             BeginMessage();
             return true;
         case LmtpSession::Event::kText:
+            message_id_.Read(session_.Text());
             if (const LmtpOutcome outcome = entry_->Write(session_.Text());
                 outcome != LmtpOutcome::kStored)
                 Drop(outcome);
             return true;
         case LmtpSession::Event::kDiscard:
             Log(5, "%s sent a message that is too big", peer_.c_str());
+            Count(Metric::kIntakeRefused);
             entry_.reset();
             return true;
         case LmtpSession::Event::kEnd:
@@ -129,6 +132,8 @@ bool LmtpConnection::Act(LmtpSession::Event event)
             return true;
         case LmtpSession::Event::kRefused:
             Log(5, "%s was answered %s", peer_.c_str(), session_.Note().c_str());
+            Count(session_.Note().starts_with('4') ? Metric::kIntakeRefusedForNow
+                                                   : Metric::kIntakeRefused);
             return true;
         case LmtpSession::Event::kClose:
             entry_.reset();
@@ -145,12 +150,14 @@ void LmtpConnection::BeginMessage()
     if (outcome != LmtpOutcome::kStored)
         return Drop(outcome);
     id_ = entry_->Id();
+    message_id_ = {};
     session_.Begin();
 }
 
 void LmtpConnection::Drop(LmtpOutcome outcome)
 {
     entry_.reset();
+    Count(Metric::kIntakeRefusedForNow);
     session_.Refuse(outcome);
 }
 
@@ -162,6 +169,7 @@ void LmtpConnection::EndMessage()
     if (ready_)
         return;
     entry_.reset();
+    Count(Metric::kIntakeRefusedForNow);
     session_.Finish(outcome, 0);
 }
 
@@ -169,10 +177,18 @@ void LmtpConnection::Finish(bool stored)
 {
     entry_.reset();
     ready_ = false;
-    if (stored)
-        Log(3, "Message %08lX from <%s> for %zu recipients, %llu bytes, taken in from %s", id_,
-            session_.Sender().c_str(), session_.Recipients().Size(),
-            static_cast<unsigned long long>(session_.TextBytes()), peer_.c_str());
+    if (stored) {
+        Log(3,
+            "Message %08lX from <%s> for %zu recipients, %llu bytes, taken in from %s, "
+            "Message-ID %s",
+            id_, session_.Sender().c_str(), session_.Recipients().Size(),
+            static_cast<unsigned long long>(session_.TextBytes()), peer_.c_str(),
+            message_id_.Text().c_str());
+        Count(Metric::kIntakeAccepted);
+        Count(Metric::kIntakeRecipients, session_.Recipients().Size());
+    } else {
+        Count(Metric::kIntakeRefusedForNow);
+    }
     session_.Finish(stored ? LmtpOutcome::kStored : LmtpOutcome::kFailed, id_);
     Advance();
 }

@@ -12,6 +12,7 @@
 
 #include "tools/dlsubmit/intake_entry.h"
 #include "tools/dlsubmit/lmtp_session.h"
+#include "tools/dlsubmit/message_id.h"
 
 namespace dl
 {
@@ -62,6 +63,7 @@ class LmtpConnection
     const std::string* channel_;
     LmtpSession session_;
     std::optional<IntakeEntry> entry_;
+    MessageIdFinder message_id_;
     unsigned long id_ = 0;
     bool ready_ = false;
     bool eof_ = false;

@@ -14,9 +14,11 @@
 
 #include "platform/config/config.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "platform/process/process.h"
 #include "platform/process/user.h"
 #include "platform/queue/queue.h"
+#include "tools/dlsubmit/intake_log.h"
 #include "tools/dlsubmit/lmtp_listener.h"
 #include "tools/dlsubmit/lmtp_server.h"
 
@@ -77,16 +79,6 @@ mode_t SocketMode()
     char* end = nullptr;
     const unsigned long mode = std::strtoul(text.c_str(), &end, 8);
     return text.empty() || *end != '\0' || mode > 0777 ? 0660 : static_cast<mode_t>(mode);
-}
-
-// One process writes a file that is rotated: this one's lies beside the service's.
-LogSettings IntakeLog()
-{
-    LogSettings settings = ReadLogSettings();
-    const std::string beside =
-        settings.path.substr(0, settings.path.rfind('/') + 1) + "dlsubmit.log";
-    settings.path = GetPrivateProfileString(kSection, "LogFile", beside, 4096, kMainConfig);
-    return settings;
 }
 
 int Refuse(int code, const std::string& error)
@@ -165,6 +157,10 @@ int RunLmtpIntake(const std::vector<std::string>& listen, const std::string& cha
     RaiseFileLimit();
     // Its cause is in the log.
     const bool opened = MQInit("", kModule);
+    if (opened) {
+        (void)OpenMetrics(QueuePath(), "dlsubmit");  // it has logged; mail goes on without
+        MarkStart();
+    }
     if (opened)
         Serve(channel, std::move(listeners));
     MQEnd();

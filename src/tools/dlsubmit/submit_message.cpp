@@ -2,12 +2,17 @@
 
 #include <sysexits.h>
 
+#include <string_view>
 #include <utility>
 
 #include "platform/address/address.h"
 #include "platform/files/files.h"
+#include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/metrics/metrics.h"
 #include "platform/queue/queue.h"
+#include "tools/dlsubmit/intake_log.h"
+#include "tools/dlsubmit/message_id.h"
 
 namespace dl
 {
@@ -30,7 +35,7 @@ std::string Usable(const std::string& address)
 }
 
 // Copies the message, each line end as CRLF. False when it cannot be read or written whole.
-bool CopyMessage(std::FILE* in, FileWriter* out)
+bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
 {
     std::string block(kBlock, '\0');
     std::string text;
@@ -45,6 +50,7 @@ bool CopyMessage(std::FILE* in, FileWriter* out)
                 text += '\r';
             text += last = block[i];
         }
+        message_id->Read(text);
         if (!out->Write(text))
             return false;
     }
@@ -54,6 +60,7 @@ bool CopyMessage(std::FILE* in, FileWriter* out)
 int TryAgain(const char* what)
 {
     std::fprintf(stderr, "dlsubmit: %s\n", what);
+    Count(Metric::kIntakeRefusedForNow);
     return EX_TEMPFAIL;
 }
 
@@ -61,6 +68,7 @@ int TryAgain(const char* what)
 
 int SubmitMessage(const SubmitJob& job, std::FILE* in)
 {
+    const bool counting = OpenMetrics(QueuePath(), "dlsubmit");
     stEnvelope envelope;
     _envFrom from;
     from.address = IsNullSender(job.sender) ? "<>" : envelope.Text(Usable(job.sender));
@@ -79,20 +87,33 @@ int SubmitMessage(const SubmitJob& job, std::FILE* in)
     if (!usable) {
         std::fprintf(stderr, "dlsubmit: not a usable address: \"%s\"\n",
                      EscapeForLog(unusable.c_str()).c_str());
+        Count(Metric::kIntakeRefused);
         return EX_DATAERR;
     }
     if (!MQInit("", "dlsubmit"))
         return TryAgain("the queue cannot be opened");
+    if (!counting)
+        (void)OpenMetrics(QueuePath(), "dlsubmit");  // a new queue; the message goes in without too
     NewMQEntry entry;
     if (!entry)
         return TryAgain("no queue entry can be made");
+    const unsigned long id = GetMQId(entry.get());
+    MessageIdFinder message_id;
+    std::int64_t bytes = 0;
     {
         FileWriter out(GetMQPathName(entry.get(), ".msg"), "wb");
-        if (!out.IsOpen() || !CopyMessage(in, &out))
+        if (!out.IsOpen() || !CopyMessage(in, &out, &message_id))
             return TryAgain("the message cannot be stored");
+        bytes = out.Written();
     }
     if (Submit(std::move(entry), job.channel, 0, &envelope) != Submission::kDone)
         return TryAgain("the message cannot be put into the queue");
+    Count(Metric::kIntakeAccepted);
+    Count(Metric::kIntakeRecipients, job.recipients.size());
+    NotePipedMessage(FormatText(
+        "Message %08lX from <%s> for %zu recipients, %lld bytes, taken in by pipe, Message-ID %s",
+        id, job.sender.c_str(), job.recipients.size(), static_cast<long long>(bytes),
+        message_id.Text().c_str()));
     return EX_OK;
 }
 

@@ -106,7 +106,7 @@ TEST_F(QueueFault, WhatCannotBeOpenedSaysWhyInOneLine)
              std::filesystem::create_directory(folder + "/index.db");
          }},
         {"a newer index", "index.db: the index was written by a newer version of this program",
-         [&] { Overwrite(folder + "/index.db", 60, std::string("\0\0\0\2", 4)); }},
+         [&] { Overwrite(folder + "/index.db", 60, std::string("\0\0\0\3", 4)); }},
         {"another program's database", "index.db: the file is not the index of a message queue",
          [&] { Overwrite(folder + "/index.db", 68, "abcd"); }},
         {"no index, but messages",

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 
@@ -195,6 +196,17 @@ TEST_F(StoreTest, WhatIsNotThereOrDamagedIsAFailure)
     Write("mbx/spam/msgenv.db", "");
     msgenv empty(session, Path("mbx/spam"));
     EXPECT_EQ(empty.AddMsgEnv({1, 0}, {}), kStoreFailed) << "without its tables";
+}
+
+TEST_F(StoreTest, AFileOfANewerProgramIsRefusedAndLeftAlone)
+{
+    const std::string path = Path("mbx/spam/msgstat.db");
+    ASSERT_EQ(std::system(("sqlite3 '" + path + "' 'PRAGMA user_version=9'").c_str()), 0);
+    const std::string before = ReadFile(path);
+    log.ExpectError(path + " was written by a newer version of this program (format 9");
+    msgstat stats(session, Path("mbx/spam"));
+    EXPECT_EQ(stats.AddMsgStat(4, {}), kStoreFailed);
+    EXPECT_EQ(ReadFile(path), before);
 }
 
 TEST_F(StoreTest, TheLockExcludesOtherProcessesAndEndsWithThem)

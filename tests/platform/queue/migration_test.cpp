@@ -1,0 +1,125 @@
+// An index of an older format, and of a newer one.
+
+#include <cstdlib>
+
+#include "platform/queue/delivery.h"
+#include "tests/platform/queue/queue_fixture.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+class Migration : public QueueFixture
+{
+ protected:
+    void SetUp() override
+    {
+        Write("queue/msg/4190AB01.msg", "first");
+        Write("queue/msg/4190AB02.msg", "second");
+        ASSERT_EQ(Sql("queue/index.db", ".read " + DataPath("queue/format1.sql")), "wal\n");
+    }
+    // What the database's own program answers.
+    [[nodiscard]] std::string Sql(const std::string& file, const std::string& command) const
+    {
+        const std::string out = Path("sql.txt");
+        const int status = std::system(
+            ("sqlite3 '" + Path(file) + "' '" + command + "' >'" + out + "' 2>&1").c_str());
+        return status == 0 ? ReadFile(out) : "failed";
+    }
+    [[nodiscard]] std::string Backup() const { return Path("queue/index.db.format-1"); }
+};
+
+TEST_F(Migration, AnOlderIndexIsCopiedAndBroughtUpToDate)
+{
+    const QueueOverview before = ReadQueueOverview(folder);
+    EXPECT_EQ(before.state, QueueOverview::State::kRead);
+    EXPECT_EQ(before.format, 1);
+    EXPECT_EQ(before.channels.size(), 2U);
+    EXPECT_FALSE(std::filesystem::exists(Backup())) << "looking changes nothing";
+
+    ASSERT_TRUE(MQInitAt(folder));
+    EXPECT_TRUE(log.HasPart("was brought from format 1 to 2, the old one is kept as " + Backup()));
+    EXPECT_EQ(Sql("queue/index.db.format-1", "PRAGMA user_version; SELECT count(*) FROM chan"),
+              "1\n2\n");
+    EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version"), "2\n");
+
+    // What was waiting is handed out, and what the old format could not do can be done.
+    EXPECT_EQ(Drain("dl"), std::vector<std::string>{"first"});
+    const auto channel = DeliveryChannel::Open("dlout");
+    std::vector<DueEntry> due;
+    ASSERT_TRUE(channel && channel->Take(100, 10, &due));
+    ASSERT_EQ(due.size(), 1U);
+    DeliveryStep step;
+    step.id = due[0].id;
+    step.answers = {{0, RecipientState::kDelivered, ""}, {1, RecipientState::kWaiting, "later"}};
+    step.end = DeliveryStep::End::kPutBack;
+    step.due = 500;
+    ASSERT_TRUE(channel->Record({&step, 1}));
+    std::int64_t next = 0;
+    EXPECT_EQ(channel->Waiting(&next), QueueAnswer::kYes);
+    EXPECT_EQ(next, 500);
+
+    log.Clear();
+    ASSERT_TRUE(MQInitAt(folder));
+    EXPECT_FALSE(log.HasPart("format")) << "once is enough";
+}
+
+TEST_F(Migration, WithoutACopyNothingIsChanged)
+{
+    std::filesystem::create_directory(Backup());
+    log.ExpectError("no copy of the index can be written to " + Backup());
+    EXPECT_FALSE(MQInitAt(folder));
+    EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version"), "1\n");
+    std::filesystem::remove(Backup());
+    EXPECT_TRUE(MQInitAt(folder));
+    EXPECT_EQ(Drain("dl"), std::vector<std::string>{"first"});
+}
+
+// A part of a copy that a crash has left is no copy, and the tables of a version between the two
+// are no obstacle.
+TEST_F(Migration, WhatIsThereAlreadyIsNoObstacle)
+{
+    Write("queue/index.db.format-1", "half");
+    ASSERT_EQ(Sql("queue/index.db",
+                  "ALTER TABLE chan ADD COLUMN due INTEGER NOT NULL DEFAULT 0;"
+                  "CREATE TABLE delivery (entry INTEGER PRIMARY KEY, tries INTEGER NOT NULL DEFAULT"
+                  " 0, problem TEXT NOT NULL DEFAULT \"\", states BLOB NOT NULL)"),
+              "");
+    ASSERT_TRUE(MQInitAt(folder));
+    EXPECT_EQ(Drain("dl"), std::vector<std::string>{"first"});
+    EXPECT_EQ(Sql("queue/index.db.format-1", "PRAGMA user_version"), "1\n");
+}
+
+TEST_F(Migration, ANewerIndexIsRefusedAndLeftAlone)
+{
+    ASSERT_EQ(Sql("queue/index.db", "PRAGMA user_version=3"), "");
+    log.ExpectError(
+        "was written by a newer version of this program (format 3, this one knows "
+        "formats up to 2)");
+    EXPECT_FALSE(MQInitAt(folder));
+    EXPECT_EQ(ReadQueueOverview(folder).state, QueueOverview::State::kNewer);
+    EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; SELECT count(*) FROM chan"), "3\n2\n");
+    EXPECT_FALSE(std::filesystem::exists(Backup()));
+    EXPECT_EQ(Files(), 2U);
+}
+
+TEST_F(Migration, TheOverviewCountsByChannel)
+{
+    ASSERT_TRUE(MQInitAt(folder));
+    clock.now += 60;
+    ASSERT_NE(Put("third"), 0U);
+    const auto channel = DeliveryChannel::Open("dlout");
+    std::vector<DueEntry> due;
+    ASSERT_TRUE(channel && channel->Take(100, 10, &due));
+    const QueueOverview seen = ReadQueueOverview(folder);
+    ASSERT_EQ(seen.channels.size(), 2U);
+    EXPECT_EQ(seen.channels[0].channel, "dl");
+    EXPECT_EQ(seen.channels[0].waiting, 2);
+    EXPECT_EQ(seen.channels[0].oldest, 1'100'000'001);
+    EXPECT_EQ(seen.channels[1].taken, 1);
+    EXPECT_EQ(ReadQueueOverview(Path("none")).state, QueueOverview::State::kNoQueue);
+}
+
+}  // namespace
+}  // namespace dl::testing

@@ -1,0 +1,304 @@
+// dlctl check over broken sites: each fault is named with its mend, and --fix mends the safe ones.
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "platform/address/address.h"
+#include "platform/directory/directory.h"
+#include "tests/support/child.h"
+#include "tests/support/fixture.h"
+#include "tests/support/scripted_relay.h"
+#include "tests/support/slapd.h"
+
+namespace dl::testing
+{
+namespace
+{
+
+constexpr char kGarden[] = "garden@lists.example.org";
+
+class Check : public Fixture
+{
+ protected:
+    // Everything in order: one list, a relay that answers.
+    void MakeSite()
+    {
+        for (const char* name : {"conf", "data", "log", "queue", "run", "texts"})
+            std::filesystem::remove_all(Path(name));
+        for (const char* folder : {"queue", "data", "run"})
+            std::filesystem::create_directories(Path(folder));
+        for (const char* folder : {"", "/digest", "/archive"})
+            MakeFolder("data/" + std::string(kGarden) + folder, 0750);
+        (void)chmod(Path("queue").c_str(), 0700);
+        (void)chmod(Path("data").c_str(), 0750);
+        Write("texts/welcome.txt", "Welcome\n");
+        Write("data/garden@lists.example.org/digest/digest.dt", "1100000000");
+        settings = {{"Gateway", "TimeZone = Europe/Berlin\n"},
+                    {"Connection", "GatewayHostName = mail\nGatewayDomain = example.org\n"},
+                    {"Ldap", "File = directory.ldif\n"},
+                    {"DlManager", "DbPath = " + Path("data") + "\n"},
+                    {"Queue", "Path = " + Path("queue") + "\n"},
+                    {"Process", "RunDir = " + Path("run") + "\n"},
+                    {"Relay", "Port = " + std::to_string(relay.Port()) + "\n"},
+                    {"Log", "Target = syslog\n"}};
+        list = {"objectClass: qvlist",
+                "mail: garden@lists.example.org",
+                "mode: 0",
+                "frequency: daily",
+                "DigestDeliverTime: 06:30",
+                "welcometxtpath: " + Path("texts/welcome.txt"),
+                "listmember: Immediate;anna@example.com"};
+        owner =
+            "dn: mail=garden-owner@lists.example.org\nobjectClass: qvlistowner\n"
+            "mail: garden-owner@lists.example.org\nlistowner: boss@example.org\n";
+        more.clear();
+        SaveSite();
+    }
+    void SaveSite()
+    {
+        std::string text;
+        for (const auto& [section, keys] : settings)
+            text.append("[").append(section).append("]\n").append(keys);
+        Configure(text);
+        std::string ldif = "dn: mail=garden@lists.example.org\n";
+        for (const std::string& line : list)
+            ldif += line + "\n";
+        Write("conf/directory.ldif", ldif + "\n" + owner + "\n" + more);
+    }
+    void MakeFolder(const std::string& name, mode_t mode)
+    {
+        std::filesystem::create_directories(Path(name));
+        (void)chmod(Path(name).c_str(), mode);
+    }
+    int Dlctl(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {DL_BINARY "/bin/dlctl", "--conf", Path("conf")});
+        return RunProgram(arguments, &output);
+    }
+
+    ScriptedRelay relay;
+    std::map<std::string, std::string> settings;  // the lines of each section
+    std::vector<std::string> list;                // the lines of its entry
+    std::string owner;
+    std::string more;  // entries
+    std::string output;
+};
+
+TEST_F(Check, EachFaultIsNamedWithItsMend)
+{
+    using Harm = std::function<void()>;
+    const auto set = [this](const char* section, const std::string& lines) -> Harm {
+        return [=, this] { settings[section] += lines; };
+    };
+    const auto replace = [this](const char* section, const std::string& lines) -> Harm {
+        return [=, this] { settings[section] = lines; };
+    };
+    const auto add = [this](const std::string& line) -> Harm {
+        return [=, this] { list.push_back(line); };
+    };
+    const std::string data = "data/" + std::string(kGarden);
+    const struct {
+        const char* name;
+        Harm harm;
+        int status;
+        std::string what;
+        const char* mend;
+        bool fixable = false;
+    } rows[] = {
+        {"unknown section", replace("Qeue", "Path = /x\n"), 1, "there is no section [Qeue]",
+         "correct the section's name"},
+        {"unknown key", set("DlManager", "DbPaht = /x\n"), 1,
+         "section [DlManager] has no key DbPaht", "correct the name"},
+        {"key twice", set("Relay", "Host = 127.0.0.1\nhost = 127.0.0.1\n"), 1,
+         "host of [Relay] stood in line ", "remove one of the two lines"},
+        {"no number", set("Relay", "GiveUpAfter = five\n"), 1, "GiveUpAfter = five is no number",
+         "correct the value"},
+        {"out of range", set("DlManager", "CacheRefreshInterval = 3\n"), 1, "is not between 6 and",
+         "correct the value"},
+        {"not a word of the list", replace("Log", "Target = sylog\n"), 1,
+         "is none of syslog|file|stderr", "correct the value"},
+        {"relative path", set("Log", "File = dl.log\n"), 1, "does not begin with '/'",
+         "correct the value"},
+        {"a line that is nothing", set("Log", "Level: 3\n"), 1, "is no \"key = value\"",
+         "write it as \"key = value\""},
+        {"log file without a name", replace("Log", "Target = file\n"), 2,
+         "the log's target is a file, and no file is named", "set File in section Log"},
+        {"time zone", replace("Gateway", "TimeZone = Europe/Berlni\n"), 2,
+         "the time zone Europe/Berlni is not known", "correct TimeZone"},
+        {"no host name", replace("Connection", ""), 1, "this mail host has no name",
+         "set GatewayHostName"},
+        {"everybody reads the password", set("Ldap", "Password = secret\n"), 1,
+         "which holds a password", "chmod o-rwx", true},
+        {"no data folder configured", replace("DlManager", ""), 2, "no data folder is configured",
+         "set DbPath"},
+        {"data folder missing", [&] { std::filesystem::remove_all(Path("data")); }, 2,
+         "the data folder " + Path("data") + " is missing", "dlctl check --fix", true},
+        {"data folder open", [&] { MakeFolder("data", 0777); }, 1,
+         "has mode 0777, others can look into it", "chmod 0750", true},
+        {"queue folder open", [&] { MakeFolder("queue", 0755); }, 1, "has mode 0755", "chmod 0700",
+         true},
+        {"a file for the queue folder",
+         [&] {
+             std::filesystem::remove_all(Path("queue"));
+             Write("queue", "x");
+         },
+         2, "is no folder", "move the file away"},
+        {"queue damaged", [&] { Write("queue/index.db", std::string(8192, '?')); }, 2,
+         "the index is damaged", "bring index.db back from the backup"},
+        {"queue of a newer program",
+         [&] {
+             std::system(("sqlite3 '" + Path("queue/index.db") +
+                          "' 'CREATE TABLE a (b); PRAGMA user_version=9'")
+                             .c_str());
+         },
+         2, "was written by a newer version", "install the newer version again"},
+        {"messages without index", [&] { Write("queue/msg/00000001.msg", "x"); }, 2,
+         "has message files and no index", "put index.db back"},
+        {"log folder missing", replace("Log", "Target = file\nFile = " + Path("log/dl.log") + "\n"),
+         2, "the log's folder " + Path("log") + " is missing", "dlctl check --fix", true},
+        {"run folder missing", [&] { std::filesystem::remove_all(Path("run")); }, 1,
+         "the run folder", "dlctl check --fix", true},
+        {"relay away", replace("Relay", "Port = " + std::to_string(FreePort()) + "\n"), 2,
+         "cannot be used: Connection refused", "correct Host and Port"},
+        {"directory file missing", replace("Ldap", "File = none.ldif\n"), 2,
+         "the directory cannot be reached: ", "correct File in section Ldap"},
+        {"directory file broken", [&] { more = "nonsense\n"; }, 2, "directory.ldif",
+         "write a sound LDIF file"},
+        {"directory server away",
+         replace("Ldap", "HostName = 127.0.0.1\nPort = " + std::to_string(FreePort()) + "\n"), 2,
+         "Can't contact LDAP server", "start the LDAP server"},
+        {"no list", [&] { list[0] = "objectClass: other"; }, 1, "there is no list",
+         "dlctl list create"},
+        {"list without an address", [&] { list.erase(list.begin() + 1); }, 2,
+         "has no mail attribute", "add mail with the list's address"},
+        {"list that is no folder name", [&] { list[1] = "mail: gar/den@lists.example.org"; }, 2,
+         "cannot be the name of a folder", "give it an address without '/'"},
+        {"list twice",
+         [&] { more = "dn: cn=again\nobjectClass: qvlist\nmail: Garden@lists.example.org\n"; }, 2,
+         "several entries are the list Garden@lists.example.org", "remove the others: cn=again"},
+        {"no owner alias", [&] { owner.clear(); }, 1,
+         "has no owner alias garden-owner@lists.example.org", "add an entry of class qvlistowner"},
+        {"alias without owner", [&] { owner.erase(owner.find("listowner:")); }, 2, "names no owner",
+         "add the attribute listowner"},
+        {"owner is no address",
+         [&] { owner.replace(owner.find("listowner:"), 17, "listowner: nobody"); }, 1,
+         "is no mail address", "correct listowner"},
+        {"unknown frequency", [&] { list[3] = "frequency: hourly"; }, 1,
+         "frequency of the list garden@lists.example.org is \"hourly\"",
+         "write daily, weekly or monthly"},
+        {"digest time", [&] { list[4] = "DigestDeliverTime: 25:00"; }, 1,
+         "DigestDeliverTime of the list", "write hour:minute"},
+        {"text file missing", [&] { std::filesystem::remove(Path("texts/welcome.txt")); }, 1,
+         "welcometxtpath of the list garden@lists.example.org cannot be read", "write the file"},
+        {"text file by a relative path", add("disclaimertxtpath: texts/d.txt"), 1,
+         "disclaimertxtpath of the list garden@lists.example.org does not begin with '/'",
+         "write the whole path"},
+        {"member without a mode", add("listmember: bert@example.com"), 1,
+         "1 member value(s) of the list", "write listmember as Immediate;ADDRESS"},
+        {"member twice", add("listmember: Digest;Anna@example.com"), 1, "stand in it twice",
+         "dlctl member remove"},
+        {"digest folder missing", [&] { std::filesystem::remove_all(Path(data + "/digest")); }, 2,
+         "/digest is missing", "dlctl check --fix", true},
+        {"archive open", [&] { MakeFolder(data + "/archive", 0777); }, 1, "/archive has mode 0777",
+         "chmod 0755", true},
+        {"digest file without a moment", [&] { Write(data + "/digest/digest.dt", "soon"); }, 1,
+         "holds no moment", "remove the file"},
+    };
+    int mended = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        MakeSite();
+        ASSERT_EQ(Dlctl({"check"}), 0) << output;
+        ASSERT_EQ(output, "OK: 1 list(s), 0 critical, 0 warning(s), 0 unknown, 0 mended\n");
+        row.harm();
+        SaveSite();
+        EXPECT_EQ(Dlctl({"check"}), row.status) << output;
+        const std::size_t found = output.find(row.what);
+        ASSERT_NE(found, std::string::npos) << output;
+        const std::string line = output.substr(found, output.find('\n', found) - found);
+        EXPECT_NE(line.find(std::string("; mend: ")), std::string::npos) << line;
+        EXPECT_NE(line.find(row.mend), std::string::npos) << line;
+        EXPECT_TRUE(output.starts_with(row.status == 2 ? "CRITICAL: " : "WARNING: ")) << output;
+        if (!row.fixable)
+            continue;
+        ++mended;
+        EXPECT_EQ(Dlctl({"check", "--fix"}), 0) << output;
+        EXPECT_NE(output.find("MENDED: "), std::string::npos) << output;
+        EXPECT_EQ(Dlctl({"check"}), 0) << output;
+    }
+    EXPECT_GE(mended, 8);
+}
+
+TEST_F(Check, JsonHasTheSameFindings)
+{
+    MakeSite();
+    EXPECT_EQ(Dlctl({"check", "--min-free", "99999999", "--json"}), 2);
+    const auto seen = nlohmann::json::parse(output);
+    EXPECT_EQ(seen.at("status"), "critical");
+    ASSERT_EQ(seen.at("findings").size(), 2U);
+    const auto& first = seen.at("findings")[0];
+    EXPECT_EQ(first.at("severity"), "critical");
+    EXPECT_NE(first.at("finding").get<std::string>().find("MB free"), std::string::npos);
+    EXPECT_EQ(first.at("mend"), "make room, or move the folder to a larger disk");
+    EXPECT_EQ(first.at("fixed"), false);
+}
+
+TEST_F(Check, WithoutAConfigurationNothingElseIsLookedAt)
+{
+    EXPECT_EQ(Dlctl({"check"}), 2);
+    EXPECT_NE(output.find("conf/qvms.conf is missing; mend: write it"), std::string::npos);
+}
+
+TEST_F(Check, FaultsOfAServerAreToldApart)
+{
+    DL_NEED_SLAPD();
+    std::string lists =
+        "dn: dc=lists,dc=example,dc=org\nobjectClass: dcObject\n"
+        "objectClass: organization\ndc: lists\no: Lists\n\n";
+    for (int i = 0; i < 600; ++i) {
+        const std::string mail = "l" + std::to_string(i) + "@lists.example.org";
+        lists += "dn: mail=" + mail +
+                 ",dc=lists,dc=example,dc=org\nobjectClass: qvlist\nmail: " + mail + "\n\n";
+    }
+    Slapd server(Path("slapd"), lists);
+    ASSERT_TRUE(server.Up()) << server.Reason();
+    const std::string host = "HostName = 127.0.0.1\nPort = " + std::to_string(server.Port()) + "\n";
+    const std::string name = std::string("Username = ") + Slapd::kServiceDn + "\n";
+    const std::string password = std::string("Password = ") + Slapd::kServicePassword + "\n";
+    const std::string keys = "[DlManager]\nDbPath = " + Path("data") +
+                             "\n[Queue]\nPath = " + Path("queue") + "\n[Ldap]\n" + host;
+    const struct {
+        const char* what;
+        std::string ldap;
+        const char* finding;
+        const char* mend;
+    } rows[] = {
+        {"wrong password", name + "Password = wrong\n", "the directory refuses the service's name",
+         "correct Username and Password"},
+        {"size limit", "", "size limit exceeded", "lift the size limit"},
+        {"wrong base", name + password + "BaseDN = dc=elsewhere\n", "cannot be read",
+         "correct BaseDN"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        Configure(keys + row.ldap);
+        EXPECT_EQ(Dlctl({"check", "--no-relay"}), 2);
+        EXPECT_NE(LowerCase(output).find(LowerCase(row.finding)), std::string::npos) << output;
+        EXPECT_NE(output.find(row.mend), std::string::npos) << output;
+    }
+    Configure(keys + name + password);
+    (void)Dlctl({"check", "--no-relay"});
+    EXPECT_TRUE(output.starts_with("CRITICAL: 600 list(s)")) << output.substr(0, 300);
+    EXPECT_EQ(output.find("schema"), std::string::npos);
+    ldapClient client;
+    std::vector<std::string> unknown;
+    ASSERT_EQ(client.ldapClientConnect("127.0.0.1", server.Port()), 0);
+    EXPECT_TRUE(client.FindUnknownAttributes({"listmember", "x-nonsense", "MAIL"}, &unknown));
+    EXPECT_EQ(unknown, std::vector<std::string>{"x-nonsense"});
+}
+
+}  // namespace
+}  // namespace dl::testing
