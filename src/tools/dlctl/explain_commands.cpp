@@ -357,10 +357,11 @@ bool Inquiry::TellRelay(const LogRecord& record, const std::string& id)
             continue;
         Tally& tally = tallies_[kind.words];
         const std::string address = Between(record.text, " to <", ">");
-        const std::size_t at = record.text.find(">", record.text.find(" to <"));
+        const std::size_t at = record.text.find('>', record.text.find(" to <"));
         const std::string answer(at == std::string_view::npos ? "" : record.text.substr(at + 1));
         if (kind.each && tally.count < kMostNamed) {
-            Tell(record.time, id, std::string(kind.words) + " <" + address + ">" + answer);
+            Tell(record.time, id,
+                 FormatText("%s <%s>%s", kind.words, address.c_str(), answer.c_str()));
             ++tally.count;
             return true;
         }

@@ -77,9 +77,9 @@ std::string SpanText(std::int64_t seconds)
 {
     if (seconds < 120)
         return std::to_string(seconds) + " s";
-    if (seconds < 2 * 3600)
+    if (seconds < 7'200)
         return std::to_string(seconds / 60) + " min";
-    if (seconds < 2 * 86400)
+    if (seconds < 172'800)
         return std::to_string(seconds / 3600) + " h";
     return std::to_string(seconds / 86400) + " days";
 }

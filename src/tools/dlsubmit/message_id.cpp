@@ -8,7 +8,7 @@ namespace
 {
 
 constexpr std::string_view kName = "Message-ID:";
-constexpr std::size_t kMostRead = 256 * 1024;
+constexpr std::size_t kMostRead = 262'144;
 constexpr std::size_t kMostLine = 1000;
 constexpr std::size_t kMostKept = 250;
 
