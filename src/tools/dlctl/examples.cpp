@@ -49,6 +49,8 @@ constexpr std::pair<const char*, const char*> kExamples[] = {
     {"archive remove", "  dlctl archive remove garden@lists.example.org 6B0175F2"},
     {"archive describe",
      "  dlctl archive describe garden@lists.example.org --title 'The garden list'"},
+    {"directory", "  dlctl directory wait"},
+    {"directory wait", "  dlctl directory wait --seconds 300"},
     {"store", "  dlctl store init"},
     {"store init", "  dlctl store init"},
     {"spam", "  dlctl spam explain message.eml garden@lists.example.org"},
