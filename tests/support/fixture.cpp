@@ -156,6 +156,31 @@ std::string DataPath(const std::string& name)
     return std::string(DL_TEST_DATA) + "/" + name;
 }
 
+std::vector<DataBlock> ReadBlocks(const std::string& file)
+{
+    std::vector<DataBlock> blocks;
+    std::istringstream in(ReadFile(DataPath(file)));
+    bool wants = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("== ")) {
+            blocks.push_back({line.substr(3), "", ""});
+            wants = false;
+        } else if (line == "->") {
+            wants = true;
+        } else if (!blocks.empty()) {
+            std::string& text = wants ? blocks.back().want : blocks.back().in;
+            for (std::size_t at = 0; (at = line.find("\\0", at)) != std::string::npos; ++at)
+                line.replace(at, 2, 1, '\0');
+            if (line.ends_with('\\'))
+                text.append(line, 0, line.size() - 1);
+            else
+                text += line + "\n";
+        }
+    }
+    EXPECT_FALSE(blocks.empty()) << file;
+    return blocks;
+}
+
 int FreePort()
 {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
