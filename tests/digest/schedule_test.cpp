@@ -50,8 +50,7 @@ TEST_F(Schedule, SendsWhatIsDueAndMovesOn)
     constexpr char kMonday[] = "DigestDeliverTime: 8:00\nfrequency: weekly\nwhichday: 1\n";
     constexpr char kLast[] = "DigestDeliverTime: 8:00\nfrequency: monthly\nwhichday: 31\n";
     const struct {
-        const char* name;
-        const char* list;
+        const char *name, *list;
         std::time_t now;
         std::string stored;
         bool sent;
