@@ -9,6 +9,7 @@
 #include "platform/files/files.h"
 #include "platform/mime/mime.h"
 #include "platform/queue/queue.h"
+#include "tests/support/failing_files.h"
 #include "tests/support/fixture.h"
 
 namespace dl
@@ -131,23 +132,10 @@ TEST_F(Disclaimer, KeepsTheModeAndTheOldFileAfterAFailedWrite)
     ASSERT_EQ(stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640U);
 
-    struct FullDisk : FileBackend {
-        std::FILE* Open(const char* path, const char* mode) override
-        {
-            return PosixFiles().Open(path, mode);
-        }
-        bool Write(std::FILE*, const void*, std::size_t) override { return false; }
-        bool Close(std::FILE* open) override { return PosixFiles().Close(open); }
-        bool Remove(const char* path) override { return PosixFiles().Remove(path); }
-        bool Rename(const char* from, const char* to) override
-        {
-            return PosixFiles().Rename(from, to);
-        }
-    } full;
+    testing::FailingFiles disk;
+    disk.FailNth(testing::FileCall::kWrite, 1);
     log.ExpectError("Cannot write the disclaimers");
-    FileBackend* before = SetFileBackend(&full);
     EXPECT_EQ(Insert(message), message);
-    SetFileBackend(before);
     EXPECT_FALSE(inserted_);
 }
 
@@ -208,10 +196,9 @@ TEST_F(Disclaimer, QuotedPrintableEndings)
     const std::string header =
         "MIME-Version: 1.0\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n";
     const std::string text = Write("d.txt", "d\n");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.body);
-        EXPECT_EQ(Insert(header + row.body, text), header + row.body + row.want + "d\r\n");
-    }
+    for (const auto& row : rows)
+        EXPECT_EQ(Insert(header + row.body, text), header + row.body + row.want + "d\r\n")
+            << row.body;
 }
 
 }  // namespace
