@@ -181,6 +181,23 @@ std::vector<DataBlock> ReadBlocks(const std::string& file)
     return blocks;
 }
 
+std::vector<std::vector<std::string>> ReadTable(const std::string& file)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(ReadFile(DataPath(file)));
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with('#'))
+            continue;
+        std::vector<std::string>& fields = rows.emplace_back();
+        for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
+            end = line.find(" | ", at);
+            fields.push_back(line.substr(at, end - at));
+        }
+    }
+    EXPECT_FALSE(rows.empty()) << file;
+    return rows;
+}
+
 int FreePort()
 {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);

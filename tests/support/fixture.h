@@ -104,6 +104,8 @@ struct DataBlock {
     std::string want;
 };
 [[nodiscard]] std::vector<DataBlock> ReadBlocks(const std::string& file);
+// The lines of a file in tests/data, cut at each " | "; those that begin with "#" are left out.
+[[nodiscard]] std::vector<std::vector<std::string>> ReadTable(const std::string& file);
 // A port of 127.0.0.1 that was free a moment ago.
 [[nodiscard]] int FreePort();
 // "\n" becomes "\r\n".
