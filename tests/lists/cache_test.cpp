@@ -153,5 +153,12 @@ TEST_F(Cache, TextsOutliveListsThatAreAdded)
     EXPECT_STREQ(member, "m@example.com");
 }
 
+TEST(CaseOfTexts, InPlace)
+{
+    char text[] = "aZ09-[@`{\xC4\xE4";
+    EXPECT_STREQ(_strlwr(text), "az09-[@`{\xC4\xE4");
+    EXPECT_STREQ(_strupr(text), "AZ09-[@`{\xC4\xE4");
+}
+
 }  // namespace
 }  // namespace dl::testing

@@ -143,6 +143,12 @@ TEST_F(Cursors, HasMemberReadsTheListOfTheCursor)
     EXPECT_FALSE(cache.HasMember("b@x.org", "Digest")) << "reads c@x.org";
 }
 
+TEST_F(Cursors, OfNoListsGiveNull)
+{
+    EXPECT_EQ(OrNull(dllist().GetFirstList()), "null");
+    EXPECT_EQ(OrNull(dllist().GetNextList()), "null");
+}
+
 TEST_F(Cursors, SurviveARefresh)
 {
     EXPECT_STREQ(cache.GetFirstList(), "a@x.org");
