@@ -100,4 +100,16 @@ TEST_F(ListAddressTest, MembersAndModeComeFromTheCache)
     EXPECT_TRUE(ListCache().CacheEmpty()) << "none of them loads it";
 }
 
+TEST(AddressPredicates, LookAtTheTextAlone)
+{
+    std::string address = "Any-REQUESTS@X";
+    EXPECT_TRUE(IsRequestAddress(&address));
+    EXPECT_EQ(address, "any-requests@x");
+    std::string other = "a-reques@x.org";
+    EXPECT_FALSE(IsRequestAddress(&other));
+    EXPECT_TRUE(IsOwnerAddress("A-b-OWNER@x.org"));
+    for (const char* no : {"a-owners@x.org", "owner@x.org", "a@b-owner", "a-owner"})
+        EXPECT_FALSE(IsOwnerAddress(no)) << no;
+}
+
 }  // namespace dl::testing
