@@ -65,34 +65,22 @@ class Confirmation : public Site
 TEST_F(Confirmation, ReplyThatFitsItsFile)
 {
     struct Row {
-        const char* name;
-        std::string line, want;
-        std::string header = kSubject;
-        std::string sender = kPaul;
-        std::string body = "OK\n";
+        std::string line, header = kSubject, sender = kPaul;
     };
     const Row rows[] = {
-        {"immediate", kLine, "subscribe"},
-        {"digest", "subscribe digest garden@lists.example.org paul@example.org\r\n",
-         "subscribe digest"},
-        {"unsubscription", "unsubscribe garden@lists.example.org paul@example.org\r\n",
-         "unsubscribe", Subject("unsubscription")},
-        {"any letter case", "SUBSCRIBE Garden@Lists.example.org Paul@example.ORG\r\n", "subscribe",
+        {kLine},
+        {"SUBSCRIBE Garden@Lists.example.org Paul@example.ORG\r\n",
          "SUBJECT: RE: SUBSCRIPTION CONFIRMATION REQUEST (0000ABCD)\n", "PAUL@example.org"},
-        {"OK on a later line", kLine, "subscribe", kSubject, kPaul, "Hello,\n\n  ok\n"},
-
-        {"a subject that was folded later on", kLine, "subscribe",
-         "Subject: Re: subscription confirmation request (0000ABCD)\n [list]\nFrom: x\n"},
-        {"other headers before", kLine, "subscribe",
-         "X-Subject: no\nFrom: x\n" + Subject("subscription")},
+        // A subject that was folded later on.
+        {kLine, "Subject: Re: subscription confirmation request (0000ABCD)\n [list]\nFrom: x\n"},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.header);
         WritePending("0000ABCD", row.line);
         WritePending("0000ABCE", "another's");
-        EXPECT_EQ(Reply(row.header, row.sender, row.body), row.want);
+        EXPECT_EQ(Reply(row.header, row.sender), "subscribe");
         EXPECT_EQ(Pending(), std::vector<std::string>{"0000ABCE.cnf: another's"});
-        EXPECT_EQ(Reply(row.header, row.sender, row.body), "no") << "once is enough";
+        EXPECT_EQ(Reply(row.header, row.sender), "no") << "once is enough";
     }
     EXPECT_EQ(TempFiles(), 0);
 }
@@ -141,12 +129,10 @@ TEST_F(Confirmation, NothingHappensToAnotherFile)
     };
     const std::vector<std::string> members = Members(kGarden);
     const auto expect_untouched = [&](const auto& reply) {
-        struct stat before {
-        };
+        struct stat before = {};
         const int there = lstat(File().c_str(), &before);
         EXPECT_EQ(reply(), "no");
-        struct stat after {
-        };
+        struct stat after = {};
         EXPECT_EQ(lstat(File().c_str(), &after), there);
         EXPECT_EQ(after.st_ino, before.st_ino);
         EXPECT_EQ(after.st_size, before.st_size);
@@ -255,8 +241,7 @@ TEST_F(Confirmation, ExpiresAfterTheConfiguredDays)
             Write(std::string("data/garden@lists.example.org/") + name, kLine);
         std::filesystem::create_symlink("/etc/hostname",
                                         Path("data/board@lists.example.org/1.cnf"));
-        struct stat status {
-        };
+        struct stat status = {};
         ASSERT_EQ(lstat(Path("data/board@lists.example.org/1.cnf").c_str(), &status), 0);
         log.Clear();
         // The files may be a second older than the link.

@@ -4,8 +4,6 @@
 // are not what their senders had in mind: a command is looked for in the first line only, and a
 // confirmation in one line of the Subject.
 
-#include <sstream>
-
 #include "requests/incoming.h"
 #include "tests/support/site.h"
 
@@ -21,17 +19,9 @@ struct Row {
 std::vector<Row> Rows()
 {
     std::vector<Row> rows;
-    std::istringstream in(ReadFile(DataPath("requests.txt")));
-    for (std::string line; std::getline(in, line);) {
-        std::vector<std::string> fields;
-        for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 2) {
-            end = line.find(" |", at);
-            fields.push_back(line.substr(at, end - at));
-            fields.back().erase(0, fields.back().find_first_not_of(' '));
-        }
-        if (line[0] != '#')
-            rows.push_back({fields.at(0), fields.at(1), fields.at(2), fields.at(3), fields.at(4)});
-    }
+    for (const auto& fields : ReadTable("requests.txt"))
+        rows.push_back({fields.at(0), fields.at(1), fields.at(2) == "-" ? "" : fields.at(2),
+                        fields.at(3), fields.at(4)});
     return rows;
 }
 
