@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "tests/contract/directory_contract.h"
-#include "tests/support/failing_directory.h"
 
 namespace dl::testing
 {
@@ -73,6 +72,7 @@ TEST_P(DirectoryContract, FiltersFindTheSameEntries)
         {"the owner", "(&(objectclass=qvlistowner)(mail=staff-owner@example.org))",
          "staff-owner@example.org"},
 
+        {"presence", "(listowner=*)", "staff-owner@example.org"},
         {"or, not", "(&(objectClass=qvlist)(!(|(cn=two words)(mail=far@other.net))))",
          "staff@example.org"},
         {"blanks count once", "(cn=  two   words )", "news@example.org press@example.org"},
@@ -317,27 +317,6 @@ TEST_P(DirectoryContract, ALostDirectoryIsAFailureAndComesBack)
     EXPECT_EQ(Members().size(), 3U);
     ASSERT_TRUE(Open(&client));
     EXPECT_FALSE(client.ldapClientSearch(nullptr, 2, false, "objectclass=qvlist").Empty());
-}
-
-TEST_P(DirectoryContract, ChosenCallsFail)
-{
-    Begin(kEntries);
-    FailingDirectory failing;
-    ldapClient client;
-    failing.Fail(DirectoryCall::kBind, 2);
-    EXPECT_TRUE(Open(&client));
-    EXPECT_FALSE(Open(&client));
-    EXPECT_TRUE(Open(&client));
-    failing.Fail(DirectoryCall::kSearch, 1, 2);
-    EXPECT_TRUE(Search("objectclass=qvlist").failed);
-    EXPECT_TRUE(Search("objectclass=qvlist").failed);
-    EXPECT_FALSE(Search("objectclass=qvlist").failed);
-    failing.Fail(DirectoryCall::kModify, 1, 1, ModifyResult::kRefused);
-    EXPECT_EQ(Modify(kStaff, {Add("Digest;x@example.org")}), ModifyResult::kRefused);
-    EXPECT_EQ(Members().size(), 3U);
-    failing.Fail(DirectoryCall::kConnect);
-    EXPECT_FALSE(Open(&client));
-    EXPECT_EQ(failing.Calls(DirectoryCall::kModify), 1);
 }
 
 }  // namespace
