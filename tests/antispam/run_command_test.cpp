@@ -98,10 +98,8 @@ TEST_F(RunCommandTest, SignalsOfTheCallerStayAsTheyWere)
 {
     const std::string setting = "|" + Script("exit 7");
     const std::string big(1'000'000, 'x');
-    struct sigaction ends_us {
-    };
-    struct sigaction before {
-    };
+    struct sigaction ends_us = {};
+    struct sigaction before = {};
     ends_us.sa_handler = SIG_DFL;
     ASSERT_EQ(sigaction(SIGPIPE, &ends_us, &before), 0);
     EXPECT_EQ(Run(setting, big), 7) << "and the default action did not end us";
