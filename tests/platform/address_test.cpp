@@ -1,5 +1,7 @@
 #include "platform/address/address.h"
 
+#include <sstream>
+
 #include "tests/support/fixture.h"
 
 namespace dl::testing
@@ -54,79 +56,12 @@ TEST_F(Address, TakesMailboxes)
 
 TEST_F(Address, RefusesEverythingElse)
 {
-    std::vector<std::string> rows = {"",
-                                     "<>",
-                                     "@",
-                                     "a",
-                                     "a@",
-                                     "@x",
-                                     "a@b@c",
-                                     "a@@b",
-                                     "a b@x",
-                                     " a@x",
-                                     "a@x ",
-                                     "a\t@x",
-                                     "a@x y",
-                                     "a@x\r\n",
-                                     "a@x\r\nBcc: b@x",
-                                     "a\nb@x",
-                                     "\"a\nb\"@x",
-                                     "\"a\\\nb\"@x",
-                                     "a@x,b@x",
-                                     "a@x;b@x",
-                                     "Jo <a@x>",
-                                     "<a@x",
-                                     "a@x>",
-                                     "<<a@x>>",
-                                     "<a<b@x>",
-                                     "a>b@x",
-                                     "<@r:a@x>",
-                                     "a(c)@x",
-                                     "a@x(c)",
-                                     ".a@x",
-                                     "a.@x",
-                                     "a..b@x",
-                                     "..@x",
-                                     ".@x",
-                                     "../x@y",
-                                     "a@x.",
-                                     "a@.x",
-                                     "a@x..y",
-                                     "a@-x",
-                                     "a@x-",
-                                     "a@x-.y",
-                                     "a@x/y",
-                                     "a@[",
-                                     "a@[]",
-                                     "a@[1.2.3]",
-                                     "a@[1.2.3.256]",
-                                     "a@[IPv6:]",
-                                     "a@[IPv6:zz::]",
-                                     "a@[1.2.3.4",
-                                     "a@[1.2.3.4]x",
-                                     "a@[:x]",
-                                     "a@[t:]",
-                                     "a@[t:[x]",
-                                     "a@[t-:x]",
-                                     "\"a@x",
-                                     "\"a\"b@x",
-                                     "a\"b\"@x",
-                                     "\"a\"",
-                                     "\"a\\\"@x",
-                                     "\"\\\xC3\xBC\"@x",
-                                     "a\x7F@x",
-                                     "\x01@x",
-                                     "a@x\x1F",
-                                     "a\xFC@x",
-                                     "a@\xC3",
-                                     "a\xC0\x80@x",
-                                     "a\xED\xA0\x80@x",
-                                     "a\xE0\x80\xAF@x",
-                                     "a\xF4\x90\x80\x80@x",
-                                     "a\xC2\x85@x",
-                                     "a\xC3(@x",
-                                     "a\\b@x",
-                                     "a:b@x"};
+    std::vector<std::string> rows = {"",       "a@x\r\n",    "a@x\r\nBcc: b@x",
+                                     "a\nb@x", "\"a\nb\"@x", "\"a\\\nb\"@x"};
+    std::istringstream lines(ReadFile(DataPath("refused_addresses.txt")));
+    for (std::string line; std::getline(lines, line);)
+        rows.push_back(line);
+    ASSERT_GT(rows.size(), 60U);
     rows.insert(rows.end(),
                 {std::string(999, 'a') + "@x", "a@" + std::string(100'000, 'x'),
                  std::string("a\0@x", 4), std::string("a@x\0", 4), std::string("a@x\0.y", 6)});

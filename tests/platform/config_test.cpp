@@ -40,42 +40,12 @@ class Config : public Fixture
     std::vector<std::string> reports;
 };
 
+// Files lie in tests/data/config.txt, each with what "Mail"/"Host" is.
 TEST_F(Config, ReadsWhatALineSays)
 {
-    const std::string nul(1, '\0');
-    const struct {
-        const char* name;
-        std::string text;
-        const char* want;  // of "Mail"/"Host"
-    } rows[] = {
-
-        {"names without regard to case, blanks cut", "  [ mAIL ]  \n\t hOST \t=\t a b \t\n", "a b"},
-        {"byte order mark", "\xEF\xBB\xBF[Mail]\nHost = a\n", "a"},
-
-        {"no last line end", "[Mail]\nHost = a", "a"},
-        {"the last of two", "[Mail]\nHost = a\nHost = b\n", "b"},
-        {"the last of two sections", "[Mail]\nHost = a\n[X]\nHost = c\n[MAIL]\nhost = b\n", "b"},
-
-        {"a value may hold anything", "[Mail]\nHost = a=b;c#d [e] \"f\"\n", "a=b;c#d [e] \"f\""},
-        {"comments", "[Mail]\n#Host = a\n;Host = b\n  # Host = c\n", "fallback"},
-        {"commented section", "[Mail]\nHost = a\n#[X]\nHost = b\n", "b"},
-        {"other section", "[Mail2]\nHost = a\n[X Mail]\nHost = b\n", "fallback"},
-        {"other key", "[Mail]\nHostName = a\nHos = b\n", "fallback"},
-        {"no section", "Host = a\n", "fallback"},
-        {"no equals sign", "[Mail]\nHost\nHost a\n", "fallback"},
-
-        {"empty", "", "fallback"},
-
-        {"text behind a section", "[Mail] # the host\nHost = a\n", "a"},
-        {"a broken section takes nothing from the one before", "[Mail]\nHost = a\n[B\nHost = b\n",
-         "a"},
-
-        {"NUL in the value", "[Mail]\nHost = a" + nul + "b\n", "fallback"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Configure(row.text);
-        EXPECT_EQ(Get("Mail", "Host"), row.want);
+    for (const DataBlock& row : ReadBlocks("config.txt")) {
+        Configure(row.in);
+        EXPECT_EQ(Get("Mail", "Host") + "\n", row.want) << row.name;
     }
 }
 

@@ -97,29 +97,10 @@ TEST(SafeName, IsPlainAndInert)
 
 TEST(Subject, Base)
 {
-    struct Row {
-        const char *subject, *base;
-        bool reply;
-    };
-    const Row rows[] = {
-        {"Apples", "apples", false},
-        {"Re: Apples", "apples", true},
-        {"RE : re:Fwd: Apples", "apples", true},
-        {"[list] Re: [list] Apples", "apples", true},
-        {"Re[12]: Apples", "apples", true},
-        {"Fwd: Apples", "apples", false},
-        {"AW: Antw: Äpfel", "Äpfel", true},
-        {"回复： 苹果", "苹果", true},
-        {"Reply: Apples", "reply: apples", false},
-        {"[Apples]", "[apples]", false},
-        {"Re:", "", true},
-        {"", "", false},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.subject);
-        bool reply = !row.reply;
-        EXPECT_EQ(BaseSubject(row.subject, &reply), row.base);
-        EXPECT_EQ(reply, row.reply);
+    for (const auto& row : testing::ReadTable("subjects.txt")) {
+        bool reply = row.at(2) == "no";
+        EXPECT_EQ(BaseSubject(row.at(0), &reply), row.at(1)) << row.at(0);
+        EXPECT_EQ(reply, row.at(2) == "yes") << row.at(0);
     }
 }
 

@@ -155,6 +155,16 @@ TEST_F(Mime, SaysWhenThereIsNoMessage)
     MimeFreeFile(&none);
 }
 
+TEST_F(Mime, LibraryMayBeStartedAgain)
+{
+    for (int i = 0; i < 2; ++i) {
+        InitKVTDll("DL Manager");
+        EXPECT_EQ(Body(Parse("Subject: x\n\nbody")), "body");
+        message_.reset();
+        TerminateKVTDll();
+    }
+}
+
 TEST_F(Mime, WritesDatesAsRfc5322)
 {
     constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();

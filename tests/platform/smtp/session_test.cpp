@@ -42,6 +42,11 @@ class SessionTest : public dl::testing::Fixture
         relay.data_timeout = std::chrono::milliseconds(3000);
         return relay;
     }
+    static void Connect(Session* session, const Relay& relay)
+    {
+        std::string problem;
+        ASSERT_TRUE(session->Open(relay, &problem)) << problem;
+    }
     static std::vector<std::string> Addresses(int count)
     {
         std::vector<std::string> addresses;
@@ -75,8 +80,7 @@ TEST_F(SessionTest, HandsSeveralMessagesOverOnOneConnection)
 {
     ScriptedRelay relay;
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const std::string long_line(998, 'l');
     const std::string text = "Subject: \xC3\xBC\r\n\r\n.\r\n..\r\n" + long_line + "\r\nend\r\n";
     Open(text);
@@ -158,8 +162,7 @@ TEST_F(SessionTest, GivesEachRecipientWhatTheRelaySaid)
                 },
                 options);
             Session session;
-            std::string problem;
-            ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+            Connect(&session, At(relay));
             const TransactionResult result = Send(session, Addresses(5));
             EXPECT_EQ(Outcomes(result), row.want);
             EXPECT_EQ(result.recipients[0].Line(), row.line);
@@ -191,11 +194,11 @@ TEST_F(SessionTest, EndsAnEmptyMessageThatNobodyIsToGet)
             },
             options);
         Session session;
-        std::string problem;
-        ASSERT_TRUE(session.Open(At(relay, lmtp), &problem)) << problem;
+        Connect(&session, At(relay, lmtp));
         EXPECT_EQ(Outcomes(Send(session, Addresses(3))), "RRR");
         if (lmtp) {  // it has no reply for nobody, so the connection is not used again
-            ASSERT_TRUE(!session.IsOpen() && session.Open(At(relay, lmtp), &problem));
+            EXPECT_FALSE(session.IsOpen());
+            Connect(&session, At(relay, lmtp));
         }
         EXPECT_EQ(Outcomes(Send(session, {"next@example.org"})), "A");
         for (const RelayedMessage& got : relay.Messages())
@@ -212,8 +215,7 @@ TEST_F(SessionTest, SendsNothingToARelayThatHasLostItsWay)
         return step.verb == "RCPT" ? std::optional(RelayReaction{"250 ok"}) : std::nullopt;
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     EXPECT_EQ(Outcomes(Send(session, Addresses(3))), "LLL");
     EXPECT_FALSE(session.IsOpen());
     EXPECT_TRUE(relay.Messages().empty());
@@ -232,8 +234,7 @@ TEST_F(SessionTest, TellsTooManyRecipientsFromAFullMailbox)
             return std::nullopt;
         });
         Session session;
-        std::string problem;
-        ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+        Connect(&session, At(relay));
         EXPECT_EQ(Outcomes(Send(session, Addresses(6))), want) << reply;
     }
     // The first of a transaction cannot be one too many.
@@ -241,8 +242,7 @@ TEST_F(SessionTest, TellsTooManyRecipientsFromAFullMailbox)
         return step.verb == "RCPT" ? std::optional(RelayReaction{"452 no"}) : std::nullopt;
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(full), &problem)) << problem;
+    Connect(&session, At(full));
     EXPECT_EQ(Outcomes(Send(session, Addresses(2))), "LL");
 }
 
@@ -280,8 +280,7 @@ TEST_F(SessionTest, RefusesWhatTheRelayCannotTake)
     options.abilities = {"SIZE 1000"};
     ScriptedRelay relay(nullptr, options);
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const TransactionResult result =
         Send(session, {"m\xC3\xBCller@example.org", "a@example.org",
                        "b@example.org>\r\nRCPT TO:<evil@example.org", "no address",
@@ -302,23 +301,26 @@ TEST_F(SessionTest, RefusesWhatTheRelayCannotTake)
 TEST_F(SessionTest, SaysWhyARelayCannotBeUsed)
 {
     struct Row {
-        const char* verb;
-        RelayReaction reaction;
+        const char *verb, *reply;
+        bool closes;
         const char* problem;  // empty: it can
     };
     const Row rows[] = {
-        {"CONNECT", {"554 5.3.2 not now", true}, "it answered 554 5.3.2 not now"},
-        {"CONNECT", {"421 busy", true}, "it answered 421 busy"},
-        {"CONNECT", {"SSH-2.0-x"}, "the relay sent a reply that cannot be understood"},
-        {"CONNECT", {"", true}, "the relay closed the connection"},
-        {"CONNECT", {"", false, true}, "the relay did not answer in time"},
-        {"EHLO", {"502 what?"}, ""},
-        {"EHLO", {"421 bye", true}, "it answered 421 bye"},
+        {"CONNECT", "554 5.3.2 not now", true, "it answered 554 5.3.2 not now"},
+        {"CONNECT", "421 busy", true, "it answered 421 busy"},
+        {"CONNECT", "SSH-2.0-x", false, "the relay sent a reply that cannot be understood"},
+        {"CONNECT", "", true, "the relay closed the connection"},
+        {"CONNECT", "", false, "the relay did not answer in time"},
+        {"EHLO", "502 what?", false, ""},
+        {"EHLO", "421 bye", true, "it answered 421 bye"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.problem);
         ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
-            return step.verb == row.verb ? std::optional(row.reaction) : std::nullopt;
+            const bool stalls = !*row.reply && !row.closes;
+            return step.verb == row.verb
+                       ? std::optional(RelayReaction{row.reply, row.closes, stalls})
+                       : std::nullopt;
         });
         Session session;
         std::string problem;
@@ -385,8 +387,7 @@ TEST_F(SessionTest, TenThousandRecipientsInOneTransaction)
         return RelayReaction{(step.recipient % 10 == 9 ? "550 5.1.1 " : "250 2.1.5 ") + padding};
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const TransactionResult result = Send(session, Addresses(10'000));
     EXPECT_EQ(result.accepted, 9000U);
     for (std::size_t i = 0; i < result.recipients.size(); ++i)
@@ -405,8 +406,7 @@ TEST_F(SessionTest, HearsARefusalInTheMiddleOfTheMessage)
         return std::nullopt;
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const TransactionResult result = Send(session, {"a@example.org"});
     EXPECT_EQ(result.recipients[0].Line(), "552 5.3.4 too much");
     EXPECT_EQ(Outcomes(result), "R");
