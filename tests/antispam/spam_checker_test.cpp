@@ -2,8 +2,6 @@
 
 #include "antispam/spam_checker.h"
 
-#include <filesystem>
-
 #include "antispam/spam_marks.h"
 #include "tests/antispam/spam_fixture.h"
 

@@ -2,8 +2,6 @@
 
 #include "antispam/training.h"
 
-#include <fstream>
-
 #include "antispam/bayesian_check.h"
 #include "tests/antispam/mailbox_fixture.h"
 #include "tests/support/child.h"

@@ -1,5 +1,4 @@
 // What both back ends of the directory promise: one suite, the same entries, the same answers.
-#include <algorithm>
 #include <thread>
 
 #include "tests/contract/directory_contract.h"

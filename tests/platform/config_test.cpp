@@ -65,6 +65,10 @@ TEST_F(Config, ReadsNumbers)
         const char* value;
         int want;
     } rows[] = {{"15", 15},
+                {"+7", 7},
+                {"-", 0},
+                {"--4", 0},
+                {"1.9", 1},
                 {"", 0},
                 {"abc", 0},
                 {"-3", -3},

@@ -4,7 +4,6 @@
 
 #include <sys/stat.h>
 
-#include <fstream>
 #include <functional>
 
 #include "lists/dllist.h"

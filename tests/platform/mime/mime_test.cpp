@@ -1,10 +1,7 @@
 #include "platform/mime/mime.h"
 
-#include <sys/stat.h>
-
 #include <clocale>
 #include <cstdint>
-#include <filesystem>
 #include <limits>
 
 #include "platform/files/files.h"

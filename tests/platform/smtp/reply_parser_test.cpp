@@ -51,6 +51,8 @@ TEST(ReplyParser, ReadsRepliesHoweverTheyArrive)
         {"codes differ", "250-a\r\n251 b\r\n", "malformed"},
         {"not a code", "hello\r\n", "malformed"},
 
+        {"too many digits", "550 5.1234.1 x\r\n", "550||5.1234.1 x; more"},
+        {"class 6", "650 a\r\n", "malformed"},
         {"class 1", "150 a\r\n", "malformed"},
 
         {"no separator", "250ok\r\n", "malformed"},
