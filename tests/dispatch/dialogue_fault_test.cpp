@@ -9,7 +9,12 @@
 namespace dl::testing
 {
 
-class DialogueFaults : public FaultSite
+struct FaultyDialogue {
+    const char *name, *sender, *to, *text;
+    const char* pending = "";
+};
+
+class DialogueFaults : public FaultSite, public ::testing::WithParamInterface<FaultyDialogue>
 {
  protected:
     DialogueFaults()
@@ -18,78 +23,44 @@ class DialogueFaults : public FaultSite
         AddList("legal", "listmember: Immediate;anna@example.com\ndisclaimertxtpath: " +
                              Write("disclaimer.txt", "The small print.\n") + "\n");
     }
-    void Table(const std::string& name, const std::string& sender, const std::string& to,
-               const std::string& text, const std::string& pending = "")
-    {
-        ExpectPassFaults(name, [&, this] {
-            Start();
-            if (!pending.empty())
-                WritePending("0000ABCD", pending + "\r\n",
-                             to.rfind("board", 0) == 0 ? kBoard : kGarden);
-            Submit(sender, {to}, "Subject: " + text + "\n");
-        });
-    }
 };
 
-TEST_F(DialogueFaults, Posting)
+TEST_P(DialogueFaults, HaveTheirOutcomes)
 {
-    Table("posting", "paul@example.org", "legal@lists.example.org", "x\n\nhello");
+    const FaultyDialogue& it = GetParam();
+    const std::string to = std::string(it.to) + "@lists.example.org";
+    ExpectPassFaults(it.name, [&, this] {
+        Start();
+        if (*it.pending)
+            WritePending("0000ABCD", it.pending + std::string("\r\n"),
+                         to.starts_with("board") ? kBoard : kGarden);
+        Submit(it.sender, {to}, "Subject: " + std::string(it.text) + "\n");
+    });
 }
 
-TEST_F(DialogueFaults, PostingToAClosedList)
-{
-    Table("closed_posting", "paul@example.org", kBoard, "x\n\nhello");
-}
+constexpr char kPaul[] = "paul@example.org";
+constexpr char kAnnaMail[] = "anna@example.com";
 
-TEST_F(DialogueFaults, PostingOfABlockedMember)
-{
-    Table("blocked_posting", "trader@example.net", kGarden, "x\n\nhello");
-}
-
-TEST_F(DialogueFaults, OwnerMail)
-{
-    Table("owner_mail", "paul@example.org", "garden-owner@lists.example.org", "x\n\nhello");
-}
-
-TEST_F(DialogueFaults, UnknownAddress)
-{
-    Table("unknown_address", "paul@example.org", "nobody@lists.example.org", "x\n\nhello");
-}
-
-TEST_F(DialogueFaults, UnknownCommand)
-{
-    Table("unknown_command", "paul@example.org", kGardenRequest, "x\n\nhello");
-}
-
-TEST_F(DialogueFaults, Subscription)
-{
-    Table("subscription", "paul@example.org", kGardenRequest, "x\n\nsubscribe");
-}
-
-TEST_F(DialogueFaults, SubscriptionConfirmed)
-{
-    Table("subscription_confirmed", "paul@example.org", kGardenRequest,
-          "subscription confirmation request (0000ABCD)\n\nOK",
-          "subscribe garden@lists.example.org paul@example.org");
-}
-
-TEST_F(DialogueFaults, SubscriptionThatTheOwnerDecides)
-{
-    Table("subscription_to_owner", "paul@example.org", "club-request@lists.example.org",
-          "x\n\nsubscribe");
-}
-
-TEST_F(DialogueFaults, UnsubscriptionConfirmed)
-{
-    Table("unsubscription_confirmed", "anna@example.com", kGardenRequest,
-          "unsubscription confirmation request (0000ABCD)\n\nOK",
-          "unsubscribe garden@lists.example.org anna@example.com");
-}
-
-TEST_F(DialogueFaults, ArchiveRegistrationConfirmed)
-{
-    Table("archive_confirmed", "anna@example.com", "board-request@lists.example.org",
-          "archive authentication confirmation request (0000ABCD)\n\nOK", "anna@example.com:hash");
-}
+INSTANTIATE_TEST_SUITE_P(Of, DialogueFaults,
+                         ::testing::ValuesIn({
+                             FaultyDialogue{"posting", kPaul, "legal", "x\n\nhello"},
+                             {"closed_posting", kPaul, "board", "x\n\nhello"},
+                             {"blocked_posting", "trader@example.net", "garden", "x\n\nhello"},
+                             {"owner_mail", kPaul, "garden-owner", "x\n\nhello"},
+                             {"unknown_address", kPaul, "nobody", "x\n\nhello"},
+                             {"unknown_command", kPaul, "garden-request", "x\n\nhello"},
+                             {"subscription", kPaul, "garden-request", "x\n\nsubscribe"},
+                             {"subscription_confirmed", kPaul, "garden-request",
+                              "subscription confirmation request (0000ABCD)\n\nOK",
+                              "subscribe garden@lists.example.org paul@example.org"},
+                             {"subscription_to_owner", kPaul, "club-request", "x\n\nsubscribe"},
+                             {"unsubscription_confirmed", kAnnaMail, "garden-request",
+                              "unsubscription confirmation request (0000ABCD)\n\nOK",
+                              "unsubscribe garden@lists.example.org anna@example.com"},
+                             {"archive_confirmed", kAnnaMail, "board-request",
+                              "archive authentication confirmation request (0000ABCD)\n\nOK",
+                              "anna@example.com:hash"},
+                         }),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace dl::testing

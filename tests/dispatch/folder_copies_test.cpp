@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "platform/archive/archive.h"
-#include "tests/support/site.h"
+#include "tests/support/fault_table.h"
 
 namespace dl::testing
 {
@@ -14,7 +14,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-class FolderCopies : public Site
+class FolderCopies : public FaultSite
 {
  protected:
     FolderCopies()
@@ -93,78 +93,19 @@ TEST_F(FolderCopies, AListIsOneListHoweverItIsWritten)
 
 TEST_F(FolderCopies, AFailureIsSaidAndTheRestGoesOn)
 {
-    const std::string digest_line =
-        "Unable to copy message <00001A2B.msg> to the digest folder of notes@lists.example.org "
-        "mailing list";
-    const std::string archive_line =
-        "Unable to copy message <00001A2B.msg> to the archive folder of notes@lists.example.org "
-        "mailing list";
-    const std::string unknown = "there is no message";
-    const struct {
-        const char* name;
-        const char* missing;  // a folder
-        FileCall call;        // that fails, the n-th one; none when n is 0
-        int n;
-        std::vector<std::string> errors;
-        const char* left;
-    } rows[] = {
-        {"no digest folder",
-         "digest",
-         FileCall::kWrite,
-         0,
-         {digest_line, archive_line, unknown},
-         "digest: archive:"},
-        {"no archive folder",
-         "archive",
-         FileCall::kWrite,
-         0,
-         {archive_line, unknown},
-         "digest: 00001A2B.msg subject.txt archive:"},
-        {"digest copy cannot be made",
-         "",
-         FileCall::kCreate,
-         1,
-         {digest_line, archive_line, unknown},
-         "digest: subject.txt archive:"},
-        {"disk full at the digest copy",
-         "",
-         FileCall::kWrite,
-         1,
-         {digest_line, archive_line, unknown},
-         "digest: subject.txt archive:"},
-        {"disk full when it is closed",
-         "",
-         FileCall::kClose,
-         1,
-         {digest_line, archive_line, unknown},
-         "digest: subject.txt archive:"},
-        {"disk full at the archive copy",
-         "",
-         FileCall::kWrite,
-         2,
-         {archive_line, unknown},
-         "digest: 00001A2B.msg subject.txt archive:"},
-        {"topics cannot be opened",
-         "",
-         FileCall::kCreate,
-         3,
-         {},
-         "digest: 00001A2B.msg archive: 00AB0001.msg"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Start();
-        rewritten_ = Write("queue/msg/00AB0001.msg", kPosting);
-        if (*row.missing != '\0')
-            fs::remove_all(Of(kNotes, row.missing));
-        if (row.n > 0)
-            files.FailNth(row.call, row.n);
-        for (const std::string& error : row.errors)
-            log.ExpectError(error);
-        Keep(kNotes);
-        EXPECT_EQ(log.Texts(1).size(), row.errors.size());
-        EXPECT_EQ(Names(kNotes), row.left);
-    }
+    for (const char* missing : {"", "digest", "archive"})
+        ExpectFaults(
+            "folder_copies" + std::string(*missing ? "_without_" : "") + missing,
+            [&, this] {
+                Start();
+                rewritten_ = Write("queue/msg/00AB0001.msg", kPosting);
+                if (*missing)
+                    fs::remove_all(Of(kNotes, missing));
+            },
+            [this] {
+                Keep(kNotes);
+                return Names(kNotes);
+            });
 }
 
 TEST_F(FolderCopies, WithoutDataPathTheDigestIsBelowTheWorkingFolder)

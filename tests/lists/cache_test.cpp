@@ -1,6 +1,5 @@
 // What the cache answers of a list that it holds, and of one that it does not.
 
-#include "lists/cache_shortcuts.h"
 #include "tests/lists/lists_fixture.h"
 
 namespace dl::testing
@@ -60,22 +59,6 @@ TEST_F(Cache, AnswersOfKnownAndUnknownLists)
     EXPECT_EQ(cache.GetArchiveFlag("Team@example.org"), 0);
     EXPECT_EQ(cache.GetMode("plain@example.org"), kOpenList);
     EXPECT_EQ(cache.GetArchiveFlag("plain@example.org"), 1);
-}
-
-TEST_F(Cache, ShortcutsAskTheProcessesCache)
-{
-    Directory(List(kTeam,
-                   "subtxtpath: /s\nunsubtxtpath: /u\nwelcometxtpath: /w\n"
-                   "disclaimertxtpath: /d\ndisclaimerhtmlpath: /h\nmaxdigestsize: 40\n"));
-    ASSERT_TRUE(ListCache().InitCache());
-    EXPECT_EQ(GetDigestSize(kTeam), 4000);
-    EXPECT_STREQ(GetSubscribeTextFile(kTeam), "/s");
-    EXPECT_STREQ(GetUnsubscribeTextFile(kTeam), "/u");
-    EXPECT_STREQ(GetWelcomeTextFile(kTeam), "/w");
-    EXPECT_STREQ(GetDisclaimerFile(kTeam), "/d");
-    EXPECT_STREQ(GetDisclaimerHTMLFile(kTeam), "/h");
-    ListCache().DeleteCache();
-    EXPECT_EQ(GetDisclaimerFile(kTeam), nullptr);
 }
 
 // These two load an empty cache, each time as long as there is no list.
@@ -173,12 +156,8 @@ TEST_F(Cache, TextsOutliveListsThatAreAdded)
 TEST(CaseOfTexts, InPlace)
 {
     char text[] = "aZ09-[@`{\xC4\xE4";
-    EXPECT_EQ(_strlwr(text), text);
-    EXPECT_STREQ(text, "az09-[@`{\xC4\xE4");
-    EXPECT_EQ(_strupr(text), text);
-    EXPECT_STREQ(text, "AZ09-[@`{\xC4\xE4");
-    char empty[] = "";
-    EXPECT_STREQ(_strlwr(_strupr(empty)), "");
+    EXPECT_STREQ(_strlwr(text), "az09-[@`{\xC4\xE4");
+    EXPECT_STREQ(_strupr(text), "AZ09-[@`{\xC4\xE4");
 }
 
 }  // namespace

@@ -5,7 +5,8 @@ import unittest
 from sandbox import SOURCE, Sandbox
 
 # The newcomer's page first: the others begin where it ends.
-ORDER = ["docs/install.md", "docs/directory.md", "docs/archives.md", "docs/antispam.md", "docs/security.md", "docs/operations.md"]
+ORDER = ["docs/install.md", "docs/directory.md", "docs/archives.md", "docs/antispam.md", "docs/security.md", "docs/operations.md",
+         "docs/monitoring.md"]
 # Commands that are not run here, and where or why not.
 ELSEWHERE = {
     "docs/postfix.md": "tests/e2e runs them against a private Postfix, scripts/test --e2e",
@@ -13,6 +14,7 @@ ELSEWHERE = {
     "README.md: scripts/test": ".ci/run runs it",
     "README.md: scripts/package": "made what is installed here",
     "docs/archives.md: dlctl archive remove": "needs a posting of that number; tests/platform/archive removes such",
+    "docs/monitoring.md: dlctl explain": "asks for messages that are not here; tests/tools/monitoring_test asks for some",
 }
 
 
@@ -101,7 +103,12 @@ class Documents(unittest.TestCase):
         self.box.run("printf 'Subject: after all\\n\\nagain\\n' | sendmail -f root@localhost talk@lists.example.org")
         self.box.wait_for("grep -q 'after all' /var/mail/root")
 
-    def test_6_a_host_that_boots_before_its_directory(self):
+    def test_6_monitoring(self):
+        said = "".join(self.run_page("docs/monitoring.md").values())
+        self.assertIn("dlmanager", said)
+        self.assertIn("# TYPE dlmanager_up gauge", said)
+
+    def test_7_a_host_that_boots_before_its_directory(self):
         self.box.run("systemctl stop dlmanager slapd")
         self.box.run("(systemctl start dlmanager; echo $? > /run/started) > /dev/null 2>&1 &")
         self.box.run("sleep 4; [ ! -e /run/started ] && ! pgrep -x dlmanager")

@@ -19,79 +19,60 @@ namespace
 {
 
 constexpr char kOut[] = "dlout";
+constexpr char kList[] = "garden@lists.example.org";
+constexpr char kRequest[] = "garden-request@lists.example.org";
 
-}  // namespace
-
-class GeneratorFaults : public FaultSite
-{
- protected:
-    GeneratorFaults() { AddUsualLists(); }
-    void Table(const std::string& name, const std::string& text, int (*make)(const Incoming&))
-    {
-        ExpectFaults(
-            name,
-            [&, this] {
-                Start();
-                WritePending("0000ABCD", "paul@example.org:hash\r\n");
-                Submit("paul@example.org", {kGardenRequest}, "Subject: x\n\n" + text + "\n");
-                message_ = Take();
-            },
-            [&, this] { return std::to_string(make(message_)); });
-    }
-
- private:
-    Incoming message_;
+struct Generator {
+    const char *name, *text;
+    int (*make)(const Incoming&);
 };
 
-TEST_F(GeneratorFaults, Bounce)
+const Generator kGenerators[] = {
+    {"bounce", "hello",
+     [](const Incoming& mail) { return BounceToSender(mail, "no", kOut, false); }},
+    {"owner_copy", "hello",
+     [](const Incoming& mail) {
+         return ForwardToOwner("garden-owner@lists.example.org", mail, kOut, kForTheOwner);
+     }},
+    {"subscription_notice", "OK",
+     [](const Incoming& mail) { return NotifySubscription(mail, kList, kOut, 1); }},
+    {"unsubscription_notice", "OK",
+     [](const Incoming& mail) { return NotifyUnsubscription(mail, kList, kOut, 0); }},
+    {"archive_notice", "OK",
+     [](const Incoming& mail) { return NotifyArchiveRegistration(mail, kList, kOut, 0); }},
+    {"confirmation_request", "subscribe",
+     [](const Incoming& mail) {
+         return SendConfirmationRequest(mail, kRequest, kOut, {.subscribe = true});
+     }},
+    {"archive_confirmation_request", "archive registration (0000ABCD)",
+     [](const Incoming& mail) {
+         return SendConfirmationRequest(mail, kRequest, kOut, {.archive = true});
+     }},
+};
+
+class GeneratorFaults : public FaultSite, public ::testing::WithParamInterface<Generator>
 {
-    Table("bounce", "hello",
-          [](const Incoming& message) { return BounceToSender(message, "no", kOut, false); });
+};
+
+TEST_P(GeneratorFaults, HaveTheirOutcomes)
+{
+    const Generator& it = GetParam();
+    AddUsualLists();
+    Incoming message;
+    ExpectFaults(
+        it.name,
+        [&, this] {
+            Start();
+            WritePending("0000ABCD", "paul@example.org:hash\r\n");
+            Submit("paul@example.org", {kGardenRequest},
+                   "Subject: x\n\n" + std::string(it.text) + "\n");
+            message = Take();
+        },
+        [&] { return std::to_string(it.make(message)); });
 }
 
-TEST_F(GeneratorFaults, OwnerCopy)
-{
-    Table("owner_copy", "hello", [](const Incoming& message) {
-        return ForwardToOwner("garden-owner@lists.example.org", message, kOut, kForTheOwner);
-    });
-}
+INSTANTIATE_TEST_SUITE_P(Of, GeneratorFaults, ::testing::ValuesIn(kGenerators),
+                         [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(GeneratorFaults, SubscriptionNotice)
-{
-    Table("subscription_notice", "OK", [](const Incoming& message) {
-        return NotifySubscription(message, "garden@lists.example.org", kOut, 1);
-    });
-}
-
-TEST_F(GeneratorFaults, UnsubscriptionNotice)
-{
-    Table("unsubscription_notice", "OK", [](const Incoming& message) {
-        return NotifyUnsubscription(message, "garden@lists.example.org", kOut, 0);
-    });
-}
-
-TEST_F(GeneratorFaults, ArchiveNotice)
-{
-    Table("archive_notice", "OK", [](const Incoming& message) {
-        return NotifyArchiveRegistration(message, "garden@lists.example.org", kOut, 0);
-    });
-}
-
-TEST_F(GeneratorFaults, ConfirmationRequest)
-{
-    Table("confirmation_request", "subscribe", [](const Incoming& message) {
-        return SendConfirmationRequest(message, "garden-request@lists.example.org", kOut,
-                                       {.subscribe = true});
-    });
-}
-
-TEST_F(GeneratorFaults, ArchiveConfirmationRequest)
-{
-    Table("archive_confirmation_request", "archive registration (0000ABCD)",
-          [](const Incoming& message) {
-              return SendConfirmationRequest(message, "garden-request@lists.example.org", kOut,
-                                             {.archive = true});
-          });
-}
-
+}  // namespace
 }  // namespace dl::testing

@@ -1,6 +1,6 @@
 #include "schedule/date_arithmetic.h"
 
-#include <iterator>
+#include <sstream>
 #include <utility>
 
 #include "tests/support/fixture.h"
@@ -34,110 +34,21 @@ class DateArithmetic : public Fixture
 {
 };
 
-struct Row {
-    const char* name;
-    const char* now;
-    int hour;
-    int minute;
-    int frequency;
-    int weekday;
-    int month_day;
-    const char* first;
-    const char* next;
-};
-
-void Check(const Row* begin, const Row* end)
-{
-    for (const Row* row = begin; row != end; ++row) {
-        SCOPED_TRACE(row->name);
-        const std::time_t now = At(row->now);
-        EXPECT_EQ(Local(adjusttime(now, row->hour, row->minute, row->frequency, row->weekday,
-                                   row->month_day)),
-                  row->first);
-        EXPECT_EQ(Local(nexttime(now, row->hour, row->minute, row->frequency, row->weekday,
-                                 row->month_day)),
-                  row->next);
-    }
-}
-
-// 2004-11-09 is a Tuesday.
+// The rows lie in tests/data/dates.txt; 2004-11-09 is a Tuesday. The hour on the wall is meant,
+// whatever the clock was on the day of the computation. 400 years after 1900 counts as a leap year,
+// but the calendar has no 29th then.
 TEST_F(DateArithmetic, FirstAndNextMoment)
 {
-    const Row rows[] = {
-        {"daily, later today", "2004-11-09 11:33:20", 12, 0, kDaily, 0, 0,
-         "2004-11-09 12:00:00 UTC", "2004-11-10 12:00:00 UTC"},
-        {"daily, earlier today: due at once", "2004-11-09 11:33:20", 6, 30, kDaily, 0, 0,
-         "2004-11-09 06:30:00 UTC", "2004-11-10 06:30:00 UTC"},
-        {"daily, sent at 23:59:30 of the year's last day", "2004-12-31 23:59:30", 23, 59, kDaily, 0,
-         0, "2004-12-31 23:59:00 UTC", "2005-01-01 23:59:00 UTC"},
-        {"daily, last day of a leap February", "2004-02-29 12:00:00", 0, 0, kDaily, 0, 0,
-         "2004-02-29 00:00:00 UTC", "2004-03-01 00:00:00 UTC"},
-        {"weekly, later this week", "2004-11-09 11:33:20", 8, 5, kWeekly, 5, 0,
-         "2004-11-12 08:05:00 UTC", "2004-11-12 08:05:00 UTC"},
-        {"weekly, the same weekday", "2004-11-09 11:33:20", 8, 5, kWeekly, 2, 0,
-         "2004-11-09 08:05:00 UTC", "2004-11-16 08:05:00 UTC"},
-        {"weekly, an earlier weekday", "2004-11-09 11:33:20", 8, 5, kWeekly, 0, 0,
-         "2004-11-14 08:05:00 UTC", "2004-11-14 08:05:00 UTC"},
-        {"weekly, day 7 on a Tuesday is Sunday", "2004-11-09 11:33:20", 8, 5, kWeekly, 7, 0,
-         "2004-11-14 08:05:00 UTC", "2004-11-14 08:05:00 UTC"},
-        {"weekly, Sunday as 0 on a Sunday", "2004-11-14 11:33:20", 8, 5, kWeekly, 0, 0,
-         "2004-11-14 08:05:00 UTC", "2004-11-21 08:05:00 UTC"},
-        {"weekly, Sunday as 7 on a Sunday", "2004-11-14 11:33:20", 8, 5, kWeekly, 7, 0,
-         "2004-11-21 08:05:00 UTC", "2004-11-21 08:05:00 UTC"},
-        {"weekly, over the end of the year", "2004-12-31 11:33:20", 0, 0, kWeekly, 1, 0,
-         "2005-01-03 00:00:00 UTC", "2005-01-03 00:00:00 UTC"},
-        {"monthly, later this month", "2004-11-09 11:33:20", 6, 30, kMonthly, 15, 15,
-         "2004-11-15 06:30:00 UTC", "2004-12-15 06:30:00 UTC"},
-        {"monthly, earlier this month: due at once", "2004-11-09 11:33:20", 6, 30, kMonthly, 1, 1,
-         "2004-11-01 06:30:00 UTC", "2004-12-01 06:30:00 UTC"},
-        {"monthly, the 31st in a month of 30 days", "2004-11-09 11:33:20", 6, 30, kMonthly, 31, 31,
-         "2004-11-30 06:30:00 UTC", "2004-12-31 06:30:00 UTC"},
-        {"monthly, from the 31st to a month of 30 days", "2004-03-31 11:33:20", 6, 30, kMonthly, 31,
-         31, "2004-03-31 06:30:00 UTC", "2004-04-30 06:30:00 UTC"},
-        {"monthly, December to January", "2004-12-10 11:33:20", 6, 30, kMonthly, 31, 31,
-         "2004-12-31 06:30:00 UTC", "2005-01-31 06:30:00 UTC"},
-        {"monthly, the 31st to February", "2005-01-31 11:33:20", 6, 30, kMonthly, 31, 31,
-         "2005-01-31 06:30:00 UTC", "2005-02-28 06:30:00 UTC"},
-        {"monthly, the 31st to a leap February", "2004-01-31 11:33:20", 6, 30, kMonthly, 31, 31,
-         "2004-01-31 06:30:00 UTC", "2004-02-28 06:30:00 UTC"},
-        {"monthly, the 29th in a leap February", "2004-02-10 11:33:20", 6, 30, kMonthly, 29, 29,
-         "2004-02-28 06:30:00 UTC", "2004-03-29 06:30:00 UTC"},
-        {"monthly, the 30th in February 2000", "2000-02-10 11:33:20", 6, 30, kMonthly, 30, 30,
-         "2000-02-28 06:30:00 UTC", "2000-03-30 06:30:00 UTC"},
-        // 400 years after 1900 counts as a leap year, but the calendar has no 29th then.
-        {"monthly, the 31st to February 2300", "2300-01-10 11:33:20", 6, 30, kMonthly, 31, 31,
-         "2300-01-31 06:30:00 UTC", "2300-03-01 06:30:00 UTC"},
-        {"monthly, the 29th to February 2300", "2300-01-10 11:33:20", 6, 30, kMonthly, 29, 29,
-         "2300-01-29 06:30:00 UTC", "2300-02-28 06:30:00 UTC"},
-        {"no rhythm", "2004-11-09 11:33:20", 6, 30, 3, 5, 15, "2004-11-09 06:30:00 UTC",
-         "2004-11-09 06:30:00 UTC"},
-        {"no rhythm, negative", "2004-11-09 11:33:20", 6, 30, -1, 5, 15, "2004-11-09 06:30:00 UTC",
-         "2004-11-09 06:30:00 UTC"},
-    };
-    Check(std::begin(rows), std::end(rows));
-}
-
-// The hour on the wall is meant, whatever the clock was on the day of the computation.
-TEST_F(DateArithmetic, DaylightSaving)
-{
-    SetZone(kBerlin);
-    const Row rows[] = {
-        {"daily into summer", "2004-03-27 12:00:00", 6, 30, kDaily, 0, 0, "2004-03-27 06:30:00 CET",
-         "2004-03-28 06:30:00 CEST"},
-        {"daily into winter", "2004-10-30 12:00:00", 6, 30, kDaily, 0, 0,
-         "2004-10-30 06:30:00 CEST", "2004-10-31 06:30:00 CET"},
-        {"weekly into summer", "2004-03-24 12:00:00", 0, 0, kWeekly, 3, 0,
-         "2004-03-24 00:00:00 CET", "2004-03-31 00:00:00 CEST"},
-        {"monthly into summer", "2004-03-10 12:00:00", 7, 0, kMonthly, 15, 15,
-         "2004-03-15 07:00:00 CET", "2004-04-15 07:00:00 CEST"},
-        {"first moment before the change of that day", "2004-03-28 12:00:00", 1, 0, kDaily, 0, 0,
-         "2004-03-28 01:00:00 CET", "2004-03-29 01:00:00 CEST"},
-        {"first moment after the change of that day", "2004-10-31 01:30:00", 12, 0, kDaily, 0, 0,
-         "2004-10-31 12:00:00 CET", "2004-11-01 12:00:00 CET"},
-        {"no rhythm over the change", "2004-03-28 12:00:00", 1, 0, 3, 0, 0,
-         "2004-03-28 01:00:00 CET", "2004-03-28 01:00:00 CET"},
-    };
-    Check(std::begin(rows), std::end(rows));
+    for (const auto& row : ReadTable("dates.txt")) {
+        SCOPED_TRACE(row.at(0));
+        SetZone(row.at(1));
+        const std::time_t now = At(row.at(2));
+        std::istringstream numbers(row.at(3));
+        int hour = 0, minute = 0, frequency = 0, weekday = 0, day = 0;
+        ASSERT_TRUE(numbers >> hour >> minute >> frequency >> weekday >> day);
+        EXPECT_EQ(Local(adjusttime(now, hour, minute, frequency, weekday, day)), row.at(4));
+        EXPECT_EQ(Local(nexttime(now, hour, minute, frequency, weekday, day)), row.at(5));
+    }
 }
 
 // An hour that the change of the clock leaves out, or brings twice, neither stops a schedule nor
@@ -162,10 +73,8 @@ TEST_F(DateArithmetic, LeapYears)
         {400, true},   {404, false}, {1900, false}, {2000, true}, {2004, false},
         {2100, false}, {2400, true}, {-300, true},  // 1600
     };
-    for (const auto& [year, leap] : rows) {
-        SCOPED_TRACE(year);
-        EXPECT_EQ(IsLeapYear(year), leap);
-    }
+    for (const auto& [year, leap] : rows)
+        EXPECT_EQ(IsLeapYear(year), leap) << year;
 }
 
 }  // namespace

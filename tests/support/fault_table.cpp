@@ -25,11 +25,11 @@ std::string Ranges(const std::string& kind, const std::vector<int>& numbers)
     return all;
 }
 
-using Lines = std::vector<std::string>;
+using LineList = std::vector<std::string>;
 
-Lines Split(const std::string& text)
+LineList Split(const std::string& text)
 {
-    Lines lines;
+    LineList lines;
     for (std::size_t at = 0, end = 0; at < text.size(); at = end + 1) {
         end = text.find('\n', at);
         lines.push_back(text.substr(at, end - at));
@@ -38,10 +38,10 @@ Lines Split(const std::string& text)
 }
 
 // What went and what came between two states.
-Lines Changes(const Lines& before, const Lines& after)
+LineList Changes(const LineList& before, const LineList& after)
 {
-    Lines changes;
-    const auto lacks = [](const Lines& lines, const std::string& line) {
+    LineList changes;
+    const auto lacks = [](const LineList& lines, const std::string& line) {
         return std::find(lines.begin(), lines.end(), line) == lines.end();
     };
     for (const std::string& line : before)
@@ -53,7 +53,7 @@ Lines Changes(const Lines& before, const Lines& after)
     return changes;
 }
 
-std::string Block(const std::string& section, const Lines& lines)
+std::string Block(const std::string& section, const LineList& lines)
 {
     std::string text;
     for (const std::string& line : lines)
@@ -62,7 +62,7 @@ std::string Block(const std::string& section, const Lines& lines)
 }
 
 // The lines of a section; of those that the usual section begins and ends with, only the number.
-std::string Difference(const std::string& section, const Lines& usual, const Lines& lines)
+std::string Difference(const std::string& section, const LineList& usual, const LineList& lines)
 {
     if (lines == usual)
         return "";
@@ -125,15 +125,15 @@ std::vector<FaultSite::Kind> FaultSite::Kinds()
     return kinds;
 }
 
-FaultSite::Outcome FaultSite::Seen(const std::string& result, const Lines& members,
-                                   const Lines& pending)
+FaultSite::Outcome FaultSite::Seen(const std::string& result, const LineList& members,
+                                   const LineList& pending)
 {
     Outcome seen;
     seen.push_back({"result", {result}});
     seen.push_back({"log", Split(Log())});
-    seen.push_back({"queue", queue->Calls().empty() ? Lines{} : Lines{queue->Calls()}});
+    seen.push_back({"queue", queue->Calls().empty() ? LineList{} : LineList{queue->Calls()}});
     seen.push_back({"out", Split(Brief())});
-    Lines left;
+    LineList left;
     const auto add = [&](const char* what, std::size_t count) {
         if (count > 0)
             left.push_back(std::to_string(count) + what);
@@ -154,8 +154,8 @@ FaultSite::Outcome FaultSite::Do(const std::function<void()>& prepare, const Dee
     clock = {};
     clock.runs = true;  // a second pass draws an identifier of its own
     prepare();
-    const Lines members = Members(list_);
-    const Lines pending = Pending(list_);
+    const LineList members = Members(list_);
+    const LineList pending = Pending(list_);
     log.Clear();
     files.Watch({Path("")});
     queue->ClearCalls();
@@ -165,7 +165,7 @@ FaultSite::Outcome FaultSite::Do(const std::function<void()>& prepare, const Dee
     if (!passes_ || result != "1")
         return seen;
     const std::size_t sent = On().size();
-    Lines then = {"result " + std::to_string(Run())};
+    LineList then = {"result " + std::to_string(Run())};
     const std::vector<Queued> out = On();
     for (std::size_t i = sent; i < out.size(); ++i)
         then.push_back("out " + Split(out[i].Brief())[0]);
@@ -198,7 +198,7 @@ std::string FaultSite::Table(const std::function<void()>& prepare, const Deed& d
             std::string text;
             for (std::size_t section = 0; section < outcome.size(); ++section)
                 text += Difference(outcome[section].first,
-                                   section < usual.size() ? usual[section].second : Lines{},
+                                   section < usual.size() ? usual[section].second : LineList{},
                                    outcome[section].second);
             const auto block = std::find_if(blocks.begin(), blocks.end(),
                                             [&](const auto& it) { return it.first == text; });

@@ -36,8 +36,8 @@ class FaultSite : public Site
     static void ExpectText(const std::string& file, const std::string& text);
 
  private:
-    using Lines = std::vector<std::string>;
-    using Outcome = std::vector<std::pair<std::string, Lines>>;  // named sections
+    using LineList = std::vector<std::string>;
+    using Outcome = std::vector<std::pair<std::string, LineList>>;  // named sections
     struct Kind {
         const char* name;
         std::function<int()> made;
@@ -46,8 +46,8 @@ class FaultSite : public Site
     [[nodiscard]] std::vector<Kind> Kinds();
     Outcome Do(const std::function<void()>& prepare, const Deed& deed,
                const std::function<void()>& arm);
-    [[nodiscard]] Outcome Seen(const std::string& result, const Lines& members,
-                               const Lines& pending);
+    [[nodiscard]] Outcome Seen(const std::string& result, const LineList& members,
+                               const LineList& pending);
     std::string Table(const std::function<void()>& prepare, const Deed& deed);
 
     bool passes_ = false;

@@ -156,6 +156,48 @@ std::string DataPath(const std::string& name)
     return std::string(DL_TEST_DATA) + "/" + name;
 }
 
+std::vector<DataBlock> ReadBlocks(const std::string& file)
+{
+    std::vector<DataBlock> blocks;
+    std::istringstream in(ReadFile(DataPath(file)));
+    bool wants = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with("== ")) {
+            blocks.push_back({line.substr(3), "", ""});
+            wants = false;
+        } else if (line == "->") {
+            wants = true;
+        } else if (!blocks.empty()) {
+            std::string& text = wants ? blocks.back().want : blocks.back().in;
+            for (std::size_t at = 0; (at = line.find("\\0", at)) != std::string::npos; ++at)
+                line.replace(at, 2, 1, '\0');
+            if (line.ends_with('\\'))
+                text.append(line, 0, line.size() - 1);
+            else
+                text += line + "\n";
+        }
+    }
+    EXPECT_FALSE(blocks.empty()) << file;
+    return blocks;
+}
+
+std::vector<std::vector<std::string>> ReadTable(const std::string& file)
+{
+    std::vector<std::vector<std::string>> rows;
+    std::istringstream in(ReadFile(DataPath(file)));
+    for (std::string line; std::getline(in, line);) {
+        if (line.starts_with('#'))
+            continue;
+        std::vector<std::string>& fields = rows.emplace_back();
+        for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
+            end = line.find(" | ", at);
+            fields.push_back(line.substr(at, end - at));
+        }
+    }
+    EXPECT_FALSE(rows.empty()) << file;
+    return rows;
+}
+
 int FreePort()
 {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);

@@ -96,6 +96,16 @@ class Fixture : public ::testing::Test
 [[nodiscard]] std::string ReadFile(const std::string& path);
 // The folder tests/data, and a file in it.
 [[nodiscard]] std::string DataPath(const std::string& name);
+// Examples of a file in tests/data, each "== <name>", what goes in, "->" on a line of its own, what
+// must come out. "\0" stands for a NUL byte, "\" at the end of a line for no line end.
+struct DataBlock {
+    std::string name;
+    std::string in;
+    std::string want;
+};
+[[nodiscard]] std::vector<DataBlock> ReadBlocks(const std::string& file);
+// The lines of a file in tests/data, cut at each " | "; those that begin with "#" are left out.
+[[nodiscard]] std::vector<std::vector<std::string>> ReadTable(const std::string& file);
 // A port of 127.0.0.1 that was free a moment ago.
 [[nodiscard]] int FreePort();
 // "\n" becomes "\r\n".

@@ -99,8 +99,7 @@ std::map<std::string, unsigned long> ArchiveFixture::Inodes() const
     std::map<std::string, unsigned long> inodes;
     const fs::path top = PagePath("");
     for (const auto& entry : fs::recursive_directory_iterator(top)) {
-        struct stat status {
-        };
+        struct stat status = {};
         if (entry.is_regular_file() && ::stat(entry.path().c_str(), &status) == 0)
             inodes[fs::relative(entry.path(), top).string()] = status.st_ino;
     }

@@ -1,4 +1,6 @@
 // Which postings stand together, seen on the thread pages.
+#include <sstream>
+
 #include "tests/platform/archive/archive_fixture.h"
 
 namespace dl
@@ -8,27 +10,34 @@ namespace
 
 using testing::Mail;
 
-constexpr int kDay = 24 * 60;
-
-// One posting that comes; its author is named by the first letter of the Message-ID.
-struct Step {
-    const char* subject;
-    const char* id;
-    const char* more;
-    int minute;
-};
-
 class Threads : public testing::ArchiveFixture
 {
  protected:
-    void PostStep(unsigned long id, const Step& step)
+    // Posts "id | minute | subject | references", the author named by the id's first letter. The
+    // references are the ids of References, "<" and that of In-Reply-To, or a header line.
+    void PostStep(unsigned long id, const std::string& step)
     {
-        const auto letter = static_cast<char>(step.id[0] - 'a' + 'A');
-        Post(id, {.subject = step.subject,
+        std::vector<std::string> fields;
+        for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
+            end = step.find(" | ", at);
+            fields.push_back(step.substr(at, end - at));
+        }
+        fields.resize(4);
+        std::string reply;
+        std::string references;
+        std::istringstream ids(fields[3]);
+        for (std::string one; ids >> one;)
+            one[0] == '<' ? reply = "In-Reply-To: " + one + ">\r\n"
+                          : references += " <" + one + ">";
+        std::string more = reply + (references.empty() ? "" : "References:" + references + "\r\n");
+        if (fields[3].find(':') != std::string::npos)
+            more = fields[3] + "\r\n";
+        const auto letter = static_cast<char>(step[0] - 'a' + 'A');
+        Post(id, {.subject = fields[2],
                   .from = std::string(1, letter) + " <x@example.com>",
-                  .id = step.id,
-                  .more = step.more,
-                  .minute = step.minute});
+                  .id = fields[0],
+                  .more = more,
+                  .minute = std::stoi(fields[1])});
     }
 
     // The thread pages as "A(B(C)D) E": authors, replies in brackets, threads in order of their
@@ -66,99 +75,28 @@ class Threads : public testing::ArchiveFixture
     }
 };
 
-struct Row {
-    const char* name;
-    std::vector<Step> postings;  // in the order in which they come
-    const char* want;
-};
-
-const Row kRows[] = {
-    {"no relation", {{"A", "a", "", 1}, {"B", "b", "", 2}}, "A B"},
-    {"In-Reply-To", {{"A", "a", "", 1}, {"B", "b", "In-Reply-To: <a>\r\n", 2}}, "A(B)"},
-    {"the last of References is the parent",
-     {{"A", "a", "", 1},
-      {"B", "b", "References: <a>\r\n", 2},
-      {"C", "c", "References: <a> <b>\r\n", 3},
-      {"D", "d", "References: <a>\r\n", 4}},
-     "A(B(C)D)"},
-    {"References before In-Reply-To",
-     {{"A", "a", "", 1},
-      {"B", "b", "", 2},
-      {"C", "c", "In-Reply-To: <b>\r\nReferences: <a>\r\n", 3}},
-     "A(C) B"},
-    {"a missing parent: the grandparent",
-     {{"A", "a", "", 1}, {"C", "c", "References: <a> <lost>\r\n", 3}},
-     "A(C)"},
-    {"the parent comes late and takes its place",
-     {{"A", "a", "", 1},
-      {"C", "c", "References: <a> <b>\r\n", 3},
-      {"B", "b", "References: <a>\r\n", 2}},
-     "A(B(C))"},
-    {"everything comes in reverse",
-     {{"D", "d", "References: <a> <b> <c>\r\n", 4},
-      {"C", "c", "References: <a> <b>\r\n", 3},
-      {"B", "b", "References: <a>\r\n", 2},
-      {"A", "a", "", 1}},
-     "A(B(C(D)))"},
-    {"replies to a posting that never came stand together",
-     {{"A", "a", "In-Reply-To: <lost>\r\n", 1}, {"B", "b", "In-Reply-To: <lost>\r\n", 2}},
-     "AB"},
-    {"two threads become one",
-     {{"A", "a", "", 1},
-      {"X", "x", "In-Reply-To: <b>\r\n", 5},
-      {"Y", "y", "In-Reply-To: <x>\r\n", 6},
-      {"B", "b", "In-Reply-To: <a>\r\n", 2}},
-     "A(B(X(Y)))"},
-    {"a ring",
-     {{"A", "a", "In-Reply-To: <b>\r\n", 1}, {"B", "b", "In-Reply-To: <a>\r\n", 2}},
-     "A(B)"},
-    {"a ring of three",
-     {{"A", "a", "In-Reply-To: <c>\r\n", 1},
-      {"B", "b", "In-Reply-To: <a>\r\n", 2},
-      {"C", "c", "In-Reply-To: <b>\r\n", 3}},
-     "A(B(C))"},
-    {"itself", {{"A", "a", "In-Reply-To: <a>\r\nReferences: <a>\r\n", 1}}, "A"},
-    {"by subject", {{"Apples", "a", "", 1}, {"Re: apples", "b", "", 2}}, "AB"},
-    {"by subject through list tag and other languages",
-     {{"Apples", "a", "", 1}, {"[garden] AW: Re[2]: Apples", "b", "", 2}},
-     "AB"},
-    {"a subject again is no reply", {{"Apples", "a", "", 1}, {"Apples", "b", "", 2}}, "A B"},
-    {"an old subject is another thread",
-     {{"Apples", "a", "", 1}, {"Re: Bananas", "b", "", 20 * kDay}, {"Re: Apples", "c", "", 2}},
-     "AC B"},
-    {"references win over the subject",
-     {{"A", "a", "", 1}, {"B", "b", "", 2}, {"Re: A", "c", "In-Reply-To: <b>\r\n", 3}},
-     "A B(C)"},
-    {"an empty subject joins nothing", {{"Re:", "a", "", 1}, {"Re:", "b", "", 2}}, "A B"},
-    {"comments and phrases in In-Reply-To",
-     {{"A", "a", "", 1}, {"B", "b", "In-Reply-To: Your message of \"x\" <a> (was: B)\r\n", 2}},
-     "A(B)"},
-};
-
+// Postings in the order in which they come lie in tests/data/threads.txt, with the threads' shapes.
 TEST_F(Threads, References)
 {
-    for (const Row& row : kRows) {
-        SCOPED_TRACE(row.name);
-        std::filesystem::remove_all(ArchivePath());
-        std::filesystem::create_directories(ArchivePath());
-        unsigned long id = 0;
-        for (const Step& step : row.postings) {
-            PostStep(++id, step);
-        }
-        Generate();
-        EXPECT_EQ(Shape(), row.want);
-        CheckPages();
-        // One at a time gives the same.
-        std::filesystem::remove_all(ArchivePath());
-        std::filesystem::create_directories(ArchivePath());
-        id = 0;
-        for (const Step& step : row.postings) {
-            PostStep(++id, step);
+    for (const testing::DataBlock& row : testing::ReadBlocks("threads.txt")) {
+        for (const bool at_once : {true, false}) {
+            SCOPED_TRACE(row.name);
+            std::filesystem::remove_all(ArchivePath());
+            std::filesystem::create_directories(ArchivePath());
+            unsigned long id = 0;
+            std::istringstream steps(row.in);
+            for (std::string step; std::getline(steps, step);) {
+                PostStep(++id, step);
+                if (!at_once)
+                    Generate();
+            }
             Generate();
+            EXPECT_EQ(Shape() + "\n", row.want);
+            if (at_once)
+                CheckPages();
+            if (HasFailure())
+                return;
         }
-        EXPECT_EQ(Shape(), row.want);
-        if (HasFailure())
-            return;
     }
 }
 

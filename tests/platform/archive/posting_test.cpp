@@ -15,19 +15,19 @@ class ReadPosting : public testing::Fixture
     {
         return PostingFile::Read(Write("m.msg", message));
     }
-    // The texts, each with '|' behind it.
+    // The texts, each with '|' and a line end behind it.
     static std::string Texts(const PostingFile& file)
     {
         std::string all;
         for (const PostingText& text : file.Get().texts)
-            all += text.text + "|";
+            all += text.text + "|\n";
         return all;
     }
     static std::string Attachments(const PostingFile& file)
     {
         std::string all;
         for (const PostingAttachment& attachment : file.Get().attachments)
-            all += attachment.name + ":" + attachment.type + "|";
+            all += attachment.name + ":" + attachment.type + "|\n";
         return all;
     }
 };
@@ -52,68 +52,14 @@ TEST_F(ReadPosting, Headers)
     EXPECT_EQ(posting.zone_minutes, 60);
 }
 
+// Messages lie in tests/data/posting_bodies.txt, each with its texts and its attachments.
 TEST_F(ReadPosting, Bodies)
 {
-    struct Row {
-        const char* name;
-        std::string header;
-        std::string body;
-        const char* texts;
-        const char* attachments;
-    };
-    const std::string plain = "Content-Type: text/plain; charset=";
-    const std::string qp = "\r\nContent-Transfer-Encoding: quoted-printable\r\n";
-    const std::string mixed = "Content-Type: multipart/mixed; boundary=b\r\n";
-    const std::string alternative = "Content-Type: multipart/alternative; boundary=b\r\n";
-    const std::vector<Row> rows = {
-        {"no header at all", "", "caf\xC3\xA9\r\n", "café\n|", ""},
-        {"undeclared Latin-1", "", "caf\xE9\r\n", "café\n|", ""},
-        {"utf-8 that is none", plain + "utf-8\r\n", "caf\xE9!\r\n", "caf\uFFFD!\n|", ""},
-        {"us-ascii that is utf-8", plain + "us-ascii\r\n", "\xC3\xA9\r\n", "é\n|", ""},
-        {"iso-8859-15", plain + "iso-8859-15" + qp, "=A4\r\n", "€\n|", ""},
-        {"koi8-r", plain + "koi8-r" + qp, "=D0\r\n", "п\n|", ""},
-        {"iso-2022-jp", plain + "iso-2022-jp\r\n", "\x1b$B$\"\x1b(B\r\n", "あ\n|", ""},
-        {"shift_jis with a broken byte", plain + "shift_jis" + qp, "=82=A0=FF!\r\n", "あ\uFFFD!\n|",
-         ""},
-        {"utf-16", plain + "utf-16le\r\nContent-Transfer-Encoding: base64\r\n", "6QAKAA==\r\n",
-         "é\n|", ""},
-        {"unknown charset", plain + "x-klingon\r\n", "a\xC3\xA9\r\n", "aé\n|", ""},
-        {"flowed", "Content-Type: text/plain; format=flowed\r\n",
-         "a \r\nb\r\n> c \r\n> d\r\n-- \r\ne\r\n", "a b\n> c d\n-- \ne\n|", ""},
-        {"flowed, delsp", "Content-Type: text/plain; format=flowed; delsp=yes\r\n", "日 \r\n本\r\n",
-         "日本\n|", ""},
-        {"HTML only", "Content-Type: text/html\r\n", "<p>a &amp; b<script>x</script>\r\n",
-         "a & b\n|", ""},
-        {"alternative: plain text", alternative,
-         "--b\r\n\r\nplain\r\n--b\r\nContent-Type: text/html\r\n\r\nhtml\r\n--b--\r\n", "plain\n|",
-         ""},
-        {"alternative: empty plain text", alternative,
-         "--b\r\n\r\n \r\n--b\r\nContent-Type: text/html\r\n\r\nhtml\r\n--b--\r\n", "html\n|", ""},
-        {"an attached text is no body", mixed,
-         "--b\r\n\r\nx\r\n--b\r\nContent-Disposition: attachment; "
-         "filename=\"n.txt\"\r\n\r\ny\r\n--b--\r\n",
-         "x\n|", "n.txt:text/plain|"},
-        {"encoded file name", mixed,
-         "--b\r\nContent-Type: application/pdf; name*=utf-8''%C3%A9.pdf\r\n\r\ny\r\n--b--\r\n", "",
-         "é.pdf:application/pdf|"},
-        {"forwarded message", mixed,
-         "--b\r\n\r\nx\r\n--b\r\nContent-Type: message/rfc822\r\n\r\nSubject: "
-         "y\r\n\r\nz\r\n--b--\r\n",
-         "x\n|", ":message/rfc822|"},
-        {"signed",
-         "Content-Type: multipart/signed; boundary=b; protocol=\"application/pgp-signature\"\r\n",
-         "--b\r\n\r\nx\r\n--b\r\nContent-Type: application/pgp-signature; "
-         "name=s.asc\r\n\r\ny\r\n--b--\r\n",
-         "x\n|", "s.asc:application/pgp-signature|"},
-        {"no end boundary", mixed, "--b\r\n\r\nx\r\n", "x\n|", ""},
-        {"a multipart without parts", mixed, "nothing\r\n", "", ""},
-    };
-    for (const Row& row : rows) {
+    for (const testing::DataBlock& row : testing::ReadBlocks("posting_bodies.txt")) {
         SCOPED_TRACE(row.name);
-        const auto file = Read("Subject: s\r\n" + row.header + "\r\n" + row.body);
+        const auto file = Read("Subject: s\r\n" + testing::Crlf(row.in));
         ASSERT_TRUE(file);
-        EXPECT_EQ(Texts(*file), row.texts);
-        EXPECT_EQ(Attachments(*file), row.attachments);
+        EXPECT_EQ(Texts(*file) + Attachments(*file), row.want);
     }
 }
 

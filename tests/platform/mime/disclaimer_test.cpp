@@ -1,6 +1,6 @@
 // Golden pairs: NAME.in.eml is the message, NAME.want.eml what it must become, byte by byte; a row
-// without the second stays as it is. compare_mail.py reads the same pairs with another mail
-// library.
+// of pairs.txt without the second stays as it is. compare_mail.py reads the same pairs with another
+// mail library.
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -9,6 +9,7 @@
 #include "platform/files/files.h"
 #include "platform/mime/mime.h"
 #include "platform/queue/queue.h"
+#include "tests/support/failing_files.h"
 #include "tests/support/fixture.h"
 
 namespace dl
@@ -21,50 +22,18 @@ using testing::DataPath;
 using testing::ReadFile;
 
 struct Row {
-    const char* name;
-    const char* text;              // the plain-text disclaimer
-    const char* reason = nullptr;  // in the level 6 line of one that stays as it is
+    std::string name;
+    std::string text;    // the plain-text disclaimer
+    std::string reason;  // in the level 6 line of one that stays as it is
 };
 
-constexpr Row kRows[] = {
-    {"alternative", "umlaut.txt"},
-    {"broken_base64", "umlaut.txt", "its transfer encoding is broken"},
-    {"digest", "umlaut.txt"},
-    {"dkim_8bit_undeclared", "umlaut.txt"},
-    {"encrypted", "umlaut.txt", "no body text"},
-    {"flowed", "stuff.txt"},
-    {"html_7bit", "umlaut.txt"},
-    {"html_base64", "umlaut.txt"},
-    {"html_no_body", "umlaut.txt"},
-    {"html_qp", "umlaut.txt"},
-    {"html_qp_soft", "umlaut.txt"},
-    {"iso2022jp", "ascii.txt"},
-    {"lf_only", "ascii.txt"},
-    {"mixed_attachment", "umlaut.txt"},
-    {"nested", "umlaut.txt"},
-    {"no_content_type", "umlaut.txt"},
-    {"no_content_type_ascii", "ascii.txt"},
-    {"no_end_boundary", "umlaut.txt"},
-    {"no_header_end", "umlaut.txt", "no empty line ends its header"},
-    {"no_last_newline", "umlaut.txt"},
-    {"pgp_inline", "umlaut.txt", "signed inline"},
-    {"pkcs7", "umlaut.txt", "no body text"},
-    {"plain_7bit", "ascii.txt"},
-    {"plain_7bit_umlaut", "umlaut.txt"},
-    {"plain_ascii_umlaut", "umlaut.txt"},
-    {"plain_base64", "umlaut.txt"},
-    {"plain_base64_latin1", "umlaut.txt"},
-    {"plain_latin1", "umlaut.txt"},
-    {"plain_latin1_euro", "euro.txt"},
-    {"plain_qp", "umlaut.txt"},
-    {"plain_utf8", "umlaut.txt"},
-    {"rfc822", "umlaut.txt"},
-    {"signed", "umlaut.txt", "no body text"},
-    {"signed_inside", "umlaut.txt"},
-    {"unknown_charset", "umlaut.txt", "its charset is not known"},
-    {"utf16", "umlaut.txt"},
-    {"windows_quotes", "euro.txt"},
-};
+std::vector<Row> Rows()
+{
+    std::vector<Row> rows;
+    for (const auto& fields : testing::ReadTable("mime/pairs.txt"))
+        rows.push_back({fields.at(0), fields.at(1), fields.size() > 2 ? fields[2] : ""});
+    return rows;
+}
 
 std::string Data(const std::string& name)
 {
@@ -95,17 +64,17 @@ class Disclaimer : public testing::Fixture
 
 TEST_F(Disclaimer, GoldenPairs)
 {
-    for (const Row& row : kRows) {
+    for (const Row& row : Rows()) {
         SCOPED_TRACE(row.name);
         log.Clear();
-        const std::string message = ReadFile(Data(std::string(row.name) + ".in.eml"));
+        const std::string message = ReadFile(Data(row.name + ".in.eml"));
         ASSERT_FALSE(message.empty());
         const std::string want =
-            row.reason ? message : ReadFile(Data(std::string(row.name) + ".want.eml"));
+            !row.reason.empty() ? message : ReadFile(Data(row.name + ".want.eml"));
         EXPECT_EQ(Insert(message, Data(row.text)), want);
         EXPECT_TRUE(inserted_);
-        EXPECT_EQ(log.Texts().size(), row.reason ? 1U : 0U);
-        EXPECT_TRUE(!row.reason || log.HasPart(row.reason));
+        EXPECT_EQ(log.Texts().size(), row.reason.empty() ? 0U : 1U);
+        EXPECT_TRUE(row.reason.empty() || log.HasPart(row.reason));
     }
 }
 
@@ -114,9 +83,9 @@ TEST_F(Disclaimer, AnotherMailLibraryReadsTheSame)
     std::string command = "/usr/bin/env python3 " DL_SOURCE
                           "/tests/platform/mime/compare_mail.py " +
                           DataPath("mime") + " notice.html";
-    for (const Row& row : kRows)
-        if (!row.reason)
-            command += std::string(" ") + row.name + ":" + row.text;
+    for (const Row& row : Rows())
+        if (row.reason.empty())
+            command += " " + row.name + ":" + row.text;
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
 }
 
@@ -126,28 +95,14 @@ TEST_F(Disclaimer, KeepsTheModeAndTheOldFileAfterAFailedWrite)
     const std::string file = Write("queue/m.msg", message);
     ASSERT_EQ(chmod(file.c_str(), 0640), 0);
     EXPECT_TRUE(InsertDisclaimers(file, Data("ascii.txt"), ""));
-    struct stat status {
-    };
+    struct stat status = {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640U);
 
-    struct FullDisk : FileBackend {
-        std::FILE* Open(const char* path, const char* mode) override
-        {
-            return PosixFiles().Open(path, mode);
-        }
-        bool Write(std::FILE*, const void*, std::size_t) override { return false; }
-        bool Close(std::FILE* open) override { return PosixFiles().Close(open); }
-        bool Remove(const char* path) override { return PosixFiles().Remove(path); }
-        bool Rename(const char* from, const char* to) override
-        {
-            return PosixFiles().Rename(from, to);
-        }
-    } full;
+    testing::FailingFiles disk;
+    disk.FailNth(testing::FileCall::kWrite, 1);
     log.ExpectError("Cannot write the disclaimers");
-    FileBackend* before = SetFileBackend(&full);
     EXPECT_EQ(Insert(message), message);
-    SetFileBackend(before);
     EXPECT_FALSE(inserted_);
 }
 
@@ -208,10 +163,9 @@ TEST_F(Disclaimer, QuotedPrintableEndings)
     const std::string header =
         "MIME-Version: 1.0\r\nContent-Transfer-Encoding: quoted-printable\r\n\r\n";
     const std::string text = Write("d.txt", "d\n");
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.body);
-        EXPECT_EQ(Insert(header + row.body, text), header + row.body + row.want + "d\r\n");
-    }
+    for (const auto& row : rows)
+        EXPECT_EQ(Insert(header + row.body, text), header + row.body + row.want + "d\r\n")
+            << row.body;
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
 #include "platform/mime/mime.h"
 
-#include <sys/stat.h>
-
 #include <clocale>
 #include <cstdint>
-#include <filesystem>
 #include <limits>
 
 #include "platform/files/files.h"
@@ -76,9 +73,7 @@ TEST_F(Mime, ReadsTheVersionOfTheMessage)
 TEST_F(Mime, GivesTypeAndSubtypeAsWritten)
 {
     const struct {
-        const char* header;
-        const char* type;
-        const char* subtype;
+        const char *header, *type, *subtype;
     } rows[] = {{"Subject: none", "null", "null"},
                 {"Content-Type: text/plain", "text", "plain"},
                 {"content-type:(c) TEXT / (d) HTML (e); charset=x", "TEXT", "HTML"},
@@ -97,28 +92,10 @@ TEST_F(Mime, GivesTypeAndSubtypeAsWritten)
     }
 }
 
-TEST_F(Mime, UndoesTheTransferEncodingOfABody)
+TEST_F(Mime, GivesAPieceOfABody)
 {
-    const struct {
-        const char* name;
-        const char* header;
-        const char* body;
-        const char* want;
-    } rows[] = {
-        {"no header says MIME", "", "subscribe\nmore\n", "subscribe\r\nmore\r\n"},
-        {"base64", "Content-Transfer-Encoding: base64\n", "c3Vic2NyaWJl\nIGRpZ2VzdA0K\n",
-         "subscribe digest\r\n"},
-        {"quoted-printable", "Content-Transfer-Encoding: Quoted-Printable\n",
-         "sub=73cribe =\ndigest\n", "subscribe digest\r\n"},
-        {"unknown encoding", "Content-Transfer-Encoding: x-rot13\n", "fhofpevor\n",
-         "fhofpevor\r\n"},
-        {"empty body", "", "", ""},
-        {"multipart without boundary", "Content-Type: multipart/mixed\n", "raw\n", "raw\r\n"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(Body(Parse(std::string("From: a@example.org\n") + row.header + "\n" + row.body)),
-                  row.want);
-    }
+    EXPECT_EQ(Body(Parse("Content-Transfer-Encoding: x-rot13\n\nfhof\n")), "fhof\r\n");
+    EXPECT_EQ(Body(Parse("Content-Type: multipart/mixed\n\nraw\n")), "raw\r\n") << "no boundary";
     const MimePart* top = Parse("Subject: x\n\n0123456789");
     EXPECT_EQ(Body(top, 3, 4), "3456");
     EXPECT_EQ(Body(top, 8, 100), "89");
@@ -179,9 +156,7 @@ TEST_F(Mime, LibraryMayBeStartedAgain)
 {
     for (int i = 0; i < 2; ++i) {
         InitKVTDll("DL Manager");
-        InitKVTDll("DL Manager");
-        EXPECT_EQ(Body(Parse("Subject: x\nContent-Type: text/plain; charset=utf-8\n\nbody")),
-                  "body");
+        EXPECT_EQ(Body(Parse("Subject: x\n\nbody")), "body");
         message_.reset();
         TerminateKVTDll();
     }

@@ -42,6 +42,11 @@ class SessionTest : public dl::testing::Fixture
         relay.data_timeout = std::chrono::milliseconds(3000);
         return relay;
     }
+    static void Connect(Session* session, const Relay& relay)
+    {
+        std::string problem;
+        ASSERT_TRUE(session->Open(relay, &problem)) << problem;
+    }
     static std::vector<std::string> Addresses(int count)
     {
         std::vector<std::string> addresses;
@@ -75,8 +80,7 @@ TEST_F(SessionTest, HandsSeveralMessagesOverOnOneConnection)
 {
     ScriptedRelay relay;
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const std::string long_line(998, 'l');
     const std::string text = "Subject: \xC3\xBC\r\n\r\n.\r\n..\r\n" + long_line + "\r\nend\r\n";
     Open(text);
@@ -111,96 +115,37 @@ TEST_F(SessionTest, GivesEachRecipientWhatTheRelaySaid)
     struct Row {
         const char* name;
         const char* verb;  // where it happens
-        RelayReaction reaction;
-        const char* want;
-        const char* line;  // of the first recipient
+        const char* reply;
+        bool closes;
+        const char *want, *line;  // of the first recipient
         bool stays_open;
     };
+    const char* const kClosed = "the relay closed the connection";
+    const char* const kBabble = "the relay sent a reply that cannot be understood";
     const Row rows[] = {
-        {"all goes well", "-", {}, "AARAA", "250 2.0.0 queued as 0", true},
-        {"sender refused for now", "MAIL", {"451 4.3.0 later"}, "LLLLL", "451 4.3.0 later", true},
-        {"sender refused",
-         "MAIL",
-         {"550-5.7.1 no\r\n550 5.7.1 never"},
-         "RRRRR",
-         "550 5.7.1 no never",
+        {"all goes well", "-", "", false, "AARAA", "250 2.0.0 queued as 0", true},
+        {"sender refused for now", "MAIL", "451 4.3.0 later", false, "LLLLL", "451 4.3.0 later",
          true},
-        {"leaves at the sender",
-         "MAIL",
-         {"421 4.3.2 down", true},
-         "LLLLL",
-         "421 4.3.2 down",
-         false},
-        {"closes at the sender",
-         "MAIL",
-         {"", true},
-         "LLLLL",
-         "the relay closed the connection",
-         false},
-        {"closes at the place of the message",
-         "DATA",
-         {"", true},
-         "LLRLL",
-         "the relay closed the connection",
-         false},
-        {"message refused before it is sent",
-         "DATA",
-         {"554 5.7.1 no"},
-         "RRRRR",
-         "554 5.7.1 no",
+        {"sender refused", "MAIL", "550-5.7.1 no\r\n550 5.7.1 never", false, "RRRRR",
+         "550 5.7.1 no never", true},
+        {"leaves at the sender", "MAIL", "421 4.3.2 down", true, "LLLLL", "421 4.3.2 down", false},
+        {"closes at the sender", "MAIL", "", true, "LLLLL", kClosed, false},
+        {"closes at the place of the message", "DATA", "", true, "LLRLL", kClosed, false},
+        {"message refused before it is sent", "DATA", "554 5.7.1 no", false, "RRRRR",
+         "554 5.7.1 no", true},
+        {"not ready for the message", "DATA", "451 4.3.1 full", false, "LLRLL", "451 4.3.1 full",
          true},
-        {"not ready for the message", "DATA", {"451 4.3.1 full"}, "LLRLL", "451 4.3.1 full", true},
-        {"takes DATA for done",
-         "DATA",
-         {"250 ok"},
-         "LLRLL",
-         "the relay sent a reply that cannot be understood",
-         false},
-        {"message refused for now", ".", {"452 4.3.1 full"}, "LLRLL", "452 4.3.1 full", false},
-        {"message refused", ".", {"554 5.6.0 virus"}, "RRRRR", "554 5.6.0 virus", false},
-        {"leaves after the dot", ".", {"421 4.3.2 down", true}, "LLRLL", "421 4.3.2 down", false},
-        {"closes after the dot",
-         ".",
-         {"", true},
-         "UURUU",
-         "the relay closed the connection",
-         false},
-        {"babbles after the dot",
-         ".",
-         {"thank you"},
-         "UURUU",
-         "the relay sent a reply that cannot be understood",
-         false},
-        {"continues after the dot without end",
-         ".",
-         {"250-more", true},
-         "UURUU",
-         "the relay closed the connection",
-         false},
-        {"leaves at a recipient",
-         "RCPT",
-         {"421 4.3.2 down", true},
-         "LLLLL",
-         "421 4.3.2 down",
-         false},
-        {"closes at a recipient",
-         "RCPT",
-         {"", true},
-         "LLLLL",
-         "the relay closed the connection",
-         false},
-        {"babbles at a recipient",
-         "RCPT",
-         {"what"},
-         "LLLLL",
-         "the relay sent a reply that cannot be understood",
-         false},
-        {"asks at a recipient",
-         "RCPT",
-         {"354 go on"},
-         "LLLLL",
-         "the relay sent a reply that cannot be understood",
-         false},
+        {"takes DATA for done", "DATA", "250 ok", false, "LLRLL", kBabble, false},
+        {"message refused for now", ".", "452 4.3.1 full", false, "LLRLL", "452 4.3.1 full", false},
+        {"message refused", ".", "554 5.6.0 virus", false, "RRRRR", "554 5.6.0 virus", false},
+        {"leaves after the dot", ".", "421 4.3.2 down", true, "LLRLL", "421 4.3.2 down", false},
+        {"closes after the dot", ".", "", true, "UURUU", kClosed, false},
+        {"babbles after the dot", ".", "thank you", false, "UURUU", kBabble, false},
+        {"continues after the dot without end", ".", "250-more", true, "UURUU", kClosed, false},
+        {"babbles at a recipient", "RCPT", "what", false, "LLLLL", kBabble, false},
+        {"asks at a recipient", "RCPT", "354 go on", false, "LLLLL", kBabble, false},
+        {"leaves at a recipient", "RCPT", "421 4.3.2 down", true, "LLLLL", "421 4.3.2 down", false},
+        {"closes at a recipient", "RCPT", "", true, "LLLLL", kClosed, false},
     };
     for (const bool pipelining : {true, false}) {
         for (const Row& row : rows) {
@@ -210,18 +155,16 @@ TEST_F(SessionTest, GivesEachRecipientWhatTheRelaySaid)
                 options.abilities = {};
             ScriptedRelay relay(
                 [&](const RelayStep& step) -> std::optional<RelayReaction> {
-                    if (step.verb == row.verb && step.transaction == 1 && step.recipient == 0)
-                        return row.reaction;
-                    if (step.verb == row.verb && step.transaction == 1 && step.verb != "RCPT")
-                        return row.reaction;
+                    if (step.verb == row.verb && step.transaction == 1 &&
+                        (step.recipient == 0 || step.verb != "RCPT"))
+                        return RelayReaction{row.reply, row.closes};
                     if (step.verb == "RCPT" && step.line.find("<r2@") != std::string::npos)
                         return RelayReaction{"550 5.1.1 unknown"};
                     return std::nullopt;
                 },
                 options);
             Session session;
-            std::string problem;
-            ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+            Connect(&session, At(relay));
             const TransactionResult result = Send(session, Addresses(5));
             EXPECT_EQ(Outcomes(result), row.want);
             EXPECT_EQ(result.recipients[0].Line(), row.line);
@@ -253,11 +196,11 @@ TEST_F(SessionTest, EndsAnEmptyMessageThatNobodyIsToGet)
             },
             options);
         Session session;
-        std::string problem;
-        ASSERT_TRUE(session.Open(At(relay, lmtp), &problem)) << problem;
+        Connect(&session, At(relay, lmtp));
         EXPECT_EQ(Outcomes(Send(session, Addresses(3))), "RRR");
         if (lmtp) {  // it has no reply for nobody, so the connection is not used again
-            ASSERT_TRUE(!session.IsOpen() && session.Open(At(relay, lmtp), &problem));
+            EXPECT_FALSE(session.IsOpen());
+            Connect(&session, At(relay, lmtp));
         }
         EXPECT_EQ(Outcomes(Send(session, {"next@example.org"})), "A");
         for (const RelayedMessage& got : relay.Messages())
@@ -274,8 +217,7 @@ TEST_F(SessionTest, SendsNothingToARelayThatHasLostItsWay)
         return step.verb == "RCPT" ? std::optional(RelayReaction{"250 ok"}) : std::nullopt;
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     EXPECT_EQ(Outcomes(Send(session, Addresses(3))), "LLL");
     EXPECT_FALSE(session.IsOpen());
     EXPECT_TRUE(relay.Messages().empty());
@@ -294,8 +236,7 @@ TEST_F(SessionTest, TellsTooManyRecipientsFromAFullMailbox)
             return std::nullopt;
         });
         Session session;
-        std::string problem;
-        ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+        Connect(&session, At(relay));
         EXPECT_EQ(Outcomes(Send(session, Addresses(6))), want) << reply;
     }
     // The first of a transaction cannot be one too many.
@@ -303,8 +244,7 @@ TEST_F(SessionTest, TellsTooManyRecipientsFromAFullMailbox)
         return step.verb == "RCPT" ? std::optional(RelayReaction{"452 no"}) : std::nullopt;
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(full), &problem)) << problem;
+    Connect(&session, At(full));
     EXPECT_EQ(Outcomes(Send(session, Addresses(2))), "LL");
 }
 
@@ -342,8 +282,7 @@ TEST_F(SessionTest, RefusesWhatTheRelayCannotTake)
     options.abilities = {"SIZE 1000"};
     ScriptedRelay relay(nullptr, options);
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const TransactionResult result =
         Send(session, {"m\xC3\xBCller@example.org", "a@example.org",
                        "b@example.org>\r\nRCPT TO:<evil@example.org", "no address",
@@ -364,30 +303,26 @@ TEST_F(SessionTest, RefusesWhatTheRelayCannotTake)
 TEST_F(SessionTest, SaysWhyARelayCannotBeUsed)
 {
     struct Row {
-        const char* name;
-        const char* verb;
-        RelayReaction reaction;
+        const char *verb, *reply;
+        bool closes;
         const char* problem;  // empty: it can
     };
     const Row rows[] = {
-        {"greeting refuses",
-         "CONNECT",
-         {"554 5.3.2 not now", true},
-         "it answered 554 5.3.2 not now"},
-        {"too busy", "CONNECT", {"421 busy", true}, "it answered 421 busy"},
-        {"another service",
-         "CONNECT",
-         {"SSH-2.0-x"},
-         "the relay sent a reply that cannot be understood"},
-        {"closes", "CONNECT", {"", true}, "the relay closed the connection"},
-        {"stalls", "CONNECT", {"", false, true}, "the relay did not answer in time"},
-        {"knows no extensions", "EHLO", {"502 what?"}, ""},
-        {"leaves at EHLO", "EHLO", {"421 bye", true}, "it answered 421 bye"},
+        {"CONNECT", "554 5.3.2 not now", true, "it answered 554 5.3.2 not now"},
+        {"CONNECT", "421 busy", true, "it answered 421 busy"},
+        {"CONNECT", "SSH-2.0-x", false, "the relay sent a reply that cannot be understood"},
+        {"CONNECT", "", true, "the relay closed the connection"},
+        {"CONNECT", "", false, "the relay did not answer in time"},
+        {"EHLO", "502 what?", false, ""},
+        {"EHLO", "421 bye", true, "it answered 421 bye"},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.problem);
         ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
-            return step.verb == row.verb ? std::optional(row.reaction) : std::nullopt;
+            const bool stalls = !*row.reply && !row.closes;
+            return step.verb == row.verb
+                       ? std::optional(RelayReaction{row.reply, row.closes, stalls})
+                       : std::nullopt;
         });
         Session session;
         std::string problem;
@@ -454,8 +389,7 @@ TEST_F(SessionTest, TenThousandRecipientsInOneTransaction)
         return RelayReaction{(step.recipient % 10 == 9 ? "550 5.1.1 " : "250 2.1.5 ") + padding};
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const TransactionResult result = Send(session, Addresses(10'000));
     EXPECT_EQ(result.accepted, 9000U);
     for (std::size_t i = 0; i < result.recipients.size(); ++i)
@@ -474,8 +408,7 @@ TEST_F(SessionTest, HearsARefusalInTheMiddleOfTheMessage)
         return std::nullopt;
     });
     Session session;
-    std::string problem;
-    ASSERT_TRUE(session.Open(At(relay), &problem)) << problem;
+    Connect(&session, At(relay));
     const TransactionResult result = Send(session, {"a@example.org"});
     EXPECT_EQ(result.recipients[0].Line(), "552 5.3.4 too much");
     EXPECT_EQ(Outcomes(result), "R");
