@@ -26,6 +26,24 @@ class ErrorsOnly : public dl::LogSink
     }
 };
 
+// Commands that look at everything and make nothing in the service's folders; what "check --fix"
+// makes there it gives to the service.
+bool OnlyLooks(const CLI::App& program)
+{
+    for (const char* name : {"status", "check", "explain", "metrics"})
+        if (program.got_subcommand(name))
+            return true;
+    return false;
+}
+
+// Root's files in the queue or in a data folder would be out of the service's reach.
+void LeaveRoot()
+{
+    std::string error;
+    if (!dl::BecomeOwnerOf(dl::DataPath(), &error))
+        throw std::runtime_error(error);
+}
+
 int Run(int argc, char** argv)
 {
     ErrorsOnly errors;
@@ -40,11 +58,9 @@ int Run(int argc, char** argv)
         ->each([](const std::string& name) { dl::SetConfigFolder(name); });
     dl::SetConfigReporter(
         [](const std::string& problem) { std::fprintf(stderr, "dlctl: %s\n", problem.c_str()); });
-    // Root's files in the queue or in a data folder would be out of the service's reach.
-    program.parse_complete_callback([] {
-        std::string error;
-        if (!dl::BecomeOwnerOf(dl::DataPath(), &error))
-            throw std::runtime_error(error);
+    program.parse_complete_callback([&program] {
+        if (!OnlyLooks(program))
+            LeaveRoot();
     });
     int status = 0;
     dl::AddStatusCommands(&program, &status);
