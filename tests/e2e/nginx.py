@@ -58,7 +58,7 @@ class Served(unittest.TestCase):
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=lists.example.org", "-days", "1",
                         "-keyout", cls.dir / "key", "-out", cls.dir / "certificate"], check=True, capture_output=True, timeout=60)
         text = (SOURCE / "deploy/nginx/dlmanager-archives.conf").read_text()
-        for there, here in (("/var/lib/dlmanager", str(cls.data)), ("listen 443", f"listen 127.0.0.1:{cls.port}"),
+        for there, here in (("/var/lib/dlmanager/data", str(cls.data)), ("listen 443", f"listen 127.0.0.1:{cls.port}"),
                             ("/etc/ssl/certs/lists.example.org.pem", f"{cls.dir}/certificate"),
                             ("/etc/ssl/private/lists.example.org.key", f"{cls.dir}/key")):
             assert there in text, there
