@@ -30,6 +30,7 @@ static_assert(kMetricCount <= kPlaces);
 
 using Number = std::atomic<std::uint64_t>;
 static_assert(Number::is_always_lock_free && sizeof(Number) == 8);
+static_assert(std::atomic<char>::is_always_lock_free && sizeof(std::atomic<char>) == 1);
 
 // The file, byte by byte, in this machine's order. The writer makes `turn` odd, changes the error,
 // and makes it even: whoever reads it between sees that and reads again.
@@ -39,7 +40,7 @@ struct Layout {
     std::uint32_t order;  // kOrder: another machine's file is no file of ours
     Number turn;
     Number error_at;
-    char error[kErrorBytes];
+    std::atomic<char> error[kErrorBytes];
     Number values[kPlaces];
 };
 static_assert(sizeof(Layout) == 8 + 8 + 16 + kErrorBytes + 8 * kPlaces);
@@ -55,8 +56,9 @@ void KeepError(const std::string& escaped)
     Layout& file = *current.load();
     const std::size_t size = std::min(escaped.size(), kErrorBytes - 1);
     file.turn.fetch_or(1);
-    std::memcpy(file.error, escaped.data(), size);
-    file.error[size] = '\0';
+    for (std::size_t i = 0; i < size; ++i)
+        file.error[i].store(escaped[i], std::memory_order_relaxed);
+    file.error[size].store('\0', std::memory_order_relaxed);
     file.error_at.store(static_cast<std::uint64_t>(Now()));
     file.turn.fetch_add(1);
     Count(Metric::kErrors);
@@ -232,8 +234,8 @@ bool ReadMetrics(const std::string& folder, const std::string& program, MetricsS
     for (int tries = 0; tries < kTries; ++tries) {
         const std::uint64_t turn = file->turn.load();
         char text[kErrorBytes];
-        std::memcpy(text, file->error, sizeof text);
-        std::atomic_thread_fence(std::memory_order_acquire);
+        for (std::size_t i = 0; i < kErrorBytes; ++i)
+            text[i] = file->error[i].load(std::memory_order_acquire);  // `turn` is read after it
         snapshot->last_error_at = static_cast<std::int64_t>(file->error_at.load());
         text[kErrorBytes - 1] = '\0';
         snapshot->last_error = EscapeForLog(text);
