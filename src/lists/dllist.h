@@ -99,6 +99,8 @@ class dllist
     [[nodiscard]] const _mailinglist* Record(const std::string& list) const;
     [[nodiscard]] const _mailinglist* AtCursor() const;
     [[nodiscard]] bool Connect(ldapClient* client);
+    // All list entries; false, and logged, when the directory gives no whole answer.
+    [[nodiscard]] bool FindLists(SearchReq* found);
     [[nodiscard]] bool ReadLists();
     [[nodiscard]] bool Load(SearchReq* found);
     void CountRefresh(bool done) const;

@@ -84,6 +84,18 @@ bool dllist::Connect(ldapClient* client)
     return directory_reachable_;
 }
 
+bool dllist::FindLists(SearchReq* found)
+{
+    ldapClient client;
+    if (!Connect(&client))
+        return false;
+    *found = client.ldapClientSearch(nullptr, kSubtree, false, kAllLists);
+    client.ldapClientUnbind();
+    if (found->failed)
+        DlLog(1, "Could not read the mailing lists from Directory Server");
+    return !found->failed;
+}
+
 bool dllist::InitCache()
 {
     const bool done = ReadLists();
@@ -94,15 +106,10 @@ bool dllist::InitCache()
 bool dllist::ReadLists()
 {
     DeleteCache();
-    ldapClient client;
-    if (!Connect(&client))
-        return false;
-    SearchReq found = client.ldapClientSearch(nullptr, kSubtree, false, kAllLists);
-    client.ldapClientUnbind();
-    if (found.failed) {
+    SearchReq found;
+    if (!FindLists(&found)) {
         // Taken as "no lists", half an answer would bounce every posting as sent to an unknown
         // list.
-        DlLog(1, "Could not read the mailing lists from Directory Server");
         directory_reachable_ = false;
         return false;
     }
@@ -169,15 +176,9 @@ bool dllist::Load(SearchReq* found)
 
 bool dllist::AddCache(const std::string& list)
 {
-    ldapClient client;
-    if (!Connect(&client))
+    SearchReq found;
+    if (!FindLists(&found))
         return false;
-    SearchReq found = client.ldapClientSearch(nullptr, kSubtree, false, kAllLists);
-    client.ldapClientUnbind();
-    if (found.failed) {
-        DlLog(1, "Could not read the mailing lists from Directory Server");
-        return false;
-    }
     if (found.Empty()) {
         DlLog(6, "There is no mailing listing available in the Directory Server");
         return false;
