@@ -7,8 +7,9 @@
 // its removal comes after all others, and after Queue/MaxAttempts (default 5) such hand-outs it is
 // moved to channel "dlhold". Any number of processes may do both at once. Null, false and
 // kQueueFailed say that the queue failed: the queue has then logged the cause in one level 1 line
-// ("the disk is full"), the caller owns the line that says what this means for the message. The
-// queue logs nothing else but what it moves to "dlhold", at level 1. The contexts are used by one
+// ("the disk is full"), the caller owns the line that says what this means for the message. Why a
+// channel cannot be read is logged once, and once that it can be again. The queue logs nothing else
+// but what it moves to "dlhold", at level 1. The contexts are used by one
 // thread at a time, different contexts by different threads. MQInit is called after the last fork;
 // a child of fork() cannot use the queue that its parent opened.
 #pragma once

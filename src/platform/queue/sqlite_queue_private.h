@@ -70,7 +70,8 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
         std::string channel;
         bool pass_open = false;
         std::vector<std::uint32_t>
-            unwritten;  // removals that failed; never handed out again from here
+            unwritten;        // removals that failed; never handed out again from here
+        std::string problem;  // why the last Take failed; told once, until it is over
     };
     struct Removals {
         std::vector<std::uint32_t> gone;  // entries that left the queue
@@ -119,6 +120,8 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     Taken TakeOne(const Reader& reader);
     Taken TakeRow(const Reader& reader);
     bool HasRoomFor(std::uint32_t id);
+    long TellUnread(Reader& reader, const std::string& cause) const;
+    void TellRead(Reader& reader) const;
     void TellHeld(const Reader& reader, const Taken& taken) const;
     bool FreeDeadReaders();
     bool GiveBack(Reader& reader, Removals* removals);

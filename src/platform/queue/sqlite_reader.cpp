@@ -1,6 +1,8 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "platform/metrics/metrics.h"
 #include "platform/queue/sqlite_queue_private.h"
 
@@ -36,7 +38,7 @@ std::int64_t SqliteQueue::BeginReader(const std::string& channel)
         }
         // Claimed before anything can bear the number.
         if (!index_.Failed() && number >= 0 && files_.ClaimReader(number) && transaction.Commit()) {
-            readers_[number] = {number, channel, false, {}};
+            readers_[number] = {number, channel, false, {}, {}};
             return number;
         }
     }
@@ -106,22 +108,36 @@ long SqliteQueue::Take(std::int64_t reader)
     bool read = place->second.pass_open || OpenPass(place->second);
     while (read) {
         const Taken taken = TakeOne(place->second);
+        if (taken.how == Taken::kMessage || taken.how == Taken::kNone)
+            TellRead(place->second);
         if (taken.how == Taken::kMessage)
             return static_cast<long>(taken.id);
         if (taken.how == Taken::kNone) {
             EraseRemoved(false);
             return kNoMessage;
         }
-        if (taken.how == Taken::kNoRoom) {
-            Complain("Channel %s of the message queue cannot be read: the disk is full",
-                     place->second.channel.c_str());
-            return kQueueFailed;
-        }
+        if (taken.how == Taken::kNoRoom)
+            return TellUnread(place->second, PlainError(ENOSPC));
         read = taken.how == Taken::kHeld;
     }
-    Complain("Channel %s of the message queue cannot be read: %s", place->second.channel.c_str(),
-             Cause().c_str());
+    return TellUnread(place->second, Cause());
+}
+
+// A reader that looks every second must not fill the log, least of all that of a full disk.
+long SqliteQueue::TellUnread(Reader& reader, const std::string& cause) const
+{
+    if (reader.problem != cause)
+        Complain("Channel %s of the message queue cannot be read: %s", reader.channel.c_str(),
+                 cause.c_str());
+    reader.problem = cause;
     return kQueueFailed;
+}
+
+void SqliteQueue::TellRead(Reader& reader) const
+{
+    if (!reader.problem.empty())
+        Complain("Channel %s of the message queue can be read again", reader.channel.c_str());
+    reader.problem.clear();
 }
 
 SqliteQueue::Taken SqliteQueue::TakeOne(const Reader& reader)

@@ -177,6 +177,7 @@ TEST_F(QueueFault, NothingIsLostOrSilentWhileNothingCanBeWritten)
     log.ExpectError("cannot be taken out of channel dl of the message queue: the index cannot be");
     log.ExpectError("Channel dl of the message queue cannot be read: the index cannot be");
     log.ExpectError("Channel other of the message queue cannot be read: the index cannot be");
+    log.ExpectError("Channel dl of the message queue can be read again");
     log.ExpectError("cannot be removed from the message queue: the index cannot be");
     {
         const NoRoom no_room;
@@ -194,6 +195,7 @@ TEST_F(QueueFault, NothingIsLostOrSilentWhileNothingCanBeWritten)
     }
     // The removal that failed is done before anything is handed out: nobody gets the message twice.
     EXPECT_EQ(Pass(channel, true), Texts{});
+    EXPECT_EQ(Errors(), 1);
     EXPECT_EQ(Files(), 0U);
     const unsigned long id = Put("after");
     {
@@ -232,10 +234,19 @@ TEST_F(QueueFault, AFullDiskIsAClearErrorAndNothingIsLost)
     }
     EXPECT_EQ(refused, 3);
     EXPECT_EQ(Errors(), 3);
+    // Who looks every second is told once, and once that it is over.
+    log.ExpectError("Channel dl of the message queue cannot be read: the disk is full");
+    log.ExpectError("Channel dl of the message queue can be read again");
+    MQContext* channel = OpenMQChannel("dl");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(GetFirstMessage(channel, false), kQueueFailed);
+    EXPECT_EQ(Errors(), 1);
     disk.Free();
     EXPECT_NE(Put("last"), 0U);
     accepted.emplace_back("last");
-    EXPECT_EQ(Drain("dl"), accepted);
+    EXPECT_EQ(Pass(channel, true), accepted);
+    EXPECT_EQ(Errors(), 1);
+    EXPECT_TRUE(CloseMQChannel(channel));
     MQEnd();
 }
 
