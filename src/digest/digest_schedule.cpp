@@ -1,6 +1,8 @@
 #include "digest/digest_schedule.h"
 
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include "digest/digest.h"
 #include "lists/dllist.h"
@@ -50,9 +52,13 @@ void RunDigestSchedule(const std::string& channel)
 {
     const std::time_t now = Now();
     dllist& cache = ListCache();
+    // Sending moves the cache's cursor, to the first of two lists of one name: all are named first.
+    std::vector<std::string> lists;
     for (const char* list = cache.GetFirstList(); list; list = cache.GetNextList())
         if (IsSafeFolderName(list))
-            SendWhenDue(list, now, channel);
+            lists.emplace_back(list);
+    for (const std::string& list : lists)
+        SendWhenDue(list, now, channel);
 }
 
 }  // namespace dl

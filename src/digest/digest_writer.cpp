@@ -137,8 +137,7 @@ bool DigestWriter::AddMime(const std::string& posting)
 {
     return message_.Print("\r\n--%s\r\n", inner_.c_str()) &&
            message_.Print("Content-type: message/rfc822\r\n\r\n") &&
-           message_.CopyFile(posting, kBuffer) == GeneratedMessage::Copied::kDone &&
-           (message_.EndsLine() || message_.Print("\r\n"));  // a boundary begins its line
+           message_.CopyFile(posting, kBuffer) == GeneratedMessage::Copied::kDone;
 }
 
 bool DigestWriter::Mime(const DigestFolder& folder)
@@ -152,7 +151,8 @@ bool DigestWriter::Mime(const DigestFolder& folder)
                "Error writing <Content-type> to message digest"))
         return false;
     return EachPosting(folder, [this](const std::string& posting) { return AddMime(posting); }) &&
-           Check(message_.Print("--%s--\r\n", inner_.c_str()) &&
+           Check((message_.EndsLine() || message_.Print("\r\n")) &&  // a boundary begins its line
+                     message_.Print("--%s--\r\n", inner_.c_str()) &&
                      message_.Print("--%s--\r\n", outer_.c_str()),
                  "Error writing boundary to message digest");
 }

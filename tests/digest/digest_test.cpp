@@ -14,7 +14,7 @@ constexpr char kTopics[] = "   1.  Frost\r\n   2.  No subject\r\n";
 constexpr char kFirst[] =
     "Received: from DL manager by mail.example.org\r\nSubject: Frost\r\nMIME-Version: 1.0\r\n"
     "Content-Type: text/plain;\r\n\tcharset=utf-8\r\nFrom: anna@example.com\r\n\r\n"
-    "Cover the roses.\r\nContent-Type: stays in the body\r\n";
+    "Cover the roses.\r\nContent-Type: stays in the body";
 constexpr char kSecond[] = "From: bert@example.net\r\n\r\n.\r\nFrom here on, no end";
 
 class Digest : public FaultSite

@@ -97,5 +97,23 @@ TEST_F(Schedule, ListWithoutFileGetsNoDigestAndAFailedOneWaits)
     EXPECT_EQ(On().size(), 1U) << "with the posting of the day before";
 }
 
+// Neither which list the sending looks at, nor a moment that cannot be kept, holds up the walk.
+TEST_F(Schedule, ListThatStandsTwiceIsLookedAtTwice)
+{
+    Use("listmember: Digest;dora@example.com\n\ndn: "
+        "mail=garden@lists.example.org,dc=b\nobjectClass: qvlist\n"
+        "mail: garden@lists.example.org\n");
+    Due("1");
+    std::filesystem::remove(Path("data/" + std::string(kGarden) + "/digest/digest.dt"));
+    std::filesystem::create_symlink("/dev/full",
+                                    Path("data/" + std::string(kGarden) + "/digest/digest.dt"));
+    for (int i = 1; i <= 10; ++i)
+        queue->FailNth(QueueCall::kCreate, i);
+    log.ExpectError("Unable to create a new entry in Message Queue");
+    log.ExpectError("Unable to write file: ");
+    RunDigestSchedule("dlout");
+    EXPECT_EQ(queue->Calls(), "create create");
+}
+
 }  // namespace
 }  // namespace dl::testing

@@ -87,7 +87,10 @@ FileWriter::FileWriter(const std::string& path, const char* mode)
 }
 
 FileWriter::FileWriter(FileWriter&& other) noexcept
-    : file_(std::exchange(other.file_, nullptr)), ok_(other.ok_), written_(other.written_)
+    : file_(std::exchange(other.file_, nullptr)),
+      ok_(other.ok_),
+      written_(other.written_),
+      last_(other.last_)
 {
 }
 
