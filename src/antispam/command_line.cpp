@@ -55,13 +55,14 @@ std::optional<CommandLine> BuildCommandLine(const std::string& setting, const Pl
     command.text = command.feeds_message ? "|" : "";
     for (std::size_t from = command.feeds_message ? 1 : 0; from < setting.size();) {
         const std::size_t blank = std::min(setting.find(' ', from), setting.size());
-        if (blank > from) {
-            const auto word = Fill(setting.substr(from, blank - from), values);
-            if (!word)
-                return std::nullopt;
-            command.text += (command.words.empty() ? "" : " ") + *word;
+        const auto word = Fill(setting.substr(from, blank - from), values);
+        if (!word)
+            return std::nullopt;
+        command.text += *word;
+        if (blank > from)
             command.words.push_back(*word);
-        }
+        if (blank < setting.size())
+            command.text += ' ';
         from = blank + 1;
     }
     if (command.words.empty())

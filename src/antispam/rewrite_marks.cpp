@@ -6,6 +6,7 @@
 #include "antispam/spam_log.h"
 #include "platform/address/address.h"
 #include "platform/files/files.h"
+#include "platform/log/format.h"
 
 namespace dl
 {
@@ -47,7 +48,7 @@ bool ChangeSubject(const std::string& source, const std::string& destination,
     std::string text = subject;  // a setting, which must not end the header
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; }, ' ');
-    const std::string header = "Subject: " + text + "\r\n";
+    const std::string header = FormatText("Subject: %s\r\n", text.c_str());
     enum { kSearching, kInSubject, kWritten } state = kSearching;
     const int result = CopyLines(source, destination, [&](std::string_view line) -> std::string {
         if (state == kInSubject) {

@@ -15,8 +15,8 @@ namespace dl
 {
 
 // 2: the address is a member already, in any mode; 1: the change was asked for (a refusal is only
-// logged); 0: the list's owner decides, and got the request; -1: no directory, no memory, or no
-// owner copy.
+// logged); 0: the list's owner decides, and got the request; -1: no directory, or no owner
+// copy.
 [[nodiscard]] int AddListMember(const Incoming& message, const std::string& member,
                                 const std::string& list, const std::string& channel, bool digest);
 // 0 also when the address was no member; -1 as above.

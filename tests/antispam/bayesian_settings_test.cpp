@@ -131,6 +131,7 @@ TEST(BayesianCommandLine, ValuesFromMail)
         {"words stay one", "/bin/c %F x", "\"a -x /etc/passwd\"@b",
          "/bin/c \"a -x /etc/passwd\"@b x"},
         {"no placeholder within", "/bin/c %F", "%M@b", "/bin/c %M@b"},
+        {"blanks as they are set", "| /bin/c  -s %F ", "a@b", "| /bin/c  -s a@b "},
         {"an option", "/bin/c %F", "-o/etc/passwd@b", "-"},
 
         {"line break", "/bin/c %F", "a\nb@c", "-"},
