@@ -49,6 +49,7 @@ dllist::~dllist()
 
 void dllist::DeleteCache()
 {
+    index_.clear();
     records_.clear();
     records_.shrink_to_fit();
     loaded_ = false;
@@ -56,13 +57,13 @@ void dllist::DeleteCache()
 
 std::int32_t dllist::Find(const std::string& list) const
 {
-    std::int32_t index = 0;
-    for (const _mailinglist& record : records_) {
-        if (EqualNoCase(record.name, list))
-            return index;
-        ++index;
-    }
-    return -1;
+    const auto found = index_.find(LowerCase(list));
+    return found == index_.end() ? -1 : found->second;
+}
+
+void dllist::AddToIndex(std::int32_t record)
+{
+    index_.emplace(LowerCase(records_[static_cast<std::size_t>(record)].name), record);
 }
 
 const _mailinglist* dllist::Record(const std::string& list) const

@@ -11,6 +11,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "antispam/spam_checker.h"
 #include "lists/mailing_list.h"
@@ -96,6 +97,7 @@ class dllist
 
  private:
     [[nodiscard]] std::int32_t Find(const std::string& list) const;  // -1: not cached
+    void AddToIndex(std::int32_t record);
     [[nodiscard]] const _mailinglist* Record(const std::string& list) const;
     [[nodiscard]] const _mailinglist* AtCursor() const;
     [[nodiscard]] bool Connect(ldapClient* client);
@@ -111,6 +113,7 @@ class dllist
     bool directory_reachable_ = false;
     bool loaded_ = false;  // the records exist, be there none
     std::deque<_mailinglist> records_;
+    std::unordered_map<std::string, std::int32_t> index_;  // by name in lower case; the first one
     std::int32_t list_cursor_ = -1;
     std::int32_t immediate_cursor_ = -1;
     std::int32_t digest_cursor_ = -1;

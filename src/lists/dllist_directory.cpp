@@ -162,6 +162,7 @@ bool dllist::Load(SearchReq* found)
                 const std::string name = *mail;
                 DlLog(6, "Try loading all list members for mailing list %s", name.c_str());
                 LoadMailingList(name, &entry, &records_.emplace_back());
+                AddToIndex(Count() - 1);
             }
             entry = SearchEntry();
         }
@@ -192,6 +193,7 @@ bool dllist::AddCache(const std::string& list)
         const std::size_t before = records_.size();
         try {
             LoadMailingList(list, &entry, &records_.emplace_back());
+            AddToIndex(Count() - 1);
         } catch (const std::bad_alloc&) {
             records_.resize(before);
             DlLog(6,
