@@ -7,7 +7,9 @@
 // confirms are removed after "DlManager"/"CNFTimeOut" days. Main thread.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "requests/incoming.h"
 
@@ -48,8 +50,7 @@ void ExpireConfirmations();
 [[nodiscard]] std::string PendingPath(const std::string& list, std::uint32_t id);
 
 // What a reply's subject asks to confirm: the phrase of a confirmation request, in any case and
-// behind any prefix, then
-// "(xxxxxxxx)". For one header line.
+// behind any prefix, then "(xxxxxxxx)" with eight hexadecimal digits. For one header line.
 struct ConfirmationSubject {
     bool found = false;
     enum class Kind { kSubscription, kUnsubscription, kArchive } kind = Kind::kSubscription;
