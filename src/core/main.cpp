@@ -29,14 +29,16 @@ int main()
     // In this order, so that they go the other way round at exit.
     (void)dl::ListCache();
     (void)dl::SharedArchive();
-    if (dl::RunInBackground() != 0) {
-        dl::DlLog(1, "failed to fork child process");
-        return -1;
-    }
+    const bool forked = dl::RunInBackground() == 0;
     dl::SetConfigReporter([](const std::string& problem) { dl::DlLog(1, "%s", problem.c_str()); });
     std::string error;
     if (!dl::OpenLog(dl::ReadLogSettings(), "dlmanager", &error))
         dl::DlLog(1, "The log cannot be opened, using standard error: %s", error.c_str());
+    if (!forked) {
+        dl::DlLog(1, "failed to fork child process");
+        dl::CloseLog();
+        return -1;
+    }
     dl::Service service;
     const int result = service.Run();
     if (dl::ArchiveWorkerRuns())

@@ -1,7 +1,7 @@
 // dllist: the cache of all mailing lists, from which every decision about a message is answered.
 //
-// One object per process, made before main begins; the archive worker has one of its own. Loaded by
-// InitCache, reloaded by RefreshCache, grown by AddCache when an unknown list turns up in the
+// One object per process, the first that main makes; the archive worker has one of its own. Loaded
+// by InitCache, reloaded by RefreshCache, grown by AddCache when an unknown list turns up in the
 // directory. A list is found by its whole address, without regard to case; the first match wins.
 // Texts that a query returns belong to the cache and live until the next refresh or DeleteCache.
 // The directory operations open a connection each, and log what fails. Not locked: one thread.
