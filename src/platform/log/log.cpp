@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -27,6 +28,13 @@ std::shared_ptr<OpenedLog> Opened()
 {
     const std::lock_guard<std::mutex> guard(opened_mutex);
     return opened;
+}
+
+void AppendHex(unsigned char c, std::string* out)
+{
+    char code[8];
+    std::snprintf(code, sizeof code, "\\x%02X", c);
+    *out += code;
 }
 
 }  // namespace
@@ -83,7 +91,7 @@ int LogMessage(int level, const char* module, const char* text)
         log->Write(level, module, escaped);
     else
         std::fprintf(stderr, "%d %s: %s\n", level, module, escaped.c_str());
-    return static_cast<int>(escaped.size());
+    return static_cast<int>(std::strlen(text));
 }
 
 int LogFormatted(int level, const char* module, std::size_t size, const char* format, va_list args)
@@ -126,18 +134,21 @@ std::string EscapeForLog(const char* text)
     std::string out;
     for (const char* p = text; *p; ++p) {
         const auto c = static_cast<unsigned char>(*p);
-        if (c >= 0x20 && c != 0x7f) {
-            out += *p;
-        } else if (c == '\n') {
+        const auto next = static_cast<unsigned char>(p[1]);
+        if (c == '\n') {
             out += "\\n";
         } else if (c == '\r') {
             out += "\\r";
         } else if (c == '\t') {
             out += "\\t";
+        } else if (c < 0x20 || c == 0x7f) {
+            AppendHex(c, &out);
+        } else if (c == 0xC2 && next >= 0x80 && next < 0xA0) {
+            AppendHex(c, &out);  // a C1 control in UTF-8, which terminals obey
+            AppendHex(next, &out);
+            ++p;
         } else {
-            char code[8];
-            std::snprintf(code, sizeof code, "\\x%02X", c);
-            out += code;
+            out += *p;
         }
     }
     return out;

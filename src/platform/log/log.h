@@ -64,8 +64,8 @@ LogSink* SetLogSink(LogSink* sink);
 using ErrorListener = void (*)(const std::string& escaped);
 void SetErrorListener(ErrorListener listener);
 
-// `text` as it may stand in a log line: control characters written as escapes, other bytes
-// unchanged.
+// `text` as it may stand in a log line: control characters, those of UTF-8 among them, written as
+// escapes, other bytes unchanged.
 std::string EscapeForLog(const char* text);
 
 }  // namespace dl
