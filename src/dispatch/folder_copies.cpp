@@ -62,23 +62,37 @@ void FileInArchive(const std::string& list, const std::string& digest_copy,
     }
 }
 
-// The number of lines in a file.
+// The number of lines in a file, 0 when there is none; -1 when it cannot be opened.
 int CountLines(const std::string& path)
 {
     LineReader in(path);
+    if (!in.IsOpen())
+        return FileSize(path) < 0 ? 0 : -1;
     int lines = 0;
     while (const auto line = in.Next())
         lines += line->back() == '\n' ? 1 : 0;
     return lines;
 }
 
+// One line in any case: of a subject with a NUL byte what stands before it, and a line end for one
+// that the message's end has cut off.
+std::string TopicOf(const std::optional<std::string>& subject)
+{
+    std::string topic = subject ? subject->c_str() : " No subject\r\n";
+    if (topic.empty() || topic.back() != '\n')
+        topic += "\r\n";
+    return topic;
+}
+
 void AddTopic(const std::string& path, const std::optional<std::string>& subject)
 {
-    const int number = CountLines(path) + 1;
-    FileWriter out(path, "ab");
+    const int lines = CountLines(path);
     // A folder that is missing has been told of by the copy; the line is only for the digest's
     // table of contents.
-    (void)out.Print("%4d. %s", number, subject ? subject->c_str() : " No subject\r\n");
+    if (lines < 0)
+        return;
+    FileWriter out(path, "ab");
+    (void)out.Print("%4d. %s", lines + 1, TopicOf(subject).c_str());  // Close says what failed
     if (out.IsOpen() && !out.Close())
         DlLog(1, "Unable to write file: %s", path.c_str());
 }

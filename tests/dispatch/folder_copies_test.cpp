@@ -70,6 +70,31 @@ TEST_F(FolderCopies, PostingsAreKeptByteForByteAndCounted)
               "   1.  hi\r\n   2.  No subject\r\n   3.  =?utf-8?q?third?=\r\n");
 }
 
+TEST_F(FolderCopies, EachPostingHasALineOfTopics)
+{
+    const struct {
+        const char* name;
+        std::string subject;
+        const char* line;
+    } rows[] = {
+        {"usual", " hi\r\n", "   1.  hi\r\n"},
+        {"line feed alone", " hi\n", "   2.  hi\n"},
+        {"cut off by the end of the message", " hi", "   3.  hi\r\n"},
+        {"nothing before the end of the message", "", "   4. \r\n"},
+        {"NUL in it", std::string(" a\0b\r\n", 6), "   5.  a\r\n"},
+    };
+    std::string all;
+    for (const auto& row : rows) {
+        Keep(kGarden, row.subject);
+        all += row.line;
+        EXPECT_EQ(ReadFile(Of(kGarden, "digest/subject.txt")), all) << row.name;
+    }
+    files.Watch({"subject.txt"});
+    files.FailNth(FileCall::kOpen, 1);
+    Keep(kGarden);
+    EXPECT_EQ(ReadFile(Of(kGarden, "digest/subject.txt")), all) << "no number can be given";
+}
+
 TEST_F(FolderCopies, AnArchivedListFilesUnderTheNewEntrysName)
 {
     Keep(kNotes);
