@@ -106,8 +106,10 @@ long DeliverPosting(const Incoming& message, const std::string& list, const std:
         return kNoEntry;
     }
     const std::string owner = OwnerAddress(list);
-    if (owner.empty())
+    if (owner.empty()) {
+        DlLog(1, "Out of memory");
         return kNoOwnerAlias;
+    }
     const RewriteResult rewrite = RewriteListMessage(message.id, entry.get(), list);
     if (rewrite != RewriteResult::kDone) {
         BounceFailedRewrite(message, list, channel, rewrite);

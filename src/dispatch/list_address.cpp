@@ -1,5 +1,7 @@
 #include "dispatch/list_address.h"
 
+#include <new>
+
 #include "lists/dllist.h"
 #include "platform/address/address.h"
 #include "platform/log/format.h"
@@ -36,8 +38,13 @@ ListAddress CachedWithout(const ParsedAddress& address, std::size_t suffix, Addr
     if (address.local.size() < suffix)
         return {};
     const auto length = static_cast<int>(address.local.size() - suffix);
-    return CachedAs(FormatText("%.*s@%s", length, address.local.c_str(), address.domain.c_str()),
-                    kind);
+    std::string list;
+    try {
+        list = FormatText("%.*s@%s", length, address.local.c_str(), address.domain.c_str());
+    } catch (const std::bad_alloc&) {
+        return {};
+    }
+    return CachedAs(list, kind);
 }
 
 bool HasMember(const std::string& list, const char* mode, const std::string& address)

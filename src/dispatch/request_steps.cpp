@@ -19,11 +19,13 @@ namespace
 
 // Places of "Breaking main loop at line: %ld"; 0 is "go on".
 constexpr long kGoOn = 0;
+constexpr long kForwardReply = 240;
 constexpr long kArchiveNotice = 250;
 constexpr long kConfirmedAdd = 260;
 constexpr long kConfirmedAddNotice = 262;
 constexpr long kConfirmedRemove = 270;
 constexpr long kConfirmedRemoveNotice = 272;
+constexpr long kForwardCommand = 305;
 constexpr long kRequestedAdd = 310;
 constexpr long kRequestedAddNotice = 312;
 
@@ -60,6 +62,13 @@ long CarryOut(const Incoming& message, const std::string& list, const std::strin
         return kConfirmedRemove;
     return NotifyUnsubscription(message, list, output, removed) == -1 ? kConfirmedRemoveNotice
                                                                       : kGoOn;
+}
+
+// For a request whose list's address cannot be formed: a person may know what to do with it.
+long ForwardWhole(const Incoming& message, const std::string& request_address,
+                  const std::string& output, long place)
+{
+    return ForwardToOwner(request_address, message, output, kForTheOwner) == -1 ? place : kGoOn;
 }
 
 void BounceUnknownCommand(const Incoming& message, const std::string& request_address,
@@ -136,7 +145,9 @@ long HandleRequest(const Incoming& message, const std::string& request_address,
     const ConfirmationReply reply =
         ProcessConfirmationReply(message, message.Sender(), request_address);
     if (reply.confirmed) {
-        const long place = CarryOut(message, list, output, reply.kind);
+        const long place = list.empty()
+                               ? ForwardWhole(message, request_address, output, kForwardReply)
+                               : CarryOut(message, list, output, reply.kind);
         if (place == kGoOn)
             (void)ListCache().RefreshCache();  // it has logged; the old lists serve until the next
         return place;
@@ -150,6 +161,8 @@ long HandleRequest(const Incoming& message, const std::string& request_address,
         BounceUnknownCommand(message, request_address, output);
         return kGoOn;
     }
+    if (list.empty())
+        return ForwardWhole(message, request_address, output, kForwardCommand);
     if (command.archive)
         HandleRegistration(message, request_address, list, output, command.digest);
     else if (command.subscribe)

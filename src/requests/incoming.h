@@ -24,7 +24,7 @@ struct Incoming {
 [[nodiscard]] std::string OneLine(const std::string& text);
 
 // The addresses of a list, from its own: "<local>-owner@<domain>" and "<local>-request@<domain>".
-// Empty when `list` is no address.
+// Empty when `list` is no address, or memory runs out.
 [[nodiscard]] std::string OwnerAddress(const std::string& list);
 [[nodiscard]] std::string RequestAddress(const std::string& list);
 
@@ -34,11 +34,11 @@ struct ListAlias {
     std::string local;
     std::string domain;
     int length = 0;
-    [[nodiscard]] std::string List()
-        const;  // the list's address; empty when the alias was no address
+    // The list's address; empty when the alias was no address, or memory runs out.
+    [[nodiscard]] std::string List() const;
 };
 // Splits `address`, whose local part ends in a suffix of so many characters. All is empty when it
-// is no address or its local part is no longer than that.
+// is no address or its local part is no longer than that, or memory runs out.
 [[nodiscard]] ListAlias SplitAlias(const std::string& address, std::size_t suffix);
 
 inline constexpr std::size_t kOwnerSuffix = 6;    // "-owner"

@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 
+#include "dispatch/request_steps.h"
 #include "tests/support/fault_table.h"
 
 namespace dl::testing
@@ -190,6 +191,19 @@ TEST_F(Dispatching, ManyMembersGetOneEntry)
     ASSERT_EQ(to.size(), static_cast<std::size_t>(kMembers));
     EXPECT_EQ(to.front(), "m0@example.org");
     EXPECT_EQ(to.back(), "m19999@example.org");
+}
+
+// As when memory runs out while the list's address is formed: nothing is done in the name of no
+// list, and the message stays for the time after a restart.
+TEST_F(Dispatching, RequestOfNoListStops)
+{
+    for (const char* text : {"Subject: x\n\nsubscribe\n", "Subject: x\n\nunsubscribe\n"}) {
+        Start();
+        Submit(kPaul, {kRequest}, text);
+        EXPECT_EQ(HandleRequest(Take(), "-request@lists.example.org", "dlout"), 305);
+        EXPECT_TRUE(On().empty());
+        EXPECT_EQ(On("dl").size(), 1U);
+    }
 }
 
 // Each place at which the dispatcher stops has a number of its own, so that the log tells it.
