@@ -75,7 +75,9 @@ const _mailinglist* dllist::Record(const std::string& list) const
 const char* dllist::GetSpelling(const std::string& list) const
 {
     const _mailinglist* record = Record(list);
-    return record ? record->name.c_str() : nullptr;
+    if (!record)
+        return nullptr;
+    return (record->spelling.empty() ? record->name : record->spelling).c_str();
 }
 
 const _mailinglist* dllist::AtCursor() const

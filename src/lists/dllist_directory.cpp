@@ -192,7 +192,9 @@ bool dllist::AddCache(const std::string& list)
         DlLog(6, "Found mailing list %s", mail->c_str());
         const std::size_t before = records_.size();
         try {
-            LoadMailingList(list, &entry, &records_.emplace_back());
+            _mailinglist& record = records_.emplace_back();
+            LoadMailingList(list, &entry, &record);
+            record.spelling = *mail;
             AddToIndex(Count() - 1);
         } catch (const std::bad_alloc&) {
             records_.resize(before);

@@ -56,6 +56,7 @@ struct _mailinglist {
     bool posting_allowed = true;
     bool remove_return_receipt = true;
     AntiSpamConfig spam_settings;
+    std::string spelling;  // of the name in the directory, when it is another; names the folders
 };
 
 // Fills `record` from `entry`, whose member values it takes; logs each setting at level 6; seeds

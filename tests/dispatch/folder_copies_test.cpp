@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include "lists/dllist.h"
 #include "platform/archive/archive.h"
 #include "tests/support/fault_table.h"
 
@@ -114,6 +115,20 @@ TEST_F(FolderCopies, AListIsOneListHoweverItIsWritten)
     log.ExpectError("there is no message");
     Keep("NOTES@lists.example.org");
     EXPECT_EQ(Names("NOTES@lists.example.org"), "digest: 00001A2B.msg subject.txt archive:");
+}
+
+// The first mail to a new list gives it the name that the cache has for it until the next refresh.
+TEST_F(FolderCopies, ANewListsFoldersAreThoseOfTheDirectory)
+{
+    Write("site.ldif", ReadFile(Path("site.ldif")) +
+                           "dn: mail=late@lists.example.org,dc=lists,dc=example,dc=org\n"
+                           "mail: late@lists.example.org\nobjectClass: qvlist\n\n");
+    for (const char* folder : {"digest", "archive"})
+        fs::create_directories(Of("late@lists.example.org", folder));
+    ASSERT_TRUE(ListCache().IsCached("LATE@lists.example.org"));
+    Keep("Late@lists.example.org");
+    EXPECT_EQ(Names("late@lists.example.org"),
+              "digest: 00001A2B.msg subject.txt archive: 00AB0001.msg");
 }
 
 TEST_F(FolderCopies, AFailureIsSaidAndTheRestGoesOn)
