@@ -4,7 +4,8 @@
 // Frequencies: 0 daily, 1 weekly, 2 monthly; for any other value the result is `now` with the given
 // hour and minute. `weekday` counts 0 Sunday to 6 Saturday (7 is the Sunday after today),
 // `month_day` 1 to 31. Times are seconds since 1970-01-01 UTC; hour and minute are local, whatever
-// daylight saving does in between. Main thread only (mktime).
+// daylight saving does in between. Any thread, as long as none changes TZ: the archive worker loads
+// lists, too.
 #pragma once
 
 #include <ctime>
