@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "platform/files/files.h"
+#include "platform/files/folder_lock.h"
 #include "platform/log/log.h"
 #include "platform/queue/entry_files.h"
 #include "platform/queue/queue.h"
@@ -16,45 +17,60 @@
 namespace dl
 {
 
+// A copy that is made while another process migrates would be one of the new format: one at a time.
 bool Index::BringUpToDate(const std::string& path, int application, std::string* cause)
 {
     std::int64_t format = 0;
-    std::int64_t found = 0;
-    {
-        Query formats(*this, "PRAGMA user_version");
-        Query applications(*this, "PRAGMA application_id");
-        if (formats.Row() && applications.Row()) {
-            format = formats.Int(0);
-            found = applications.Int(0);
-        }
-    }
-    if (Failed()) {
+    if (!ReadOlderFormat(application, &format)) {
         *cause = Cause();
         return false;
     }
-    if (format < 1 || format >= kQueueFormat || found != application)
-        return true;  // CheckFormat says what is wrong with it
+    if (format == 0)
+        return true;  // up to date, or CheckFormat says what is wrong with it
+    const FolderLock lock(path.substr(0, path.rfind('/')));
+    if (!lock.Held()) {
+        *cause = "the folder cannot be locked: " + PlainError(errno);
+        return false;
+    }
+    if (!ReadOlderFormat(application, &format)) {
+        *cause = Cause();
+        return false;
+    }
+    if (format == 0)
+        return true;  // another process was first
     const std::string backup = path + ".format-" + std::to_string(format);
     if (!CopyTo(backup, cause))
         return false;
-    std::int64_t from = 0;
-    if (!MigrateFrom1(&from)) {
+    if (!MigrateFrom1()) {
         *cause = "the index of format " + std::to_string(format) +
                  " cannot be brought up to date: " + Cause();
         return false;
     }
-    if (from == format)  // else another process was first
-        LogMessage(5, "DL Queue",
-                   ("The index " + path + " was brought from format " + std::to_string(format) +
-                    " to " + std::to_string(kQueueFormat) + ", the old one is kept as " + backup)
-                       .c_str());
+    LogMessage(5, "DL Queue",
+               ("The index " + path + " was brought from format " + std::to_string(format) +
+                " to " + std::to_string(kQueueFormat) + ", the old one is kept as " + backup)
+                   .c_str());
     return true;
 }
 
-// Whole or not at all: under another name until it is on disk.
+// `format` is 0 when there is nothing to migrate. False when it cannot be read.
+bool Index::ReadOlderFormat(int application, std::int64_t* format)
+{
+    Query formats(*this, "PRAGMA user_version");
+    Query applications(*this, "PRAGMA application_id");
+    if (!formats.Row() || !applications.Row())
+        return false;
+    *format = formats.Int(0);
+    if (*format < 1 || *format >= kQueueFormat || applications.Int(0) != application)
+        *format = 0;
+    return true;
+}
+
+// Whole or not at all: under another name until it is on disk. What a crash has left under that
+// name goes.
 bool Index::CopyTo(const std::string& backup, std::string* cause)
 {
-    const std::string part = backup + "." + std::to_string(getpid()) + ".part";
+    const std::string part = backup + ".part";
     const std::string folder = backup.substr(0, backup.rfind('/'));
     (void)unlink(part.c_str());
     ClearFailure();
@@ -71,21 +87,16 @@ bool Index::CopyTo(const std::string& backup, std::string* cause)
     return done;
 }
 
-// `from` is the format that was found when no other process could change it any more.
-bool Index::MigrateFrom1(std::int64_t* from)
+bool Index::MigrateFrom1()
 {
     Transaction transaction(*this, Durable::kPower);
     std::int64_t has_due = 0;
     {
-        Query format(*this, "PRAGMA user_version");
         Query column(*this, "SELECT count(*) FROM pragma_table_info('chan') WHERE name = 'due'");
-        if (!transaction.Begun() || !format.Row() || !column.Row())
+        if (!transaction.Begun() || !column.Row())
             return false;
-        *from = format.Int(0);
         has_due = column.Int(0);
     }
-    if (*from != 1)
-        return true;
     return (has_due != 0 ||
             Execute("ALTER TABLE chan ADD COLUMN due INTEGER NOT NULL DEFAULT 0")) &&
            Execute(

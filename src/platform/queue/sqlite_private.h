@@ -57,7 +57,8 @@ class Index
     // Migrates an older format (sqlite_migration.cpp). True also when there is nothing to do.
     bool BringUpToDate(const std::string& path, int application, std::string* cause);
     bool CopyTo(const std::string& backup, std::string* cause);
-    bool MigrateFrom1(std::int64_t* from);
+    bool ReadOlderFormat(int application, std::int64_t* format);
+    bool MigrateFrom1();
     bool CheckFormat(const std::function<bool()>& may_be_new, std::string* cause);
 
     sqlite3* db_ = nullptr;
