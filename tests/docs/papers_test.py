@@ -25,6 +25,8 @@ ELSEWHERE = {
     "Cannot listen on ...": "tools/dlsubmit/lmtp_intake.cpp",
     "Cannot become user ...": "tools/dlsubmit/lmtp_intake.cpp",
     "DL Manager: cannot ...": "platform/archive/page_files.cpp",
+    "DL Manager: no copy of the index can be written to ...: ...": "platform/archive/migration.cpp",
+    "DL Manager: the archive index ...": "platform/archive/index.cpp",
 }
 # Calls of the log at level 1 that name no text of their own, by file; each is one of ELSEWHERE or of the tables below.
 WITHOUT_TEXT = {"archive/index_schedule.cpp": 1, "core/main.cpp": 1, "core/service.cpp": 1, "digest/digest_writer.cpp": 1,

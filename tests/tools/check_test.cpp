@@ -73,6 +73,10 @@ class Check : public Fixture
         std::filesystem::create_directories(Path(name));
         (void)chmod(Path(name).c_str(), mode);
     }
+    void Sql(const std::string& file, const std::string& command)
+    {
+        EXPECT_EQ(RunProgram({"/usr/bin/sqlite3", Path(file), command}), 0);
+    }
     int Dlctl(std::vector<std::string> arguments)
     {
         arguments.insert(arguments.begin(), {DL_BINARY "/bin/dlctl", "--conf", Path("conf")});
@@ -149,12 +153,8 @@ TEST_F(Check, EachFaultIsNamedWithItsMend)
         {"queue damaged", [&] { Write("queue/index.db", std::string(8192, '?')); }, 2,
          "the index is damaged", "bring index.db back from the backup"},
         {"queue of a newer program",
-         [&] {
-             std::system(("sqlite3 '" + Path("queue/index.db") +
-                          "' 'CREATE TABLE a (b); PRAGMA user_version=9'")
-                             .c_str());
-         },
-         2, "was written by a newer version", "install the newer version again"},
+         [&] { Sql("queue/index.db", "CREATE TABLE a (b); PRAGMA user_version=9"); }, 2,
+         "was written by a newer version", "install the newer version again"},
         {"messages without index", [&] { Write("queue/msg/00000001.msg", "x"); }, 2,
          "has message files and no index", "put index.db back"},
         {"log folder missing", replace("Log", "Target = file\nFile = " + Path("log/dl.log") + "\n"),
@@ -204,6 +204,17 @@ TEST_F(Check, EachFaultIsNamedWithItsMend)
          "/digest is missing", "dlctl check --fix", true},
         {"archive open", [&] { MakeFolder(data + "/archive", 0777); }, 1, "/archive has mode 0777",
          "chmod 0755", true},
+        {"archive of an older format leaves a posting out",
+         [&] { Sql(data + "/archive/index.db", ".read " + DataPath("archive/format1.sql")); }, 1,
+         "leaves out 1 posting(s) that cannot be read, the first is " + Path(data) +
+             "/archive/00000003.msg",
+         "dlctl archive unreadable --retry garden@lists.example.org"},
+        {"archive of a newer program",
+         [&] { Sql(data + "/archive/index.db", "CREATE TABLE a (b); PRAGMA user_version=9"); }, 2,
+         "was written by a newer version of this program (format 9",
+         "install the newer version again"},
+        {"archive damaged", [&] { Write(data + "/archive/index.db", std::string(8192, '?')); }, 2,
+         "index.db is damaged", "dlctl archive rebuild garden@lists.example.org"},
         {"digest file without a moment", [&] { Write(data + "/digest/digest.dt", "soon"); }, 1,
          "holds no moment", "remove the file"},
     };
@@ -230,6 +241,41 @@ TEST_F(Check, EachFaultIsNamedWithItsMend)
         EXPECT_EQ(Dlctl({"check"}), 0) << output;
     }
     EXPECT_GE(mended, 8);
+}
+
+TEST_F(Check, PostingsThatCannotBeReadAreShownAndReadAgain)
+{
+    const std::string archive = "data/" + std::string(kGarden) + "/archive";
+    MakeSite();
+    Sql(archive + "/index.db", ".read " + DataPath("archive/format1.sql"));
+    const auto write = [&](const char* name, const char* id) {
+        Write(archive + "/" + name,
+              "Message-ID: <" + std::string(id) + ">\r\nFrom: a@example.com\r\n\r\nx\r\n");
+    };
+    write("00000001.msg", "m1@example.com");
+    write("00000002.msg", "m2@example.com");
+    Write(archive + "/00000003.msg", "");
+    EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden}), 0);
+    EXPECT_NE(output.find("00000003  -                     not noted"), std::string::npos)
+        << output;
+    EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden, "--retry"}), 1);
+    EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden, "--json"}), 0);
+    const auto seen = nlohmann::json::parse(output);
+    ASSERT_EQ(seen.size(), 2U) << output;
+    EXPECT_EQ(seen[0].at("id"), "00000003");
+    EXPECT_EQ(seen[0].at("file"), Path(archive + "/00000003.msg"));
+    EXPECT_EQ(seen[0].at("cause"), "it is empty");
+    EXPECT_EQ(seen[0].at("since").get<std::string>().size(), 20U);
+    EXPECT_EQ(seen[1].at("cause"), "it cannot be opened: No such file or directory");
+    EXPECT_EQ(Dlctl({"check"}), 1);
+    EXPECT_NE(output.find("leaves out 2 posting(s)"), std::string::npos) << output;
+
+    write("00000003.msg", "m3@example.com");
+    EXPECT_EQ(Dlctl({"archive", "remove", kGarden, "00000004"}), 0);
+    EXPECT_NE(output.find("index.db.format-1 may still hold its words"), std::string::npos);
+    EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden, "--retry", "--json"}), 0);
+    EXPECT_EQ(output, "[]\n");
+    EXPECT_EQ(Dlctl({"check"}), 0) << output;
 }
 
 TEST_F(Check, JsonHasTheSameFindings)

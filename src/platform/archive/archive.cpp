@@ -7,6 +7,7 @@
 #include "platform/address/address.h"
 #include "platform/archive/generate.h"
 #include "platform/archive/index_private.h"
+#include "platform/archive/left_out_private.h"
 #include "platform/archive/trees.h"
 #include "platform/clock/clock.h"
 #include "platform/config/data_path.h"
@@ -41,7 +42,7 @@ CDlArchive& SharedArchive()
     return archive;
 }
 
-CDlArchiveException::CDlArchiveException(const std::string& text)
+CDlArchiveException::CDlArchiveException(const std::string& text, ArchiveFault what) : fault(what)
 {
     std::snprintf(message, sizeof message, "%s", text.c_str());
 }
@@ -75,8 +76,8 @@ void CDlArchive::AddArchive(const std::string& archive_path, unsigned long id)
         throw CDlArchiveException("DL Manager: there is no message " + file + " to be archived");
     const auto index = archive::OpenIndex(archive_path);
     index->KeepLog();
-    index->Run("INSERT OR REPLACE INTO incoming VALUES (?1, ?2, 0)", static_cast<std::int64_t>(id),
-               NowMicroseconds());
+    index->Run("INSERT OR REPLACE INTO incoming (id, stamp) VALUES (?1, ?2)",
+               static_cast<std::int64_t>(id), NowMicroseconds());
 }
 
 void CDlArchive::GenerateIndexPages(const std::string& list)
@@ -84,6 +85,20 @@ void CDlArchive::GenerateIndexPages(const std::string& list)
     const std::string path = PathOf(list);
     if (IsFolder(path))
         archive::Generate(path, list);
+}
+
+std::vector<LeftOutPosting> CDlArchive::LeftOut(const std::string& list)
+{
+    const std::string path = PathOf(list);
+    const auto index = archive::OpenIndexToRead(path);
+    return index ? archive::ReadLeftOut(*index, path) : std::vector<LeftOutPosting>();
+}
+
+void CDlArchive::RetryLeftOut(const std::string& list)
+{
+    const std::string path = PathOf(list);
+    if (IsFolder(path))
+        archive::OpenIndex(path)->Run("UPDATE incoming SET failed=0 WHERE failed=1");
 }
 
 void CDlArchive::RemoveArchive(const std::string& list, unsigned long id)

@@ -16,15 +16,25 @@
 // the next GenerateIndexPages; pages are whole at every moment.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace dl
 {
 
+enum class ArchiveFault {
+    kOther,
+    kDamaged,  // the index is no database any more, or its content contradicts itself
+    kNewer,    // the index was written by a newer version of this program
+};
+
 struct CDlArchiveException {
-    explicit CDlArchiveException(const std::string& text);
+    explicit CDlArchiveException(const std::string& text,
+                                 ArchiveFault fault = ArchiveFault::kOther);
     char message[512];  // one line for the log
+    ArchiveFault fault;
 };
 
 // What the pages say of the list besides its postings; each may be empty.
@@ -32,6 +42,14 @@ struct ArchiveDescription {
     std::string title;        // empty: the list's name before the '@'
     std::string description;  // one line
     std::string url;          // where the pages are served, for the feed
+};
+
+// A posting that is recorded and not on the pages, because it could not be read.
+struct LeftOutPosting {
+    unsigned long id = 0;
+    std::string file;        // its path
+    std::string cause;       // empty, and 0 in `since`, when an older version left it out
+    std::int64_t since = 0;  // seconds since 1970 UTC
 };
 
 class CDlArchive
@@ -61,6 +79,11 @@ class CDlArchive
     // posting that cannot be read is left out, with a level 1 line. Minutes for a first run over
     // very many postings.
     static void GenerateIndexPages(const std::string& list);
+    // The postings that are left out, by id; none when there is no archive. Only looks: an index of
+    // an older format stays as it is.
+    [[nodiscard]] static std::vector<LeftOutPosting> LeftOut(const std::string& list);
+    // Has them read once more by the next GenerateIndexPages.
+    static void RetryLeftOut(const std::string& list);
 
     // Takes a posting out for good: file, index, attachments, and all pages that showed it. Throws
     // when the archive has none of that id.

@@ -81,7 +81,8 @@ bool Rows::IsNull(int column) const
 
 Database::Database(const std::string& path, Open how) : path_(path)
 {
-    const int flags = SQLITE_OPEN_READWRITE | (how == Open::kMake ? SQLITE_OPEN_CREATE : 0);
+    const int flags =
+        how == Open::kMake ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
     const int code = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (code != SQLITE_OK) {
         sqlite3_close(db_);
@@ -108,6 +109,17 @@ void Database::KeepLog()
     (void)sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);  // only slower
 }
 
+void Database::CopyTo(const std::string& file)
+{
+    sqlite3_stmt* copy = Prepare("VACUUM INTO ?1");
+    Bind(copy, 1, file);
+    const int code = sqlite3_step(copy);
+    sqlite3_reset(copy);
+    if (code != SQLITE_DONE)
+        throw CDlArchiveException("DL Manager: no copy of the index can be written to " + file +
+                                  ": it " + Meaning(code));
+}
+
 void Database::Script(const char* sql)
 {
     const int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
@@ -118,9 +130,8 @@ void Database::Script(const char* sql)
 void Database::Fail(int code) const
 {
     const std::string text = "DL Manager: the archive index " + path_ + " " + Meaning(code);
-    if ((code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB)
-        throw DamagedIndex(text);
-    throw CDlArchiveException(text);
+    const bool damaged = (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
+    throw CDlArchiveException(text, damaged ? ArchiveFault::kDamaged : ArchiveFault::kOther);
 }
 
 sqlite3_stmt* Database::Prepare(const char* sql)

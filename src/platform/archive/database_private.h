@@ -21,11 +21,6 @@ struct sqlite3_stmt;
 namespace dl::archive
 {
 
-// The index is no database any more, or its content contradicts itself.
-struct DamagedIndex : CDlArchiveException {
-    using CDlArchiveException::CDlArchiveException;
-};
-
 class Database;
 
 class Rows
@@ -53,7 +48,7 @@ class Rows
 class Database
 {
  public:
-    enum class Open { kExisting, kMake };
+    enum class Open { kRead, kMake };
     Database(const std::string& path, Open how);
     ~Database();
     Database(const Database&) = delete;
@@ -95,6 +90,8 @@ class Database
     // Leaves the log of the index to later connections instead of ending it with this one, which
     // would cost several waits for the disk.
     void KeepLog();
+    // Writes all of the index, as it is now, into `file`, which is empty or not there.
+    void CopyTo(const std::string& file);
     // Several statements that give no rows.
     void Script(const char* sql);
     // Throws what `code` means.

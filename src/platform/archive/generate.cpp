@@ -8,6 +8,7 @@
 
 #include "platform/archive/assets.h"
 #include "platform/archive/filing_private.h"
+#include "platform/archive/left_out_private.h"
 #include "platform/archive/pages_private.h"
 #include "platform/archive/trees.h"
 #include "platform/clock/clock.h"
@@ -23,11 +24,6 @@ namespace
 constexpr std::int64_t kReadAtOnce = 200;    // postings per transaction
 constexpr std::int64_t kWriteAtOnce = 1000;  // pages per sync
 constexpr int kLayout = 1;                   // changes with the pages' markup
-
-std::string PostingFileName(std::int64_t id)
-{
-    return FormatText("%08llX.msg", static_cast<unsigned long long>(id));
-}
 
 struct Incoming {
     std::int64_t id = 0;
@@ -123,11 +119,13 @@ class Generator
             index_->Run("DELETE FROM incoming WHERE id=?1 AND stamp=?2", one.id, one.stamp);
             return;
         }
-        index_->Run("UPDATE incoming SET failed=1 WHERE id=?1 AND stamp=?2", one.id, one.stamp);
-        LogMessage(1, "DL Manager",
-                   FormatText("The archive of %s leaves out %s, which cannot be read as a message",
-                              list_.c_str(), PostingFileName(one.id).c_str())
-                       .c_str());
+        const std::string cause = WhyLeftOut(path_ + "/" + PostingFileName(one.id));
+        LeaveOut(*index_, one.id, one.stamp, cause);
+        LogMessage(
+            1, "DL Manager",
+            FormatText("The archive of %s leaves out %s, which cannot be read as a message: %s",
+                       list_.c_str(), PostingFileName(one.id).c_str(), cause.c_str())
+                .c_str());
     }
 
     Site MakeSite()
@@ -252,7 +250,7 @@ void ClearIndex(Database& index, const std::string& archive_path, const std::str
         "DELETE FROM posting; DELETE FROM thread; DELETE FROM author; DELETE FROM wanted;"
         "DELETE FROM leaf; DELETE FROM shard; DELETE FROM dirty; DELETE FROM incoming;");
     for (const std::int64_t id : ids)
-        index.Run("INSERT INTO incoming VALUES (?1, 0, 0)", id);
+        index.Run("INSERT INTO incoming (id, stamp) VALUES (?1, 0)", id);
     SetMeta(index, "layout", "");
     SetMeta(index, "rebuild", token);
     transaction.Commit();
@@ -275,7 +273,8 @@ bool Remove(const std::string& archive_path, const std::string& list, std::int64
     bool found = FileSize(archive_path + "/" + PostingFileName(id)) >= 0;
     Transaction transaction(index);
     found = UnfilePosting(index, id) || found;
-    index.Run("DELETE FROM incoming WHERE id=?1", id);
+    // Also of a posting that was left out because its file has gone.
+    found = index.Int("DELETE FROM incoming WHERE id=?1 RETURNING id", id) || found;
     if (found)
         MarkGone(index, PostingFileName(id));
     transaction.Commit();
@@ -294,7 +293,9 @@ void Rebuild(const std::string& archive_path, const std::string& list)
         generator.RemoveGone();
         ClearIndex(generator.Index(), archive_path, token);
         generator.Run();
-    } catch (const DamagedIndex&) {
+    } catch (const CDlArchiveException& problem) {
+        if (problem.fault != ArchiveFault::kDamaged)
+            throw;
         SetIndexAside(archive_path);
         Generator generator(archive_path, list);
         ClearIndex(generator.Index(), archive_path, token);

@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <cerrno>
 #include <random>
 
 #include "platform/archive/archive.h"
@@ -12,9 +15,13 @@ namespace
 
 // `sort` keys: of a posting its date and id, of a thread its first posting's, of an author the
 // folded name and id. `address` keeps a posting's place for good, also when it is removed.
+// `incoming`: what has not been read yet, and, with `failed` 1, what could not be read, with why
+// and since when.
 constexpr const char* kSchema = R"(
 CREATE TABLE meta (name TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
-CREATE TABLE incoming (id INTEGER PRIMARY KEY, stamp INTEGER NOT NULL, failed INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE incoming (
+  id INTEGER PRIMARY KEY, stamp INTEGER NOT NULL, failed INTEGER NOT NULL DEFAULT 0,
+  cause TEXT NOT NULL DEFAULT '', failed_at INTEGER NOT NULL DEFAULT 0);
 CREATE TABLE posting (
   id INTEGER PRIMARY KEY, sort TEXT NOT NULL, slug TEXT NOT NULL UNIQUE, message_id TEXT NOT NULL,
   date INTEGER NOT NULL, month INTEGER NOT NULL, subject TEXT NOT NULL, name TEXT NOT NULL,
@@ -65,7 +72,7 @@ std::string NewSalt()
 void MakeTables(Database& index)
 {
     Transaction transaction(index);
-    if (index.Int("PRAGMA user_version").value_or(0) != 0)
+    if (FormatOf(index) != 0)
         return;  // another process was first
     index.Script(kSchema);
     SetMeta(index, "salt", NewSalt());
@@ -83,7 +90,34 @@ std::string PageSuffix(std::int64_t page)
     return page > 1 ? "_" + std::to_string(page) + ".html" : ".html";
 }
 
+void RefuseNewer(std::int64_t format, const std::string& archive_path)
+{
+    if (format > kFormatVersion)
+        throw CDlArchiveException(
+            FormatText(
+                "DL Manager: the archive index %s/index.db was written by a newer version of this "
+                "program (format %lld, this one knows formats up to %lld)",
+                archive_path.c_str(), static_cast<long long>(format),
+                static_cast<long long>(kFormatVersion)),
+            ArchiveFault::kNewer);
+}
+
 }  // namespace
+
+std::int64_t FormatOf(Database& index)
+{
+    return index.Int("PRAGMA user_version").value_or(0);
+}
+
+std::unique_ptr<Database> OpenIndexToRead(const std::string& archive_path)
+{
+    const std::string path = archive_path + "/index.db";
+    if (::access(path.c_str(), F_OK) != 0 && errno == ENOENT)
+        return nullptr;
+    auto index = std::make_unique<Database>(path, Database::Open::kRead);
+    RefuseNewer(FormatOf(*index), archive_path);
+    return index;
+}
 
 std::unique_ptr<Database> OpenIndex(const std::string& archive_path)
 {
@@ -91,15 +125,12 @@ std::unique_ptr<Database> OpenIndex(const std::string& archive_path)
     index->Run("PRAGMA journal_mode=WAL");
     index->Run("PRAGMA synchronous=FULL");
     index->Run("PRAGMA cache_size=-16384");
-    const std::int64_t version = index->Int("PRAGMA user_version").value_or(0);
-    if (version == 0)
+    const std::int64_t format = FormatOf(*index);
+    RefuseNewer(format, archive_path);
+    if (format == 0)
         MakeTables(*index);
-    else if (version > kFormatVersion)
-        throw CDlArchiveException(FormatText(
-            "DL Manager: the archive index %s/index.db is of format %lld, this program knows "
-            "formats up to %lld",
-            archive_path.c_str(), static_cast<long long>(version),
-            static_cast<long long>(kFormatVersion)));
+    else if (format < kFormatVersion)
+        BringUpToDate(*index, archive_path);
     return index;
 }
 

@@ -19,7 +19,7 @@
 namespace dl::archive
 {
 
-inline constexpr std::int64_t kFormatVersion = 1;
+inline constexpr std::int64_t kFormatVersion = 2;
 inline constexpr const char* kPagesFolder = "html";  // below the archive folder
 inline constexpr std::int64_t kLeafSize = 200;
 inline constexpr std::int64_t kShardSize = 500;
@@ -47,8 +47,17 @@ struct PageId {
     std::int64_t page = 0;  // of a leaf, from 1
 };
 
-// Opens `<archive path>/index.db`, made when it is not there. Throws when it is of a newer format.
+// Opens `<archive path>/index.db`, made when it is not there and brought up to date when it is of
+// an older format. Throws when it is of a newer one.
 [[nodiscard]] std::unique_ptr<Database> OpenIndex(const std::string& archive_path);
+// Opens it for looking: nothing is made or brought up to date, so that it may be of any older
+// format too. Null when there is no index; throws as above.
+[[nodiscard]] std::unique_ptr<Database> OpenIndexToRead(const std::string& archive_path);
+[[nodiscard]] std::int64_t FormatOf(Database& index);
+// Brings the index of an older format up to date: a whole copy of it comes first, as
+// "index.db.format-<n>" beside it. Throws when there is no copy, or the change cannot be made; the
+// index is as it was then. Several programs may be at it at once.
+void BringUpToDate(Database& index, const std::string& archive_path);
 
 // Values by name; empty when not set.
 [[nodiscard]] std::string Meta(Database& index, const std::string& name);

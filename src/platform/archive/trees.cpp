@@ -11,6 +11,7 @@
 #include "platform/archive/index_private.h"
 #include "platform/archive/page_files.h"
 #include "platform/clock/clock.h"
+#include "platform/log/format.h"
 
 namespace dl::archive
 {
@@ -122,6 +123,11 @@ void SetIndexAside(const std::string& archive_path)
     RenameTo(name, name + ".damaged");
     RemoveTree(name + "-wal");
     RemoveTree(name + "-shm");
+}
+
+std::string PostingFileName(std::int64_t id)
+{
+    return FormatText("%08llX.msg", static_cast<unsigned long long>(id));
 }
 
 std::optional<std::int64_t> IdOfFile(const std::string& name)

@@ -30,6 +30,7 @@ void SyncTree(const std::string& archive_path);
 // Renames a damaged index, so that a new one can be made.
 void SetIndexAside(const std::string& archive_path);
 
+[[nodiscard]] std::string PostingFileName(std::int64_t id);
 // The number of a posting's file name, "%08X.msg"; none for any other name.
 [[nodiscard]] std::optional<std::int64_t> IdOfFile(const std::string& name);
 

@@ -1,4 +1,4 @@
-// dlctl archive: register, rebuild, remove, describe.
+// dlctl archive: register, rebuild, unreadable, remove, describe.
 
 #include <crypt.h>
 #include <sys/random.h>
@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include "lists/directory_access.h"
 #include "platform/address/address.h"
@@ -19,6 +20,7 @@
 #include "tools/dlctl/commands.h"
 #include "tools/dlctl/open_list.h"
 #include "tools/dlctl/progress.h"
+#include "tools/dlctl/site_state.h"
 #include "tools/dlctl/support.h"
 
 namespace dl
@@ -33,6 +35,8 @@ struct ArchiveOptions {
     std::string address;
     std::string id;
     bool generate = false;
+    bool json = false;
+    bool retry = false;
     ArchiveDescription description;
 };
 
@@ -193,15 +197,65 @@ int Rebuild(const ArchiveOptions& options)
     return status;
 }
 
+void PrintUnreadable(const std::vector<LeftOutPosting>& postings, bool json)
+{
+    Json rows = Json::array();
+    if (!json && !postings.empty())
+        std::printf("%-8s  %-20s  %s\n", "ID", "SINCE", "CAUSE");
+    for (const LeftOutPosting& one : postings) {
+        const std::string id = FormatText("%08lX", one.id);
+        const std::string since = UtcText(one.since);
+        if (json)
+            rows.push_back({{"id", id},
+                            {"file", one.file},
+                            {"since", since.empty() ? Json() : Json(since)},
+                            {"cause", one.cause.empty() ? Json() : Json(one.cause)}});
+        else
+            std::printf("%s  %-20s  %s\n", id.c_str(), since.empty() ? "-" : since.c_str(),
+                        one.cause.empty() ? "not noted, by an older version" : one.cause.c_str());
+    }
+    if (json)
+        PrintJson(rows);
+}
+
+int Unreadable(const ArchiveOptions& options)
+{
+    std::vector<LeftOutPosting> postings;
+    const int status = WithArchive(options, [&] {
+        if (options.retry) {
+            CDlArchive::RetryLeftOut(options.list);
+            CDlArchive::GenerateIndexPages(options.list);
+        }
+        postings = CDlArchive::LeftOut(options.list);
+    });
+    if (status != kExitOk)
+        return status;
+    PrintUnreadable(postings, options.json);
+    return options.retry && !postings.empty() ? kExitFailed : kExitOk;
+}
+
+// Copies of the index that an upgrade or a rebuild has left still hold what is removed.
+void NoteCopies(const std::string& list)
+{
+    for (const char* name : {"/index.db.format-1", "/index.db.damaged"}) {
+        const std::string copy = CDlArchive::PathOf(list) + name;
+        if (access(copy.c_str(), F_OK) == 0)
+            Complain(kExitOk, "note: %s may still hold its words; remove it when you can",
+                     copy.c_str());
+    }
+}
+
 int Remove(const ArchiveOptions& options)
 {
     const int status = WithArchive(options, [&] {
         CDlArchive::RemoveArchive(options.list, CDlArchive::GetId(options.id + ".msg"));
     });
-    if (status == kExitOk)
-        std::printf("%s was removed from the archive of %s\n", options.id.c_str(),
-                    options.list.c_str());
-    return status;
+    if (status != kExitOk)
+        return status;
+    std::printf("%s was removed from the archive of %s\n", options.id.c_str(),
+                options.list.c_str());
+    NoteCopies(options.list);
+    return kExitOk;
 }
 
 int Describe(const ArchiveOptions& options)
@@ -235,6 +289,15 @@ void AddArchiveCommands(CLI::App* program, int* status)
         archive->add_subcommand("rebuild", "Make index and pages anew from the posting files");
     rebuild->add_option("list", options->list, "The list's address")->required();
     rebuild->callback([=] { *status = Rebuild(*options); });
+
+    CLI::App* unreadable = archive->add_subcommand(
+        "unreadable",
+        "Show the postings that the pages leave out, because they cannot be read, and why");
+    unreadable->add_option("list", options->list, "The list's address")->required();
+    unreadable->add_flag("--retry", options->retry,
+                         "Read them once more before; exit status 1 when some still cannot be");
+    unreadable->add_flag("--json", options->json, "As JSON");
+    unreadable->callback([=] { *status = Unreadable(*options); });
 
     CLI::App* remove = archive->add_subcommand(
         "remove", "Take a posting out of files, index, pages, feed and search");

@@ -96,5 +96,7 @@ bool CheckFolder(const FolderRule& rule, CheckReport* report);
 void CheckDataAndQueue(const CheckOptions& options, CheckReport* report);
 void CheckRelay(CheckReport* report);
 void CheckDirectoryAndLists(CheckReport* report);
+// The index of a list's archive, and what its pages leave out.
+void CheckArchive(const std::string& list, CheckReport* report);
 
 }  // namespace dl

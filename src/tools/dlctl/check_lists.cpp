@@ -178,7 +178,8 @@ void CheckListFolders(const std::string& list, bool archived, CheckReport* repor
     if (archived) {
         // Its pages may be there for a web server to read.
         const std::string archive = data + "/" + list + "/archive";
-        (void)CheckFolder({role.c_str(), archive, 0755, data}, report);
+        if (CheckFolder({role.c_str(), archive, 0755, data}, report))
+            CheckArchive(list, report);
     }
     std::FILE* file = digests ? std::fopen(DigestDuePath(list).c_str(), "rb") : nullptr;
     if (!file) {

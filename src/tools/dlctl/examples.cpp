@@ -46,6 +46,10 @@ constexpr std::pair<const char*, const char*> kExamples[] = {
     {"archive register",
      "  dlctl archive register board@lists.example.org anna@example.com --generate"},
     {"archive rebuild", "  dlctl archive rebuild garden@lists.example.org"},
+    {"archive unreadable",
+     "  dlctl archive unreadable garden@lists.example.org\n"
+     "  dlctl archive unreadable garden@lists.example.org --retry\n"
+     "  dlctl archive unreadable garden@lists.example.org --json | jq '.[].cause'"},
     {"archive remove", "  dlctl archive remove garden@lists.example.org 6B0175F2"},
     {"archive describe",
      "  dlctl archive describe garden@lists.example.org --title 'The garden list'"},

@@ -115,10 +115,12 @@ TEST_F(Archive, AnIndexOfANewerProgramIsRefused)
         std::system(("sqlite3 '" + ArchivePath() + "/index.db' 'PRAGMA user_version=7'").c_str()),
         0);
     const std::string want = "DL Manager: the archive index " + ArchivePath() +
-                             "/index.db is of format 7, this program knows formats up to 1";
+                             "/index.db was written by a newer version of this program (format 7, "
+                             "this one knows formats up to 2)";
     EXPECT_EQ(What([&] { CDlArchive::AddArchive(ArchivePath(), 1); }), want);
     EXPECT_EQ(What([&] { Generate(); }), want);
     EXPECT_EQ(What([&] { CDlArchive::RebuildArchive(list); }), want);
+    EXPECT_EQ(What([&] { (void)CDlArchive::LeftOut(list); }), want);
 }
 
 TEST_F(Archive, AnEmptyArchiveHasAFrontPage)
@@ -253,12 +255,24 @@ TEST_F(Archive, AnUnreadablePostingIsLeftOutAndTheRestIsShown)
     std::filesystem::remove(ArchivePath() + "/00000005.msg");
     log.ExpectError(
         "The archive of garden@lists.example.org leaves out 00000004.msg, which cannot "
-        "be read as a message");
+        "be read as a message: it is empty");
     log.ExpectError("leaves out 00000005.msg");
     Generate();
     Generate();  // says it once
     EXPECT_EQ(PostingPages("Seeds").size(), 1U);
     CheckPages();
+
+    // Each ends in its way: mended and read again, or taken out.
+    const auto left_out = CDlArchive::LeftOut(list);
+    ASSERT_EQ(left_out.size(), 2U);
+    EXPECT_EQ(left_out[1].cause, "it cannot be opened: No such file or directory");
+    EXPECT_EQ(left_out[1].since, clock.now);
+    Write("data/" + list + "/archive/00000004.msg", testing::MessageOf(4, {.subject = "Empty"}));
+    CDlArchive::RemoveArchive(list, 5);
+    CDlArchive::RetryLeftOut(list);
+    Generate();
+    EXPECT_EQ(PostingPages("Empty").size(), 1U);
+    EXPECT_TRUE(CDlArchive::LeftOut(list).empty());
 }
 
 // The service files postings while the worker writes pages.

@@ -1,0 +1,97 @@
+// Bringing an index of an older format up to date: a copy first, then one transaction.
+//
+//   1  postings, pages, and what came in
+//   2  why a posting is left out, and since when
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "platform/archive/index_private.h"
+#include "platform/files/files.h"
+#include "platform/files/folder_lock.h"
+#include "platform/log/format.h"
+#include "platform/log/log.h"
+
+namespace dl::archive
+{
+namespace
+{
+
+[[noreturn]] void NoCopy(const std::string& backup, int error)
+{
+    throw CDlArchiveException("DL Manager: no copy of the index can be written to " + backup +
+                              ": " + std::generic_category().message(error));
+}
+
+// An empty file that may be read by those who may read the index.
+void MakeLike(const std::string& model, const std::string& path)
+{
+    struct stat status {
+    };
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (file < 0)
+        NoCopy(path, errno);
+    const bool like =
+        ::stat(model.c_str(), &status) == 0 && ::fchmod(file, status.st_mode & 0777) == 0;
+    const int error = errno;
+    ::close(file);
+    if (!like)
+        NoCopy(path, error);
+}
+
+// Whole or not at all: under another name until it is on disk. What a crash has left under that
+// name goes.
+void Copy(Database& index, const std::string& path, const std::string& backup)
+{
+    const std::string part = backup + ".part";
+    (void)Files().Remove(part.c_str());
+    try {
+        MakeLike(path, part);
+        index.CopyTo(part);
+        if (!SyncPath(part) || !Files().Rename(part.c_str(), backup.c_str()) ||
+            !SyncPath(path.substr(0, path.rfind('/'))))
+            NoCopy(backup, errno);
+    } catch (const CDlArchiveException&) {
+        (void)Files().Remove(part.c_str());  // the failure that is told came before
+        throw;
+    }
+}
+
+void MigrateFrom1(Database& index)
+{
+    Transaction transaction(index);
+    index.Script(
+        "ALTER TABLE incoming ADD COLUMN cause TEXT NOT NULL DEFAULT '';"
+        "ALTER TABLE incoming ADD COLUMN failed_at INTEGER NOT NULL DEFAULT 0;"
+        "PRAGMA user_version=2");
+    transaction.Commit();
+}
+
+}  // namespace
+
+void BringUpToDate(Database& index, const std::string& archive_path)
+{
+    const FolderLock lock(archive_path);
+    if (!lock.Held())
+        throw CDlArchiveException("DL Manager: cannot lock the folder " + archive_path + ": " +
+                                  std::generic_category().message(errno));
+    const std::int64_t format = FormatOf(index);
+    if (format == kFormatVersion)
+        return;  // another program was first
+    const std::string path = archive_path + "/index.db";
+    const std::string backup = path + ".format-" + std::to_string(format);
+    Copy(index, path, backup);
+    MigrateFrom1(index);
+    LogMessage(5, "DL Manager",
+               FormatText("The index %s was brought from format %lld to %lld, the old one is kept "
+                          "as %s",
+                          path.c_str(), static_cast<long long>(format),
+                          static_cast<long long>(kFormatVersion), backup.c_str())
+                   .c_str());
+}
+
+}  // namespace dl::archive
