@@ -1,9 +1,11 @@
 // An index of an older format, and of a newer one.
 
 #include <cstdlib>
+#include <set>
 
 #include "platform/queue/delivery.h"
 #include "tests/platform/queue/queue_fixture.h"
+#include "tests/support/killed.h"
 
 namespace dl::testing
 {
@@ -102,6 +104,50 @@ TEST_F(Migration, ANewerIndexIsRefusedAndLeftAlone)
     EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; SELECT count(*) FROM chan"), "3\n2\n");
     EXPECT_FALSE(std::filesystem::exists(Backup()));
     EXPECT_EQ(Files(), 2U);
+}
+
+// As many entries as keep the copy and the new tables busy for a while, in the middle of which a
+// process is killed.
+TEST_F(Migration, AKillInTheMiddleKeepsEveryEntryOnce)
+{
+    namespace fs = std::filesystem;
+    constexpr std::size_t kMore = 3000;
+    ASSERT_EQ(
+        Sql("queue/index.db",
+            "WITH RECURSIVE n(i) AS (SELECT 1200000000 UNION ALL SELECT i + 1 FROM n LIMIT "
+            "3000) INSERT INTO entry SELECT i, \"anna@example.com\", 2, 6, i FROM n;"
+            "INSERT INTO envelope SELECT id, zeroblob(1000) FROM entry WHERE id >= 1200000000;"
+            "INSERT INTO chan (channel, entry, priority) SELECT \"dlout\", id, 0 FROM entry"
+            " WHERE id >= 1200000000; PRAGMA wal_checkpoint(TRUNCATE)"),
+        "0|0|0\n");
+    const std::string index = folder + "/index.db";
+    const std::string kept = Path("kept.db");
+    fs::copy_file(index, kept);
+    const auto prepare = [&] {
+        for (const char* end : {"", "-wal", "-shm", ".format-1", ".format-1.part"})
+            fs::remove(index + end);
+        fs::copy_file(kept, index);
+    };
+    const auto look = [&] {
+        EXPECT_TRUE(fs::exists(Backup()) || Sql("queue/index.db", "PRAGMA user_version") == "1\n");
+        ASSERT_TRUE(MQInitAt(folder));
+        std::vector<QueueItem> items;
+        ASSERT_TRUE(ListMQ("", 0, &items));
+        std::set<unsigned long> ids;
+        for (const QueueItem& item : items)
+            ids.insert(item.id);
+        EXPECT_EQ(items.size(), kMore + 2);
+        EXPECT_EQ(ids.size(), items.size());
+        MQEnd();
+        EXPECT_FALSE(fs::exists(Backup() + ".part"));
+        EXPECT_EQ(Sql("queue/index.db.format-1", "PRAGMA user_version; SELECT count(*) FROM chan"),
+                  "1\n" + std::to_string(kMore + 2) + "\n");
+        EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; PRAGMA integrity_check"), "2\nok\n");
+    };
+    const auto migrate = [&] { return MQInitAt(folder); };
+    const auto copied = [&] { return fs::exists(Backup()); };
+    EXPECT_GT(KillAtEachMoment(6, {prepare, migrate, look}), 0);
+    EXPECT_GT(KillAtEachMoment(8, {prepare, migrate, look, copied}), 0);
 }
 
 TEST_F(Migration, TheOverviewCountsByChannel)
