@@ -1,6 +1,7 @@
 // dlctl spam explain and dlctl store init.
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 
 #include "tests/support/child.h"
 #include "tests/support/fixture.h"
@@ -65,6 +66,35 @@ TEST_F(SpamCommands, ExplainNamesTheVerdict)
     EXPECT_EQ(Dlctl({"spam", "explain", Path("m.eml"), "no@lists.example.org"}),
               "2 dlctl: there is no list no@lists.example.org");
     EXPECT_FALSE(std::filesystem::exists(Path("queue"))) << "nothing is sent";
+}
+
+TEST_F(SpamCommands, JsonHasAllFieldsAlways)
+{
+    const auto explain = [this](const std::string& header, const std::string& sender) {
+        const std::string file = Write("m.eml", header + "\r\nbody\r\n");
+        std::string output;
+        EXPECT_EQ(RunProgram({DL_BINARY "/bin/dlctl", "--conf", Path("conf"), "spam", "explain",
+                              file, "garden@lists.example.org", "--sender", sender, "--json"},
+                             &output),
+                  0);
+        auto seen = nlohmann::json::parse(output);
+        EXPECT_EQ(seen.at("list"), "garden@lists.example.org");
+        EXPECT_EQ(seen.at("file"), file);
+        for (const char* name : {"file", "list", "sender"})
+            seen.erase(name);
+        return seen;
+    };
+    EXPECT_EQ(
+        explain("X-Spam-Status: YES\r\nX-kvtbl: own.example,\xff.x/1.2.3.4\r\n", "a@b.c"),
+        nlohmann::json::parse(R"({"marked": true, "blacklists": "own.example,\ufffd.x/1.2.3.4",
+        "list_action": "bounce", "hosts": [
+          {"host": "own.example", "server_action": "discard", "in_record": false, "list_action": "ignore"},
+          {"host": "\ufffd.x", "server_action": "discard", "in_record": false, "list_action": null}],
+        "reason": null, "verdict": 2, "meaning": "spam, discarded"})"));
+    EXPECT_EQ(explain("X-Spam-Status: YES\r\n", "a@b.c").at("reason"), "Not here.");
+    EXPECT_EQ(explain("X-Spam-Status: YES\r\n", "x@friends.example"), nlohmann::json::parse(R"({
+        "marked": null, "blacklists": null, "list_action": null, "hosts": [], "reason": null,
+        "verdict": 7, "meaning": "the sender is in the list's white list: handled normally"})"));
 }
 
 TEST_F(SpamCommands, StoreInitMakesTheTemplate)

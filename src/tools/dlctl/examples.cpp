@@ -60,7 +60,8 @@ constexpr std::pair<const char*, const char*> kExamples[] = {
     {"spam", "  dlctl spam explain message.eml garden@lists.example.org"},
     {"spam explain",
      "  dlctl spam explain message.eml garden@lists.example.org "
-     "--sender anna@example.com"},
+     "--sender anna@example.com\n"
+     "  dlctl spam explain message.eml garden@lists.example.org --json | jq .verdict"},
 };
 
 CLI::App* Find(CLI::App* program, const std::string& path)

@@ -1,5 +1,6 @@
 // dlctl spam: explain.
 
+#include <cstdarg>
 #include <cstdio>
 #include <memory>
 
@@ -22,17 +23,55 @@ struct SpamOptions {
     std::string file;
     std::string list;
     std::string sender;
+    bool json = false;
+};
+
+// What is told, as text at once or as JSON at the end. All fields are there always; null is what
+// did not come up.
+class Answer
+{
+ public:
+    explicit Answer(const SpamOptions& options)
+        : fields({{"file", options.file},
+                  {"list", options.list},
+                  {"sender", options.sender.empty() ? Json() : Json(options.sender)},
+                  {"marked", Json()},
+                  {"blacklists", Json()},
+                  {"list_action", Json()},
+                  {"hosts", Json::array()},
+                  {"reason", Json()},
+                  {"verdict", Json()},
+                  {"meaning", Json()}}),
+          json_(options.json)
+    {
+    }
+    void Line(const char* format, ...) const __attribute__((format(printf, 2, 3)))
+    {
+        va_list args;
+        va_start(args, format);
+        if (!json_)
+            std::vprintf(format, args);
+        va_end(args);
+    }
+    int Verdict(int number, const char* meaning)
+    {
+        Line("verdict %d: %s\n", number, meaning);
+        fields["verdict"] = number;
+        fields["meaning"] = meaning;
+        if (json_)
+            PrintJson(fields);
+        return kExitOk;
+    }
+
+    Json fields;
+
+ private:
+    const bool json_;
 };
 
 std::string Shown(const std::string& text)
 {
     return EscapeForLog(text.c_str());
-}
-
-int Verdict(int number, const char* meaning)
-{
-    std::printf("verdict %d: %s\n", number, meaning);
-    return kExitOk;
 }
 
 const char* ActionName(int action)
@@ -43,36 +82,41 @@ const char* ActionName(int action)
 
 // What decides about each host, as the checker goes through them.
 void ExplainHosts(const std::string& blacklists, const AntiSpamConfig& settings,
-                  const RblDefaults& defaults)
+                  const RblDefaults& defaults, Answer* answer)
 {
-    const std::size_t slash = blacklists.find('/');
-    if (slash == std::string::npos) {
-        std::printf("  no address behind a '/': the hosts are not looked at\n");
-        return;
-    }
+    if (blacklists.find('/') == std::string::npos)
+        return answer->Line("  no address behind a '/': the hosts are not looked at\n");
     for (const std::string& host : BlacklistHosts(blacklists)) {
-        const char* of_list =
-            settings.HasHostAction(host) ? ActionName(settings.HostAction(host)) : "nothing";
-        std::printf("  %s: the server says %s%s, the list says %s\n", Shown(host).c_str(),
-                    ActionName(defaults.Action(host)),
-                    defaults.IsKnown(host) ? "" : " (it is in no record)", of_list);
+        const bool listed = settings.HasHostAction(host);
+        const char* of_list = listed ? ActionName(settings.HostAction(host)) : "nothing";
+        const char* of_server = ActionName(defaults.Action(host));
+        const bool known = defaults.IsKnown(host);
+        answer->Line("  %s: the server says %s%s, the list says %s\n", Shown(host).c_str(),
+                     of_server, known ? "" : " (it is in no record)", of_list);
+        answer->fields["hosts"].push_back({{"host", host},
+                                           {"server_action", of_server},
+                                           {"in_record", known},
+                                           {"list_action", listed ? Json(of_list) : Json()}});
     }
 }
 
-int ExplainAction(const SpamDecision& decision)
+int ExplainAction(const SpamDecision& decision, Answer* answer)
 {
     if (decision.white_listed_ip)
-        return Verdict(8, "the sending address is in the list's IP white list: handled normally");
+        return answer->Verdict(
+            8, "the sending address is in the list's IP white list: handled normally");
     switch (decision.action) {
         case kSpamIgnore:
-            return Verdict(1, "spam, ignored: handled normally");
+            return answer->Verdict(1, "spam, ignored: handled normally");
         case kSpamDiscard:
-            return Verdict(2, "spam, discarded");
+            return answer->Verdict(2, "spam, discarded");
         case kSpamBounce:
-            std::printf("reason: %s\n", Shown(decision.reason).c_str());
-            return Verdict(6, "spam, bounced to its sender");
+            answer->Line("reason: %s\n", Shown(decision.reason).c_str());
+            answer->fields["reason"] = decision.reason;
+            return answer->Verdict(6, "spam, bounced to its sender");
         default:
-            return Verdict(4, "spam, to be filed, but a list has no mailbox: handled normally");
+            return answer->Verdict(
+                4, "spam, to be filed, but a list has no mailbox: handled normally");
     }
 }
 
@@ -98,24 +142,30 @@ int Explain(const SpamOptions& options)
     AntiSpamConfig settings;
     if (const int failed = ReadSettings(options.list, &settings))
         return failed;
+    Answer answer(options);
     if (!options.sender.empty() && settings.IsWhitelistedSender(options.sender))
-        return Verdict(7, "the sender is in the list's white list: handled normally");
+        return answer.Verdict(7, "the sender is in the list's white list: handled normally");
     const std::string marker = SubjectMarker(kName);
     const SpamMarks marks = ReadSpamMarks(options.file, marker);
     if (!marks.readable)
         return Complain(kExitFailed, "%s cannot be read", options.file.c_str());
-    std::printf("marked by X-Spam-Status%s: %s\n",
+    answer.Line("marked by X-Spam-Status%s: %s\n",
                 marker.empty() ? "" : (" or by \"" + Shown(marker) + "\" in the subject").c_str(),
                 marks.marked ? "yes" : "no");
-    std::printf("X-kvtbl: %s\n", marks.blacklists ? Shown(*marks.blacklists).c_str() : "none");
+    answer.Line("X-kvtbl: %s\n", marks.blacklists ? Shown(*marks.blacklists).c_str() : "none");
+    answer.fields["marked"] = marks.marked;
+    if (marks.blacklists)
+        answer.fields["blacklists"] = *marks.blacklists;
     if (!marks.Any())
-        return Verdict(0, "not marked as spam: handled normally");
+        return answer.Verdict(0, "not marked as spam: handled normally");
     RblDefaults defaults;
     defaults.ReloadWhenDue(kName);
-    std::printf("the list's action for spam: %s\n", ActionName(settings.KestruneAction()));
+    const char* action = ActionName(settings.KestruneAction());
+    answer.Line("the list's action for spam: %s\n", action);
+    answer.fields["list_action"] = action;
     if (marks.blacklists)
-        ExplainHosts(*marks.blacklists, settings, defaults);
-    return ExplainAction(DecideOnSpam(marks, settings, defaults));
+        ExplainHosts(*marks.blacklists, settings, defaults, &answer);
+    return ExplainAction(DecideOnSpam(marks, settings, defaults), &answer);
 }
 
 }  // namespace
@@ -133,6 +183,7 @@ void AddSpamCommands(CLI::App* program, int* status)
         ->required();
     explain->add_option("list", options->list, "The list's address")->required();
     explain->add_option("--sender", options->sender, "Envelope sender, for the white list");
+    explain->add_flag("--json", options->json, "As JSON");
     explain->callback([options, status] { *status = Explain(*options); });
 }
 
