@@ -294,8 +294,18 @@ TEST_F(Monitoring, ExplainReadsTheQueue)
     EXPECT_EQ(entry.at("delivered"), 1);
     EXPECT_EQ(entry.at("tries"), 1);
     EXPECT_EQ(entry.at("problem"), "451 later");
+    EXPECT_EQ(seen.at("queue_problem"), "");
     EXPECT_EQ(Dlctl({"explain", "hree@example.com"}), 2);
     EXPECT_EQ(Dlctl({"explain", "body"}), 2) << "only the header's Message-ID counts";
+    MQEnd();
+    for (const char* format : {"1", "9"}) {  // no queue that can be read is no empty queue
+        ASSERT_EQ(RunProgram({"/usr/bin/sqlite3", Path("queue/index.db"),
+                              "PRAGMA user_version=" + std::string(format)}),
+                  0);
+        EXPECT_EQ(Dlctl({"explain", FormatText("%08lX", id)}), 1);
+        EXPECT_NE(output.find("the queue cannot be looked at: the index "), std::string::npos)
+            << output;
+    }
 }
 
 }  // namespace

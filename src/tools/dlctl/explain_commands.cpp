@@ -62,6 +62,7 @@ Json AsJson(const ExplainOptions& options, const Inquiry& inquiry)
             {"ids", inquiry.Ids()},
             {"events", events},
             {"queue", queue},
+            {"queue_problem", inquiry.QueueTrouble()},
             {"searched", inquiry.Searched()},
             {"not_searched", inquiry.Skipped()}};
 }
@@ -76,7 +77,9 @@ void Print(const Inquiry& inquiry)
         line(event.time, event.id, event.text);
     for (const auto& [id, entry] : inquiry.Queued())
         line("now", id, "waits in the queue: " + Progress(entry));
-    if (inquiry.Queued().empty())
+    if (!inquiry.QueueTrouble().empty())
+        std::printf("The queue was not looked at: %s\n", inquiry.QueueTrouble().c_str());
+    else if (inquiry.Queued().empty())
         std::puts("It is not in the queue any more.");
     for (const std::string& name : inquiry.Skipped())
         std::printf("Not searched: %s\n", EscapeForLog(name.c_str()).c_str());
@@ -88,7 +91,11 @@ int Explain(const ExplainOptions& options)
     inquiry.Run();
     if (options.json)
         PrintJson(AsJson(options, inquiry));
-    if (inquiry.Events().empty() && inquiry.Queued().empty())
+    const bool found = !inquiry.Events().empty() || !inquiry.Queued().empty();
+    if (!found && !inquiry.QueueTrouble().empty())
+        return Complain(kExitFailed, "%s is not in the logs, and the queue cannot be looked at: %s",
+                        options.asked.c_str(), inquiry.QueueTrouble().c_str());
+    if (!found)
         return Complain(kExitNotFound,
                         "nothing is known of %s: it is not in the queue and not in the logs%s",
                         options.asked.c_str(), options.logs.empty() ? " (--log names others)" : "");

@@ -22,6 +22,16 @@ constexpr std::chrono::milliseconds kMessageFiles{300};  // for looking into the
 constexpr std::size_t kHeaderBytes = 16'384;
 constexpr std::string_view kHeader = "Message-ID:";
 
+// Why the queue cannot be looked at, which is not to be told as "not in the queue"; empty when it
+// can, or there is none.
+std::string QueueProblem()
+{
+    const QueueOverview queue = ReadQueueOverview(QueuePath());
+    if (queue.state == QueueOverview::State::kRead && queue.format < kQueueFormat)
+        return "the index is of an older format, the service brings it up to date when it starts";
+    return queue.state == QueueOverview::State::kNoQueue ? "" : queue.cause;
+}
+
 }  // namespace
 
 Inquiry::Inquiry(const std::string& asked, const std::vector<std::string>& logs) : asked_(asked)
@@ -45,7 +55,8 @@ void Inquiry::Run()
         FollowMessageId();
     for (std::size_t i = 0; i < ids_.size(); ++i)  // Follow may add some
         Follow(std::string(ids_[i]));
-    for (const std::string& id : ids_)
+    queue_problem_ = QueueProblem();
+    for (const std::string& id : queue_problem_.empty() ? ids_ : std::vector<std::string>())
         for (EntryOverview& entry :
              ReadQueueEntry(QueuePath(), std::strtoul(id.c_str(), nullptr, 16)))
             queued_.emplace_back(id, std::move(entry));

@@ -39,6 +39,8 @@ class Inquiry
     {
         return queued_;
     }
+    // Why the queue could not be looked at; empty when it could.
+    [[nodiscard]] const std::string& QueueTrouble() const { return queue_problem_; }
     [[nodiscard]] std::vector<std::string> Searched() const;
     [[nodiscard]] const std::vector<std::string>& Skipped() const { return skipped_; }
 
@@ -67,6 +69,7 @@ class Inquiry
     std::vector<std::string> ids_;  // in the order in which they came up
     std::vector<Event> events_;
     std::vector<std::pair<std::string, EntryOverview>> queued_;
+    std::string queue_problem_;
     std::unordered_map<std::string, Tally> tallies_;  // by what they are of
 };
 
