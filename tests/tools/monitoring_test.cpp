@@ -1,10 +1,16 @@
 // dlctl status, metrics and explain, on what the programs themselves have written.
 
+#include <sysexits.h>
+
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "platform/log/format.h"
 #include "platform/log/log.h"
@@ -91,6 +97,62 @@ TEST_F(Monitoring, StatusSaysWhatRunsAndWaits)
         << output;
     RemoveProcessInfo("dl");
     EXPECT_EQ(Dlctl({"status"}), 3);
+}
+
+// The intake as a server is seen like the other programs; called for one message it is not, and
+// does not disturb the server.
+TEST_F(Monitoring, TheIntakeServerIsSeen)
+{
+    const std::string dlsubmit = DL_BINARY "/bin/dlsubmit";
+    const auto status = [this] {
+        (void)Dlctl({"status", "--json"});
+        return nlohmann::json::parse(output).at("dlsubmit");
+    };
+    const auto wait_for = [](const std::function<bool()>& what) {
+        for (int i = 0; i < 400 && !what(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        return what();
+    };
+    ASSERT_EQ(setenv("DLMANAGER_CONF", Path("conf").c_str(), 1), 0);
+    EXPECT_EQ(RunProgram({"/bin/sh", "-c",
+                          "echo x | " + dlsubmit + " -f a@example.com garden@lists.example.org"}),
+              0);
+    EXPECT_EQ(status().at("running"), false);
+    (void)Dlctl({"status"});
+    EXPECT_EQ(output.find("dlsubmit"), std::string::npos)
+        << "where there is no server, none is missed";
+    (void)Dlctl({"metrics"});
+    EXPECT_EQ(output.find("_up{program=\"dlsubmit\"}"), std::string::npos);
+
+    Child server({dlsubmit, "--lmtp", Path("s1")}, Path("out1"));
+    ASSERT_TRUE(wait_for([&] { return status().at("pid") == server.Pid(); })) << output;
+    EXPECT_EQ(ProcessStatus("dlsubmit"), "Running");
+    server.Signal(SIGUSR1);
+    EXPECT_EQ(RunProgram({dlsubmit, "--lmtp", Path("s1")}), EX_UNAVAILABLE)
+        << "the socket is taken";
+    Child second({dlsubmit, "--lmtp", Path("s2")}, Path("out2"));
+    EXPECT_TRUE(wait_for([&] {
+        return ReadFile(Path("log/dlsubmit.log")).find("beside another intake") !=
+               std::string::npos;
+    }));
+    second.Signal(SIGUSR1);
+    second.Signal(SIGTERM);
+    EXPECT_EQ(second.Wait(), 0);
+    EXPECT_EQ(RunProgram({"/bin/sh", "-c",
+                          "echo x | " + dlsubmit + " -f a@example.com garden@lists.example.org"}),
+              0);
+    EXPECT_EQ(status().at("pid"), server.Pid()) << "the first is still seen";
+    (void)Dlctl({"metrics"});
+    EXPECT_NE(output.find("_up{program=\"dlsubmit\"} 1\n"), std::string::npos);
+
+    server.Signal(SIGTERM);
+    EXPECT_EQ(server.Wait(), 0);
+    EXPECT_FALSE(std::filesystem::exists(Path("run/dlsubmit.pid")));
+    (void)Dlctl({"status"});
+    EXPECT_NE(output.find("dlsubmit       not running\n"), std::string::npos) << output;
+    (void)Dlctl({"metrics"});
+    EXPECT_NE(output.find("_up{program=\"dlsubmit\"} 0\n"), std::string::npos);
+    unsetenv("DLMANAGER_CONF");
 }
 
 bool IsName(const std::string& text)

@@ -239,8 +239,10 @@ void AddPrograms(const SiteState& site, Exposition* out)
     out->Family("up", "gauge", "1 when the program runs, else 0.");
     for (const ProgramState* program : {&site.manager, &site.sender})
         out->Sample("program", program->name, program->pid != 0 ? 1 : 0);
+    if (site.HasIntakeServer())  // else it is called for each message: it is not down
+        out->Sample("program", site.intake.name, site.intake.pid != 0 ? 1 : 0);
     out->Family("start_time_seconds", "gauge", "When the program was started last.");
-    for (const ProgramState* program : {&site.manager, &site.sender})
+    for (const ProgramState* program : {&site.manager, &site.sender, &site.intake})
         if (program->metrics[Metric::kStartedAt] != 0)
             out->Sample("program", program->name, program->metrics[Metric::kStartedAt]);
     out->Family("errors_total", "counter", "Level 1 lines of the log.");

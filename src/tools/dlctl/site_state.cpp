@@ -19,7 +19,7 @@ ProgramState ReadProgram(const std::string& name, const char* process)
 {
     ProgramState state;
     state.name = name;
-    state.pid = process ? RunningProcess(process) : 0;
+    state.pid = RunningProcess(process);
     state.counted = ReadMetrics(QueuePath(), name, &state.metrics);
     return state;
 }
@@ -56,7 +56,7 @@ SiteState ReadSiteState()
     state.now = Now();
     state.manager = ReadProgram("dlmanager", "dl");
     state.sender = ReadProgram("dlsend", "dlsend");
-    state.intake = ReadProgram("dlsubmit", nullptr);
+    state.intake = ReadProgram("dlsubmit", "dlsubmit");
     state.queue = ReadQueueOverview(QueuePath());
     state.digests = ReadDigests();
     return state;

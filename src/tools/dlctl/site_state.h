@@ -29,7 +29,12 @@ struct SiteState {
     std::int64_t now = 0;
     ProgramState manager;
     ProgramState sender;
-    ProgramState intake;  // has no process file: its pid is always 0
+    ProgramState intake;  // as a server; called for each message it is no process to be seen
+    // Whether the intake is, or was, a server on this host.
+    [[nodiscard]] bool HasIntakeServer() const
+    {
+        return intake.pid != 0 || intake.metrics[Metric::kStartedAt] != 0;
+    }
     QueueOverview queue;
     std::vector<DigestDue> digests;  // the next ones first
 };

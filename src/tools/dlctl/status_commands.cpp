@@ -49,6 +49,7 @@ Json StatusJson(const SiteState& site)
     const bool counted = site.manager.counted;
     return {{"dlmanager", ProgramJson(site.manager)},
             {"dlsend", ProgramJson(site.sender)},
+            {"dlsubmit", ProgramJson(site.intake)},
             {"lists", counted ? Json(counts[Metric::kLists]) : Json()},
             {"members", counted ? Json(counts[Metric::kMembers]) : Json()},
             {"last_refresh", TimeOrNull(counts[Metric::kLastRefresh])},
@@ -114,6 +115,8 @@ int Status(bool json)
     const MetricsSnapshot& counts = site.manager.metrics;
     PrintProgram(site, site.manager);
     PrintProgram(site, site.sender);
+    if (site.HasIntakeServer())
+        PrintProgram(site, site.intake);
     if (site.manager.counted) {
         PrintLine("lists", FormatText("%lld with %lld members",
                                       static_cast<long long>(counts[Metric::kLists]),

@@ -30,13 +30,17 @@ namespace
 using Listeners = std::vector<std::unique_ptr<Listener>>;
 
 constexpr char kModule[] = "DL Intake";
+constexpr char kName[] = "dlsubmit";  // of its log, process and metrics files
 constexpr char kSection[] = "Intake";
 
 LmtpServer* running = nullptr;
 
-void OnSignal(int)
+int OnSignal(int signal)
 {
+    if (signal == SIGUSR1)
+        return WriteProcessStatus(kName, "Running");
     running->Stop();
+    return 0;
 }
 
 int Setting(const char* key, int fallback, int most)
@@ -112,12 +116,28 @@ void RaiseFileLimit()
     (void)setrlimit(RLIMIT_NOFILE, &limit);  // when refused, the old one stands
 }
 
-void HandleSignals(void (*handler)(int))
+// Shows that it runs, and takes the signals. A host may have several intakes, each on a socket of
+// its own: those behind the first only go without a file.
+void Register()
 {
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    for (const int signal : {SIGTERM, SIGINT})
-        (void)sigaction(signal, &action, nullptr);
+    const ProcessInfo registered = InitProcessInfo(kName, OnSignal);
+    if (registered.result == Registration::kAlreadyRunning) {
+        for (const int signal : {SIGTERM, SIGINT, SIGUSR1})
+            (void)std::signal(signal, [](int number) { (void)OnSignal(number); });
+        LogMessage(
+            5, kModule,
+            ("Serving beside another intake, whose state is shown: " + registered.reason).c_str());
+    } else if (registered.result != Registration::kDone) {
+        LogMessage(1, kModule, registered.reason.c_str());
+    }
+    (void)WriteProcessStatus(kName, "Running");  // only what a tool shows depends on it
+}
+
+void Unregister()
+{
+    RemoveProcessInfo(kName);
+    for (const int signal : {SIGTERM, SIGINT, SIGUSR1})
+        (void)std::signal(signal, SIG_DFL);
 }
 
 void Serve(const std::string& channel, Listeners listeners)
@@ -126,12 +146,12 @@ void Serve(const std::string& channel, Listeners listeners)
         LogMessage(5, kModule, ("Listening on " + listener->Name()).c_str());
     LmtpServer server(ReadSettings(channel), std::move(listeners));
     running = &server;
-    HandleSignals(OnSignal);
+    Register();
     (void)std::signal(SIGPIPE, SIG_IGN);  // of the log's standard error
     NotifyServiceManager("READY=1");
     server.Run();
     NotifyServiceManager("STOPPING=1");
-    HandleSignals(SIG_DFL);
+    Unregister();
     LogMessage(5, kModule, "Terminating");
 }
 
@@ -149,7 +169,7 @@ int RunLmtpIntake(const std::vector<std::string>& listen, const std::string& cha
     if (!DropRoot(listeners, &error))
         return Refuse(EX_NOUSER, "Cannot become user " + error);
     SetConfigReporter([](const std::string& problem) { LogMessage(1, kModule, problem.c_str()); });
-    if (!OpenLog(IntakeLog(), "dlsubmit", &error))
+    if (!OpenLog(IntakeLog(), kName, &error))
         LogMessage(1, kModule,
                    ("The log cannot be opened, using standard error: " + error).c_str());
     if (geteuid() == 0)
@@ -158,7 +178,7 @@ int RunLmtpIntake(const std::vector<std::string>& listen, const std::string& cha
     // Its cause is in the log.
     const bool opened = MQInit("", kModule);
     if (opened) {
-        (void)OpenMetrics(QueuePath(), "dlsubmit");  // it has logged; mail goes on without
+        (void)OpenMetrics(QueuePath(), kName);  // it has logged; mail goes on without
         MarkStart();
     }
     if (opened)
