@@ -223,6 +223,7 @@ int Unreadable(const ArchiveOptions& options)
     std::vector<LeftOutPosting> postings;
     const int status = WithArchive(options, [&] {
         if (options.retry) {
+            const Progress progress("reading postings of " + options.list);
             CDlArchive::RetryLeftOut(options.list);
             CDlArchive::GenerateIndexPages(options.list);
         }
@@ -265,6 +266,7 @@ int Describe(const ArchiveOptions& options)
         return Complain(kExitFailed, "the address of the pages begins with http:// or https://: %s",
                         url.c_str());
     return WithArchive(options, [&] {
+        const Progress progress("writing the pages of " + options.list);
         CDlArchive::DescribeArchive(options.list, options.description);
         CDlArchive::GenerateIndexPages(options.list);
     });

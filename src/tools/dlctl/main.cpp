@@ -11,6 +11,7 @@
 #include "platform/log/log.h"
 #include "platform/process/user.h"
 #include "tools/dlctl/commands.h"
+#include "tools/dlctl/progress.h"
 
 namespace
 {
@@ -22,7 +23,7 @@ class ErrorsOnly : public dl::LogSink
     void Write(int level, const char* /*module*/, const std::string& escaped) override
     {
         if (level <= 1)
-            std::fprintf(stderr, "dlctl: %s\n", escaped.c_str());
+            dl::PrintErrorLine("dlctl: " + escaped);
     }
 };
 
@@ -57,7 +58,7 @@ int Run(int argc, char** argv)
                     "Configuration folder (default $DLMANAGER_CONF or /etc/dlmanager)")
         ->each([](const std::string& name) { dl::SetConfigFolder(name); });
     dl::SetConfigReporter(
-        [](const std::string& problem) { std::fprintf(stderr, "dlctl: %s\n", problem.c_str()); });
+        [](const std::string& problem) { dl::PrintErrorLine("dlctl: " + problem); });
     program.parse_complete_callback([&program] {
         if (!OnlyLooks(program))
             LeaveRoot();

@@ -6,6 +6,7 @@
 #include "platform/address/address.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "tools/dlctl/progress.h"
 
 namespace dl
 {
@@ -16,7 +17,7 @@ int Complain(int status, const char* format, ...)
     va_start(args, format);
     const std::string text = FormatTextList(format, args);
     va_end(args);
-    std::fprintf(stderr, "dlctl: %s\n", EscapeForLog(text.c_str()).c_str());
+    PrintErrorLine("dlctl: " + EscapeForLog(text.c_str()));
     return status;
 }
 
