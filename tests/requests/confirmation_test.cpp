@@ -165,8 +165,7 @@ TEST_F(Confirmation, ArchiveRegistrationGoesToTheArchive)
     // What the archive cannot take still counts.
     WritePending("0000ABCD", "for paul@example.org without a hash\r\n");
     EXPECT_EQ(Reply(Subject("archive authentication")), "archive");
-    EXPECT_EQ(Log(),
-              "6 DL Manager: no line of a password file for list garden@lists.example.org\n");
+    EXPECT_EQ(Log(), "6 no line of a password file for list garden@lists.example.org\n");
     EXPECT_EQ(ReadFile(users), "Paul@example.org:secret\n");
     EXPECT_TRUE(Pending().empty());
 }

@@ -38,7 +38,7 @@ bool IsFolder(const std::string& path)
 
 CDlArchive& SharedArchive()
 {
-    static CDlArchive archive("DL Manager");
+    static CDlArchive archive;
     return archive;
 }
 
@@ -46,8 +46,6 @@ CDlArchiveException::CDlArchiveException(const std::string& text, ArchiveFault w
 {
     std::snprintf(message, sizeof message, "%s", text.c_str());
 }
-
-CDlArchive::CDlArchive(const char* module) : module_(module) {}
 
 void CDlArchive::GetArchivePath()
 {
@@ -57,7 +55,7 @@ void CDlArchive::GetArchivePath()
 std::string CDlArchive::PathOf(const std::string& list)
 {
     if (!IsSafeFolderName(list))
-        throw CDlArchiveException("DL Manager: no archive for the list name " + list);
+        throw CDlArchiveException("no archive for the list name " + list);
     return DataPath() + "/" + list + "/archive";
 }
 
@@ -65,7 +63,7 @@ unsigned long CDlArchive::GetId(const std::string& file_name)
 {
     const auto id = archive::IdOfFile(file_name.substr(file_name.rfind('/') + 1));
     if (!id)
-        throw CDlArchiveException("DL Manager: no file name of an archived message: " + file_name);
+        throw CDlArchiveException("no file name of an archived message: " + file_name);
     return static_cast<unsigned long>(*id);
 }
 
@@ -73,7 +71,7 @@ void CDlArchive::AddArchive(const std::string& archive_path, unsigned long id)
 {
     const std::string file = archive_path + FormatText("/%08lX.msg", id);
     if (id > kMaxId || FileSize(file) < 0)
-        throw CDlArchiveException("DL Manager: there is no message " + file + " to be archived");
+        throw CDlArchiveException("there is no message " + file + " to be archived");
     const auto index = archive::OpenIndex(archive_path);
     index->KeepLog();
     index->Run("INSERT OR REPLACE INTO incoming (id, stamp) VALUES (?1, ?2)",
@@ -107,14 +105,14 @@ void CDlArchive::RemoveArchive(const std::string& list, unsigned long id)
     if (id > kMaxId || !IsFolder(path) ||
         !archive::Remove(path, list, static_cast<std::int64_t>(id)))
         throw CDlArchiveException(
-            FormatText("DL Manager: the archive of %s has no message %08lX", list.c_str(), id));
+            FormatText("the archive of %s has no message %08lX", list.c_str(), id));
 }
 
 void CDlArchive::RebuildArchive(const std::string& list)
 {
     const std::string path = PathOf(list);
     if (!IsFolder(path))
-        throw CDlArchiveException("DL Manager: there is no archive folder " + path);
+        throw CDlArchiveException("there is no archive folder " + path);
     archive::Rebuild(path, list);
 }
 
@@ -135,7 +133,7 @@ void CDlArchive::UpdateRemoteFile(const std::string& line)
     const std::string user = UserOf(entry);
     if (user.empty() || user.size() == entry.size() ||
         entry.find_first_of(std::string("\r\n\0", 3)) != std::string::npos)
-        throw CDlArchiveException(module_ + ": no line of a password file for list " + list_);
+        throw CDlArchiveException("no line of a password file for list " + list_);
     const std::string file = path_ + "/htpasswd";
     std::string text;
     bool replaced = false;
@@ -153,7 +151,7 @@ void CDlArchive::UpdateRemoteFile(const std::string& line)
     if (!replaced)
         text += entry + "\n";
     if (in.Failed() || !ReplaceFile(file, text, kPasswordMode))
-        throw CDlArchiveException(module_ + ": cannot write " + file);
+        throw CDlArchiveException("cannot write " + file);
 }
 
 }  // namespace dl

@@ -55,8 +55,6 @@ struct LeftOutPosting {
 class CDlArchive
 {
  public:
-    explicit CDlArchive(const char* module);
-
     void SetList(const std::string& list) { list_ = list; }
     // Finds out the archive path of the current list. Throws when the list's name cannot be the
     // name of a folder.
@@ -98,7 +96,6 @@ class CDlArchive
 
  private:
     friend class ArchiveLock;
-    std::string module_;
     std::string list_;
     std::string path_;
     std::mutex mutex_;

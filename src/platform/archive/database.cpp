@@ -116,8 +116,8 @@ void Database::CopyTo(const std::string& file)
     const int code = sqlite3_step(copy);
     sqlite3_reset(copy);
     if (code != SQLITE_DONE)
-        throw CDlArchiveException("DL Manager: no copy of the index can be written to " + file +
-                                  ": it " + Meaning(code));
+        throw CDlArchiveException("no copy of the index can be written to " + file + ": it " +
+                                  Meaning(code));
 }
 
 void Database::Script(const char* sql)
@@ -129,7 +129,7 @@ void Database::Script(const char* sql)
 
 void Database::Fail(int code) const
 {
-    const std::string text = "DL Manager: the archive index " + path_ + " " + Meaning(code);
+    const std::string text = "the archive index " + path_ + " " + Meaning(code);
     const bool damaged = (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
     throw CDlArchiveException(text, damaged ? ArchiveFault::kDamaged : ArchiveFault::kOther);
 }

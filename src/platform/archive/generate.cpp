@@ -234,7 +234,7 @@ std::vector<std::int64_t> PostingFiles(const std::string& archive_path)
             ids.push_back(*id);
     }
     if (error)
-        throw CDlArchiveException("DL Manager: cannot read the folder " + archive_path);
+        throw CDlArchiveException("cannot read the folder " + archive_path);
     std::sort(ids.begin(), ids.end());
     return ids;
 }

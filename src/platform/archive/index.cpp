@@ -94,11 +94,10 @@ void RefuseNewer(std::int64_t format, const std::string& archive_path)
 {
     if (format > kFormatVersion)
         throw CDlArchiveException(
-            FormatText(
-                "DL Manager: the archive index %s/index.db was written by a newer version of this "
-                "program (format %lld, this one knows formats up to %lld)",
-                archive_path.c_str(), static_cast<long long>(format),
-                static_cast<long long>(kFormatVersion)),
+            FormatText("the archive index %s/index.db was written by a newer version of this "
+                       "program (format %lld, this one knows formats up to %lld)",
+                       archive_path.c_str(), static_cast<long long>(format),
+                       static_cast<long long>(kFormatVersion)),
             ArchiveFault::kNewer);
 }
 

@@ -23,8 +23,8 @@ namespace
 
 [[noreturn]] void NoCopy(const std::string& backup, int error)
 {
-    throw CDlArchiveException("DL Manager: no copy of the index can be written to " + backup +
-                              ": " + std::generic_category().message(error));
+    throw CDlArchiveException("no copy of the index can be written to " + backup + ": " +
+                              std::generic_category().message(error));
 }
 
 // An empty file that may be read by those who may read the index.
@@ -77,7 +77,7 @@ void BringUpToDate(Database& index, const std::string& archive_path)
 {
     const FolderLock lock(archive_path);
     if (!lock.Held())
-        throw CDlArchiveException("DL Manager: cannot lock the folder " + archive_path + ": " +
+        throw CDlArchiveException("cannot lock the folder " + archive_path + ": " +
                                   std::generic_category().message(errno));
     const std::int64_t format = FormatOf(index);
     if (format == kFormatVersion)

@@ -24,7 +24,7 @@ std::string TempName(const std::string& path)
 
 [[noreturn]] void Fail(const char* what, const std::string& path, int error)
 {
-    throw CDlArchiveException("DL Manager: cannot " + std::string(what) + " " + path +
+    throw CDlArchiveException("cannot " + std::string(what) + " " + path +
                               (error ? ": " + std::generic_category().message(error) : ""));
 }
 

@@ -34,8 +34,7 @@ bool IsThere(const std::string& path)
 
 [[noreturn]] void Fail(const std::string& what)
 {
-    throw CDlArchiveException("DL Manager: cannot " + what + ": " +
-                              std::generic_category().message(errno));
+    throw CDlArchiveException("cannot " + what + ": " + std::generic_category().message(errno));
 }
 
 void RenameTo(const std::string& from, const std::string& to)

@@ -1,19 +1,11 @@
 // dlctl check: the archive of a list.
 
-#include <string_view>
-
 #include "platform/archive/archive.h"
 #include "platform/log/format.h"
 #include "tools/dlctl/check.h"
 
 namespace dl
 {
-namespace
-{
-
-constexpr std::string_view kLogged = "DL Manager: ";  // how the library's lines begin
-
-}  // namespace
 
 // What its pages leave out.
 void CheckArchive(const std::string& list, CheckReport* report)
@@ -22,10 +14,7 @@ void CheckArchive(const std::string& list, CheckReport* report)
     try {
         left_out = CDlArchive::LeftOut(list);
     } catch (const CDlArchiveException& problem) {
-        std::string what = problem.message;
-        if (what.starts_with(kLogged))
-            what.erase(0, kLogged.size());
-        what = "the archive of the list " + list + ": " + what;
+        const std::string what = "the archive of the list " + list + ": " + problem.message;
         if (problem.fault == ArchiveFault::kNewer)
             report->Fail(what,
                          "install the newer version again, or bring back index.db from before the "

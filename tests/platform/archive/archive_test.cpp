@@ -55,7 +55,7 @@ TEST_F(Archive, IdsComeFromFileNamesOnly)
 
 TEST_F(Archive, ThePasswordFileKeepsOneLinePerUser)
 {
-    CDlArchive archive("DL Manager");
+    CDlArchive archive;
     archive.SetList(list);
     archive.GetArchivePath();
     const std::string file = ArchivePath() + "/htpasswd";
@@ -96,16 +96,15 @@ TEST_F(Archive, ThePasswordFileKeepsOneLinePerUser)
 TEST_F(Archive, FailuresSayWhatIsWrongInOneLine)
 {
     EXPECT_EQ(What([&] { CDlArchive::AddArchive(ArchivePath(), 7); }),
-              "DL Manager: there is no message " + ArchivePath() + "/00000007.msg to be archived");
+              "there is no message " + ArchivePath() + "/00000007.msg to be archived");
     EXPECT_EQ(What([&] { CDlArchive::GenerateIndexPages("../etc@example.org"); }),
-              "DL Manager: no archive for the list name ../etc@example.org");
+              "no archive for the list name ../etc@example.org");
     Write("data/" + list + "/archive/00000007.msg", "x");
     Write("data/" + list + "/archive/index.db", std::string(5000, 'x'));
     EXPECT_EQ(What([&] { CDlArchive::AddArchive(ArchivePath(), 7); }),
-              "DL Manager: the archive index " + ArchivePath() +
-                  "/index.db is damaged; rebuild the archive");
+              "the archive index " + ArchivePath() + "/index.db is damaged; rebuild the archive");
     EXPECT_EQ(What([&] { CDlArchive::RemoveArchive("none@example.org", 7); }),
-              "DL Manager: the archive of none@example.org has no message 00000007");
+              "the archive of none@example.org has no message 00000007");
 }
 
 TEST_F(Archive, AnIndexOfANewerProgramIsRefused)
@@ -114,7 +113,7 @@ TEST_F(Archive, AnIndexOfANewerProgramIsRefused)
     ASSERT_EQ(
         std::system(("sqlite3 '" + ArchivePath() + "/index.db' 'PRAGMA user_version=7'").c_str()),
         0);
-    const std::string want = "DL Manager: the archive index " + ArchivePath() +
+    const std::string want = "the archive index " + ArchivePath() +
                              "/index.db was written by a newer version of this program (format 7, "
                              "this one knows formats up to 2)";
     EXPECT_EQ(What([&] { CDlArchive::AddArchive(ArchivePath(), 1); }), want);
@@ -211,7 +210,7 @@ TEST_F(Archive, ARemovedPostingIsNowhere)
     // Its reply hangs on its parent.
     EXPECT_NE(PostingPage("Re: Music").find("<dt>In reply to</dt>"), std::string::npos);
     EXPECT_EQ(What([&] { CDlArchive::RemoveArchive(list, 4); }),
-              "DL Manager: the archive of garden@lists.example.org has no message 00000004");
+              "the archive of garden@lists.example.org has no message 00000004");
     CDlArchive::RebuildArchive(list);
     EXPECT_EQ(Everything().find("Xylophone"), std::string::npos);
 }
