@@ -110,10 +110,10 @@ TEST_F(RblDefaultsTest, ReloadsWhenTheIntervalHasPassed)
         Gateway(*row.interval ? std::string("[Kestrune]\nReloadInterval = ") + row.interval : "");
         RblDefaults fresh;
         fresh.ReloadWhenDue("DL");
-        const int before = directory.Calls(DirectoryCall::kSearch);
+        const int before = directory.Made(DirectoryCall::kSearch);
         clock.now += row.seconds;
         fresh.ReloadWhenDue("DL");
-        EXPECT_EQ(directory.Calls(DirectoryCall::kSearch) - before, row.again ? 1 : 0);
+        EXPECT_EQ(directory.Made(DirectoryCall::kSearch) - before, row.again ? 1 : 0);
     }
 }
 
@@ -125,7 +125,7 @@ TEST_F(RblDefaultsTest, AFailedLoadForgetsTheOldOnesAndIsTriedAgain)
     log.ExpectError("Unable to read the RBL default settings");
     for (const DirectoryCall call :
          {DirectoryCall::kConnect, DirectoryCall::kBind, DirectoryCall::kSearch}) {
-        directory.Fail(call);
+        directory.FailNext(call);
         defaults.ReloadWhenDue("DL");
         EXPECT_EQ(Hosts(), "");
         EXPECT_EQ(defaults.Action("a.example"), kSpamDiscard);
@@ -137,7 +137,7 @@ TEST_F(RblDefaultsTest, AFailedLoadForgetsTheOldOnesAndIsTriedAgain)
 TEST_F(RblDefaultsTest, AFailedFirstLoadIsTriedAgainAtOnce)
 {
     Records({"a.example,P,I"});
-    directory.Fail(DirectoryCall::kBind);
+    directory.FailNext(DirectoryCall::kBind);
     defaults.ReloadWhenDue("DL");
     EXPECT_EQ(Hosts(), "");
     defaults.ReloadWhenDue("DL");

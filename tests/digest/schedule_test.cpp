@@ -107,8 +107,7 @@ TEST_F(Schedule, ListThatStandsTwiceIsLookedAtTwice)
     std::filesystem::remove(Path("data/" + std::string(kGarden) + "/digest/digest.dt"));
     std::filesystem::create_symlink("/dev/full",
                                     Path("data/" + std::string(kGarden) + "/digest/digest.dt"));
-    for (int i = 1; i <= 10; ++i)
-        queue->FailNth(QueueCall::kCreate, i);
+    queue->FailNth(QueueCall::kCreate, 1, 10);
     log.ExpectError("Unable to create a new entry in Message Queue");
     log.ExpectError("Unable to write file: ");
     RunDigestSchedule("dlout");

@@ -66,16 +66,16 @@ TEST_F(Cache, ModeAndArchiveFlagLoadAnEmptyCache)
 {
     EXPECT_EQ(cache.GetMode(kTeam), -1);
     EXPECT_EQ(cache.GetArchiveFlag(kTeam), -1);
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), 2);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), 2);
     Directory(List(kTeam, "mode: 1\n"));
     EXPECT_EQ(cache.GetMode(kTeam), kClosedList);
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), 3);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), 3);
     EXPECT_EQ(cache.GetMode(kOther), -1);
     EXPECT_EQ(cache.GetArchiveFlag(kTeam), 1);
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), 3);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), 3);
     dllist unreachable;
     log.ExpectError("Could not connect to Directory Server");
-    directory.Fail(DirectoryCall::kConnect, 1, 2);
+    directory.FailNth(DirectoryCall::kConnect, 1, 2);
     EXPECT_EQ(unreachable.GetMode(kTeam), -1);
     EXPECT_EQ(unreachable.GetArchiveFlag(kTeam), -1);
 }
@@ -113,11 +113,11 @@ TEST_F(Cache, IsCachedFindsListsThatAreNewer)
 {
     Directory(List("a@x.org"));
     EXPECT_TRUE(cache.IsCached("A@X.ORG"));  // loads
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), 1);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), 1);
     EXPECT_TRUE(cache.IsCached("a@x.org"));
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), 1);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), 1);
     EXPECT_FALSE(cache.IsCached(kTeam));
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), 2);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), 2);
     Directory(List(kTeam, "mode: 1\n") + List("a@x.org") + List("b@x.org"));
     EXPECT_TRUE(cache.IsCached(kTeam));
     EXPECT_EQ(Names(&cache), "a@x.org team@example.org ");

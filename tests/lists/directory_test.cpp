@@ -110,13 +110,13 @@ TEST_F(DirectoryOfLists, AFailedInitCacheLeavesNothing)
         ASSERT_TRUE(cache.InitCache());
         log.Clear();
         log.ExpectError(std::string(fault.logged).substr(2, 20));
-        directory.Fail(fault.call);
+        directory.FailNext(fault.call);
         EXPECT_FALSE(cache.InitCache());
         EXPECT_EQ(Logged(), fault.logged);
         EXPECT_TRUE(cache.CacheEmpty());
         EXPECT_FALSE(cache.DirectoryReachable()) << "the main loop must wait, not bounce";
         // Asking for a list tries again, and gives up when that fails.
-        directory.Fail(fault.call);
+        directory.FailNext(fault.call);
         EXPECT_FALSE(cache.IsCached(kTeam));
         EXPECT_EQ(Logged(), fault.logged);
         EXPECT_TRUE(cache.IsCached(kTeam));
@@ -136,7 +136,7 @@ TEST_F(DirectoryOfLists, AFailedRefreshKeepsTheLists)
         if (search)
             log.ExpectError("Could not read the mailing lists from Directory Server");
         log.Clear();
-        directory.Fail(fault.call);
+        directory.FailNext(fault.call);
         EXPECT_EQ(cache.RefreshCache(), !search);
         EXPECT_EQ(Logged(), search ? kNoAnswer : "");
         EXPECT_TRUE(cache.DirectoryReachable());
@@ -177,7 +177,7 @@ TEST_F(DirectoryOfLists, RefreshOfAnEmptyCacheBringsTheListsBack)
 {
     Directory(List(kTeam));
     log.ExpectError("Could not connect to Directory Server");
-    directory.Fail(DirectoryCall::kConnect, 1, 3);
+    directory.FailNth(DirectoryCall::kConnect, 1, 3);
     EXPECT_FALSE(cache.InitCache());
     EXPECT_TRUE(cache.RefreshCache());
     EXPECT_FALSE(cache.DirectoryReachable());
@@ -234,7 +234,7 @@ TEST_F(DirectoryOfLists, AFailedAddCacheLeavesTheLists)
         SCOPED_TRACE(fault.name);
         log.Clear();
         log.ExpectError(std::string(fault.logged).substr(2, 20));
-        directory.Fail(fault.call);
+        directory.FailNext(fault.call);
         EXPECT_FALSE(cache.AddCache(kTeam));
         EXPECT_EQ(Logged(), fault.logged);
         EXPECT_EQ(cache.DirectoryReachable(), fault.reachable);

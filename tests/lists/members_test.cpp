@@ -109,12 +109,12 @@ TEST_F(Cursors, TheTwoModesWalkApart)
 
 TEST_F(Cursors, GetFirstMemberOfAnUnknownListWalksTheListChosenLast)
 {
-    const int searches = directory.Calls(DirectoryCall::kSearch);
+    const int searches = directory.Made(DirectoryCall::kSearch);
     EXPECT_EQ(OrNull(cache.GetFirstMember("new@x.org", "Immediate")), "null");
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), searches + 1);  // no list was chosen
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), searches + 1);  // no list was chosen
     EXPECT_EQ(OrNull(cache.GetFirstMember("b@x.org", "Immediate")), "null");
     EXPECT_EQ(OrNull(cache.GetFirstMember("new@x.org", "Digest")), "bd1@y");
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), searches + 1);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), searches + 1);
     EXPECT_EQ(OrNull(cache.GetNextMember("new@x.org", "Digest")), "null");
     EXPECT_EQ(OrNull(cache.GetNextMember("b@x.org", "Digest")), "bd2@y");
 }

@@ -49,11 +49,11 @@ TEST_F(Owner, IsKeptUntilTheNextRefresh)
     const std::string address = "mail: team-owner@example.org\nlistowner: ";
     log.ExpectError("Missing list-owner alias");
     Load("");
-    const int searches = directory.Calls(DirectoryCall::kSearch);
+    const int searches = directory.Made(DirectoryCall::kSearch);
     EXPECT_EQ(OwnerOf(kTeam), "postmaster@mx1.example.org");
     Directory(List(kTeam, "", "list") + Alias("1", address + "ann@example.com\n"));
     EXPECT_EQ(OwnerOf(kTeam), "postmaster@mx1.example.org");
-    EXPECT_EQ(directory.Calls(DirectoryCall::kSearch), searches + 1);
+    EXPECT_EQ(directory.Made(DirectoryCall::kSearch), searches + 1);
     ASSERT_TRUE(cache.RefreshCache());
     EXPECT_EQ(OwnerOf(kTeam), "ann@example.com");
     Directory(List(kTeam, "", "list") + Alias("1", address + "bob@example.com\n"));
@@ -80,7 +80,7 @@ TEST_F(Owner, AFailedLookupIsTriedAgain)
         SCOPED_TRACE(row.name);
         Load(Alias("1", "mail: team-owner@example.org\nlistowner: ann@example.com\n"));
         log.ExpectError(std::string(row.logged).substr(2, 20));
-        directory.Fail(row.call);
+        directory.FailNext(row.call);
         EXPECT_EQ(OwnerOf(kTeam), "null");
         EXPECT_EQ(Logged(), row.logged);
         EXPECT_EQ(cache.DirectoryReachable(), row.reachable);
@@ -114,10 +114,10 @@ TEST_F(Owner, IsNullWithoutAskingForAListThatIsNotCached)
     EXPECT_EQ(OwnerOf(kTeam), "null");
     Load(Alias("1", "mail: new-owner@example.org\nlistowner: ann@example.com\n"));
     Directory(List("new@example.org"));
-    const int connects = directory.Calls(DirectoryCall::kConnect);
+    const int connects = directory.Made(DirectoryCall::kConnect);
     EXPECT_EQ(OwnerOf("new@example.org"), "null");
     EXPECT_EQ(OwnerOf(""), "null");
-    EXPECT_EQ(directory.Calls(DirectoryCall::kConnect), connects);
+    EXPECT_EQ(directory.Made(DirectoryCall::kConnect), connects);
     EXPECT_EQ(Logged(), "");
 }
 

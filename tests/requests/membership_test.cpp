@@ -147,9 +147,9 @@ TEST_F(Membership, RemoveDeletesTheFirstFormThatIsThere)
         for (Values* values : {&before, &after})
             values->insert(values->begin(), "Immediate;bert@example.net");
         const Incoming message = With(before);
-        const int calls = directory.Calls(DirectoryCall::kModify);
+        const int calls = directory.Made(DirectoryCall::kModify);
         EXPECT_EQ(Remove(message, row.member), 0);
-        EXPECT_EQ(directory.Calls(DirectoryCall::kModify) - calls, row.requests);
+        EXPECT_EQ(directory.Made(DirectoryCall::kModify) - calls, row.requests);
         EXPECT_EQ(Members(kGarden), after);
         const bool removed = before.size() != after.size();
         EXPECT_EQ(Log(),

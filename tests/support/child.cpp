@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "tests/support/fixture.h"
@@ -93,6 +94,20 @@ int RunProgram(const std::vector<std::string>& argv, std::string* output)
         *output = ReadFile(name);
     unlink(name);
     return status;
+}
+
+int RunDlctl(const std::string& conf, std::vector<std::string> arguments, std::string* output)
+{
+    arguments.insert(arguments.begin(), {DL_BINARY "/bin/dlctl", "--conf", conf});
+    return RunProgram(arguments, output);
+}
+
+int StatusOf(pid_t child)
+{
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 }  // namespace dl::testing

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -36,5 +37,25 @@ class Child
 // Runs a program to its end; its exit status as of Child::Wait, its output in `output` when that is
 // given.
 int RunProgram(const std::vector<std::string>& argv, std::string* output = nullptr);
+
+// The same of dlctl, with the configuration of folder `conf`.
+int RunDlctl(const std::string& conf, std::vector<std::string> arguments, std::string* output);
+
+// Begins `deed` in a child process, which ends with its result; StatusOf waits for that: the exit
+// status, or -signal when one ended it.
+template <typename Deed>
+[[nodiscard]] pid_t InBackground(Deed deed)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(static_cast<int>(deed()));
+    return child;
+}
+[[nodiscard]] int StatusOf(pid_t child);
+template <typename Deed>
+[[nodiscard]] int InChild(Deed deed)
+{
+    return StatusOf(InBackground(deed));
+}
 
 }  // namespace dl::testing

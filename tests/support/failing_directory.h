@@ -1,16 +1,15 @@
 // Lets chosen calls of the directory fail, whatever back end is configured.
 //
-// While it lives, new clients stand on the configured back end behind it. Calls are counted from 1
-// over all clients.
+// While it lives, new clients stand on the configured back end behind it. Calls are counted over
+// all clients; only those that do not fail reach the directory.
 #pragma once
 
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/directory/directory.h"
+#include "tests/support/faults.h"
 
 namespace dl::testing
 {
@@ -22,7 +21,7 @@ enum class DirectoryCall {
     kModify
 };  // adding and removing entries: kModify
 
-class FailingDirectory
+class FailingDirectory : public Faults<DirectoryCall>
 {
  public:
     FailingDirectory()
@@ -33,30 +32,9 @@ class FailingDirectory
     FailingDirectory(const FailingDirectory&) = delete;
     FailingDirectory& operator=(const FailingDirectory&) = delete;
 
-    // Lets the `nth` call from now fail, and the `times` - 1 after it. A failed modification is
-    // answered `result`; only the calls that do not fail reach the directory.
-    void Fail(DirectoryCall call, int nth = 1, int times = 1,
-              ModifyResult result = ModifyResult::kUnreachable)
-    {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        Count& count = counts_[call];
-        count.first = count.calls + nth;
-        count.last = count.first + times - 1;
-        result_ = result;
-    }
-    [[nodiscard]] int Calls(DirectoryCall call)
-    {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        return counts_[call].calls;
-    }
+    ModifyResult result = ModifyResult::kUnreachable;  // of a change that fails
 
  private:
-    struct Count {
-        int calls = 0;
-        int first = 0;
-        int last = -1;
-    };
-
     class Session : public DirectorySession
     {
      public:
@@ -82,37 +60,25 @@ class FailingDirectory
         ModifyResult Modify(const std::string& entry,
                             const std::vector<AttributeChange>& changes) override
         {
-            return owner_->Fails(DirectoryCall::kModify) ? owner_->result_
-                                                         : real_->Modify(entry, changes);
+            return ChangeFails() ? owner_->result : real_->Modify(entry, changes);
         }
         ModifyResult Add(const std::string& entry,
                          const std::vector<SearchAttribute>& attributes) override
         {
-            return owner_->Fails(DirectoryCall::kModify) ? owner_->result_
-                                                         : real_->Add(entry, attributes);
+            return ChangeFails() ? owner_->result : real_->Add(entry, attributes);
         }
         ModifyResult Delete(const std::string& entry) override
         {
-            return owner_->Fails(DirectoryCall::kModify) ? owner_->result_ : real_->Delete(entry);
+            return ChangeFails() ? owner_->result : real_->Delete(entry);
         }
         void Unbind() override { real_->Unbind(); }
 
      private:
+        bool ChangeFails() { return owner_->Fails(DirectoryCall::kModify); }
+
         FailingDirectory* owner_;
         std::unique_ptr<DirectorySession> real_;
     };
-
-    bool Fails(DirectoryCall call)
-    {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        Count& count = counts_[call];
-        count.calls++;
-        return count.calls >= count.first && count.calls <= count.last;
-    }
-
-    std::mutex mutex_;
-    std::map<DirectoryCall, Count> counts_;
-    ModifyResult result_ = ModifyResult::kUnreachable;
 };
 
 }  // namespace dl::testing

@@ -2,19 +2,20 @@
 //
 // Installs itself for as long as it lives, in front of the real files. Only calls on the watched
 // paths are counted and can fail; a file stays watched under the path by which it was opened. The
-// files may be used by any thread, the faults are set by one while no other is at work.
+// files may be used by any thread; that they die, by one only.
 #pragma once
 
 #include <algorithm>
 #include <cerrno>
-#include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/files/files.h"
+#include "tests/support/faults.h"
 
 namespace dl::testing
 {
@@ -29,7 +30,7 @@ enum class FileCall {
     kRename,
 };
 
-class FailingFiles : public FileBackend
+class FailingFiles : public FileBackend, public Faults<FileCall>
 {
  public:
     FailingFiles() : before_(SetFileBackend(this)) {}
@@ -37,10 +38,10 @@ class FailingFiles : public FileBackend
 
     // Watches only paths that hold one of `parts`; none: all paths.
     void Watch(std::vector<std::string> parts) { parts_ = std::move(parts); }
-    // The n-th call of that kind fails, counted from 1 and from now on.
-    void FailNth(FileCall call, int n) { fail_[call].insert(made_[call] + n); }
-    [[nodiscard]] int Made(FileCall call) { return made_[call]; }
-    void ForgetFaults() { fail_.clear(); }
+    // So many calls more are good, all others fail, as in a process that is killed there; a part of
+    // the bytes of the last may have come to the disk.
+    void DieAfter(int calls) { left_ = calls; }
+    [[nodiscard]] bool Died() const { return left_ && *left_ < 0; }
 
     std::FILE* Open(const char* path, const char* mode) override
     {
@@ -59,8 +60,11 @@ class FailingFiles : public FileBackend
     }
     bool Write(std::FILE* file, const void* data, std::size_t size) override
     {
-        return !(IsWritten(file, false) && Fails(FileCall::kWrite, ENOSPC)) &&
-               PosixFiles().Write(file, data, size);
+        if (!IsWritten(file, false) || !Fails(FileCall::kWrite, ENOSPC))
+            return PosixFiles().Write(file, data, size);
+        if (Died())
+            (void)PosixFiles().Write(file, data, size / 2);
+        return false;
     }
     bool Close(std::FILE* file) override
     {
@@ -91,19 +95,17 @@ class FailingFiles : public FileBackend
     }
     bool Fails(FileCall call, int error)
     {
-        const std::lock_guard<std::mutex> guard(mutex_);
-        if (!fail_[call].count(++made_[call]))
-            return false;
-        errno = error;
-        return true;
+        const bool fails = Faults::Fails(call) || (left_ && (Died() || --*left_ < 0));
+        if (fails)
+            errno = error;
+        return fails;
     }
 
     FileBackend* before_;
     std::mutex mutex_;
     std::vector<std::string> parts_;
     std::set<std::FILE*> written_;
-    std::map<FileCall, int> made_;
-    std::map<FileCall, std::set<int>> fail_;
+    std::optional<int> left_;  // calls until it dies
 };
 
 }  // namespace dl::testing

@@ -6,15 +6,14 @@
 // entry.
 #pragma once
 
-#include <map>
 #include <memory>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/queue/queue_backend.h"
+#include "tests/support/faults.h"
 
 namespace dl::testing
 {
@@ -24,21 +23,15 @@ enum class QueueCall {
     kInsert,
     kEnvelope,
     kClose,
-    kOpenChannel,
-    kCloseChannel,
     kTake,
     kRemove,
     kReadEnvelope,
-    kList,
-    kDrop,
-    kMove,
 };
 
-class FailingQueue : public QueueBackend
+class FailingQueue : public QueueBackend, public Faults<QueueCall>
 {
  public:
-    explicit FailingQueue(const std::string& folder, int max_attempts = 5)
-        : real_(OpenSqliteQueue(folder, max_attempts))
+    explicit FailingQueue(const std::string& folder) : real_(OpenSqliteQueue(folder, 5))
     {
         if (!real_)
             throw std::runtime_error("no queue in " + folder);
@@ -46,14 +39,8 @@ class FailingQueue : public QueueBackend
     }
     ~FailingQueue() override { SetQueueBackend(nullptr); }
 
-    // The next call of that kind fails; the n-th from now on, counted from 1.
-    void FailNext(QueueCall call) { FailNth(call, 1); }
-    void FailNth(QueueCall call, int n) { fail_[call].insert(made_[call] + n); }
-    // How many calls of that kind were made.
-    [[nodiscard]] int Made(QueueCall call) { return made_[call]; }
-    void ForgetFaults() { fail_.clear(); }
     // The calls so far that change the queue, as "create insert(dlout,255) envelope close"; also
-    // "discard", "remove", "drop" and "move". A failed one stands there too.
+    // "discard" and "remove". A failed one stands there too.
     [[nodiscard]] std::string Calls() const { return calls_; }
     void ClearCalls() { calls_.clear(); }
 
@@ -87,13 +74,9 @@ class FailingQueue : public QueueBackend
 
     std::int64_t BeginReader(const std::string& channel) override
     {
-        return Fails(QueueCall::kOpenChannel, "") ? -1 : real_->BeginReader(channel);
+        return real_->BeginReader(channel);
     }
-    bool EndReader(std::int64_t reader) override
-    {
-        const bool fails = Fails(QueueCall::kCloseChannel, "");
-        return real_->EndReader(reader) && !fails;
-    }
+    bool EndReader(std::int64_t reader) override { return real_->EndReader(reader); }
     void BeginPass(std::int64_t reader) override { real_->BeginPass(reader); }
     long Take(std::int64_t reader) override
     {
@@ -115,19 +98,16 @@ class FailingQueue : public QueueBackend
 
     bool List(const std::string& channel, std::size_t limit, std::vector<QueueItem>* items) override
     {
-        return !Fails(QueueCall::kList, "") && real_->List(channel, limit, items);
+        return real_->List(channel, limit, items);
     }
     bool Find(std::uint32_t id, std::vector<QueueItem>* items) override
     {
-        return !Fails(QueueCall::kList, "") && real_->Find(id, items);
+        return real_->Find(id, items);
     }
-    QueueChange Drop(std::uint32_t id) override
-    {
-        return Fails(QueueCall::kDrop, "drop") ? QueueChange::kFailed : real_->Drop(id);
-    }
+    QueueChange Drop(std::uint32_t id) override { return real_->Drop(id); }
     QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) override
     {
-        return Fails(QueueCall::kMove, "move") ? QueueChange::kFailed : real_->Move(id, from, to);
+        return real_->Move(id, from, to);
     }
 
  private:
@@ -139,12 +119,10 @@ class FailingQueue : public QueueBackend
     bool Fails(QueueCall call, const std::string& text)
     {
         Note(text);
-        return fail_[call].count(++made_[call]) != 0;
+        return Faults::Fails(call);
     }
 
     std::unique_ptr<QueueBackend> real_;
-    std::map<QueueCall, int> made_;
-    std::map<QueueCall, std::set<int>> fail_;
     std::string calls_;
 };
 

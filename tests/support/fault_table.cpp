@@ -103,8 +103,11 @@ std::vector<FaultSite::Kind> FaultSite::Kinds()
     queued("close-entry", QueueCall::kClose);
     queued("remove-entry", QueueCall::kRemove);
     const auto asked = [&](const char* name, DirectoryCall call, ModifyResult result) {
-        kinds.push_back({name, [=, this] { return directory.Calls(call); },
-                         [=, this](int n) { directory.Fail(call, n, 1, result); }});
+        kinds.push_back({name, [=, this] { return directory.Made(call); },
+                         [=, this](int n) {
+                             directory.result = result;
+                             directory.FailNth(call, n);
+                         }});
     };
     asked("connect", DirectoryCall::kConnect, ModifyResult::kUnreachable);
     asked("bind", DirectoryCall::kBind, ModifyResult::kUnreachable);

@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "platform/config/config.h"
@@ -151,6 +152,15 @@ std::string ReadFile(const std::string& path)
     return out.str();
 }
 
+std::set<std::string> FileNames(const std::string& folder)
+{
+    std::set<std::string> names;
+    std::error_code missing;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, missing))
+        names.insert(entry.path().filename());
+    return names;
+}
+
 std::string DataPath(const std::string& name)
 {
     return std::string(DL_TEST_DATA) + "/" + name;
@@ -181,20 +191,52 @@ std::vector<DataBlock> ReadBlocks(const std::string& file)
     return blocks;
 }
 
-std::vector<std::vector<std::string>> ReadTable(const std::string& file)
+std::string Unescaped(std::string_view text)
+{
+    static const std::map<char, char> kLetters = {
+        {'r', '\r'}, {'n', '\n'}, {'t', '\t'}, {'0', '\0'}};
+    std::string out;
+    for (std::size_t at = 0; at < text.size();) {
+        const char letter = text[at] == '\\' && at + 1 < text.size() ? text[at + 1] : ' ';
+        if (letter == ' ') {
+            out += text[at++];
+        } else if (letter == 'x') {
+            out += static_cast<char>(std::stoi(std::string(text.substr(at + 2, 2)), nullptr, 16));
+            at += 4;
+        } else if (letter == '{') {
+            const std::size_t blank = text.find(' ', at);
+            const std::size_t end = text.find('}', blank);
+            const std::string part = Unescaped(text.substr(blank + 1, end - blank - 1));
+            for (int i = std::stoi(std::string(text.substr(at + 2))); i > 0; --i)
+                out += part;
+            at = end + 1;
+        } else {
+            const auto found = kLetters.find(letter);
+            if (letter != '-')
+                out += found == kLetters.end() ? letter : found->second;
+            at += 2;
+        }
+    }
+    return out;
+}
+
+std::vector<std::vector<std::string>> ReadTable(const std::string& file, const std::string& section)
 {
     std::vector<std::vector<std::string>> rows;
     std::istringstream in(ReadFile(DataPath(file)));
+    bool inside = section.empty();
     for (std::string line; std::getline(in, line);) {
-        if (line.starts_with('#'))
+        if (line.starts_with("== "))
+            inside = line.substr(3) == section;
+        if (!inside || line.empty() || line.starts_with('#') || line.starts_with("== "))
             continue;
         std::vector<std::string>& fields = rows.emplace_back();
         for (std::size_t at = 0, end = 0; end != std::string::npos; at = end + 3) {
             end = line.find(" | ", at);
-            fields.push_back(line.substr(at, end - at));
+            fields.push_back(Unescaped(std::string_view(line).substr(at, end - at)));
         }
     }
-    EXPECT_FALSE(rows.empty()) << file;
+    EXPECT_FALSE(rows.empty()) << file << " " << section;
     return rows;
 }
 

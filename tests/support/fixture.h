@@ -10,6 +10,7 @@
 #include <chrono>
 #include <filesystem>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -94,6 +95,8 @@ class Fixture : public ::testing::Test
 };
 
 [[nodiscard]] std::string ReadFile(const std::string& path);
+// What is in a folder; nothing when that is missing.
+[[nodiscard]] std::set<std::string> FileNames(const std::string& folder);
 // The folder tests/data, and a file in it.
 [[nodiscard]] std::string DataPath(const std::string& name);
 // Examples of a file in tests/data, each "== <name>", what goes in, "->" on a line of its own, what
@@ -104,8 +107,13 @@ struct DataBlock {
     std::string want;
 };
 [[nodiscard]] std::vector<DataBlock> ReadBlocks(const std::string& file);
-// The lines of a file in tests/data, cut at each " | "; those that begin with "#" are left out.
-[[nodiscard]] std::vector<std::vector<std::string>> ReadTable(const std::string& file);
+// The lines of a file in tests/data, or of its section "== <section>", cut at each " | "; those
+// that begin with "#" are left out. Fields are as in Unescaped.
+[[nodiscard]] std::vector<std::vector<std::string>> ReadTable(const std::string& file,
+                                                              const std::string& section = "");
+// `text` with "\r", "\n", "\t", "\0" (NUL), "\xHH", "\\", "\{<count> <text>}" for a text so many
+// times, and "\-" for nothing.
+[[nodiscard]] std::string Unescaped(std::string_view text);
 // A port of 127.0.0.1 that was free a moment ago.
 [[nodiscard]] int FreePort();
 // "\n" becomes "\r\n".

@@ -158,10 +158,8 @@ bool ScriptedRelay::Step(Client& client, RelayStep step, const std::string& usua
     if (reaction->stall) {
         (void)WriteAll(client.fd, client.output);
         client.output.clear();
-        char byte = 0;
         pollfd waited{client.fd, POLLRDHUP, 0};
         (void)poll(&waited, 1, 60'000);  // until the object ends or the client goes
-        (void)byte;
         return false;
     }
     return !reaction->close;
@@ -246,6 +244,18 @@ bool ScriptedRelay::EndOfMessage(Client& client)
     client.message = {};
     client.has_sender = false;
     return goes_on && written;
+}
+
+ScriptedRelay::Script When(std::function<bool(const RelayStep&)> condition, RelayReaction reaction)
+{
+    return [=](const RelayStep& step) {
+        return condition(step) ? std::optional(reaction) : std::nullopt;
+    };
+}
+
+ScriptedRelay::Script When(const std::string& verb, RelayReaction reaction)
+{
+    return When([=](const RelayStep& step) { return step.verb == verb; }, std::move(reaction));
 }
 
 std::vector<RelayedMessage> ScriptedRelay::Messages() const

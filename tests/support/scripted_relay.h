@@ -89,4 +89,9 @@ class ScriptedRelay
     std::vector<std::string> commands_;
 };
 
+// Reacts to the steps of which `condition` is true; to those of one verb.
+[[nodiscard]] ScriptedRelay::Script When(std::function<bool(const RelayStep&)> condition,
+                                         RelayReaction reaction);
+[[nodiscard]] ScriptedRelay::Script When(const std::string& verb, RelayReaction reaction);
+
 }  // namespace dl::testing

@@ -2,13 +2,13 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <utility>
 
 #include "dispatch/dispatcher.h"
 #include "lists/dllist.h"
 #include "platform/address/address.h"
+#include "tests/support/queued.h"
 
 namespace dl::testing
 {
@@ -29,13 +29,6 @@ std::string ListEntries(const std::string& name, const std::string& attributes)
     return Entry(name + kDomain, "objectClass: qvlist\n" + attributes + archive) +
            Entry(name + "-owner" + kDomain,
                  "objectClass: qvlistowner\nlistowner: " + name + "-boss@example.org\n");
-}
-
-std::size_t CountFiles(const std::string& folder)
-{
-    std::error_code none;
-    const std::filesystem::directory_iterator files(folder, none);
-    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
 }
 
 }  // namespace
@@ -157,21 +150,8 @@ void Site::Start()
 unsigned long Site::Submit(const std::string& sender, const std::vector<std::string>& recipients,
                            const std::string& text)
 {
-    NewMQEntry entry;
-    const unsigned long id = GetMQId(entry.get());
-    std::FILE* file = std::fopen(GetMQPathName(entry.get(), ".msg").c_str(), "wb");
-    const std::string bytes = text.find("\r\n") == std::string::npos ? Crlf(text) : text;
-    EXPECT_TRUE(file && std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size());
-    EXPECT_EQ(std::fclose(file), 0);
-    stEnvelope envelope;
-    EXPECT_TRUE(envelope.AddSender({.address = sender, .channel = "dl"}));
-    for (const std::string_view recipient : recipients) {
-        const std::size_t bar = recipient.find('|');
-        EXPECT_TRUE(envelope.AddRecipient(
-            {.address = recipient.substr(0, bar),
-             .channel = bar == recipient.npos ? "dl" : recipient.substr(bar + 1)}));
-    }
-    EXPECT_EQ(dl::Submit(std::move(entry), "dl", 255, &envelope), Submission::kDone);
+    const unsigned long id = PutEntry(text.find("\r\n") == std::string::npos ? Crlf(text) : text,
+                                      "dl", sender, recipients);
     submitted_.insert(id);
     queue->ClearCalls();
     return id;
@@ -195,10 +175,8 @@ Incoming Site::Take()
 
 std::vector<Queued> Site::On(const std::string& channel)
 {
-    std::vector<QueueItem> items;
-    EXPECT_TRUE(ListMQ(channel, 0, &items));
     std::vector<Queued> all;
-    for (const QueueItem& item : items) {
+    for (const QueueItem& item : QueueItems(channel)) {
         Queued& message = all.emplace_back();
         message.id = item.id;
         message.text = ReadFile(GetMQPathName(item.id, ".msg"));
@@ -229,14 +207,12 @@ std::string Site::Brief(const std::string& channel)
 int Site::Unfinished() const
 {
     std::set<unsigned long> known = submitted_;
-    std::vector<QueueItem> items;
-    EXPECT_TRUE(ListMQ("", 0, &items));
-    for (const QueueItem& item : items)
+    for (const QueueItem& item : QueueItems())
         known.insert(item.id);
     int count = 0;
-    for (const auto& file : std::filesystem::directory_iterator(Path("queue/msg")))
-        if (file.path().extension() == ".msg")
-            count += known.count(std::stoul(file.path().stem(), nullptr, 16)) ? 0 : 1;
+    for (const std::string& name : FileNames(Path("queue/msg")))
+        if (name.ends_with(".msg"))
+            count += known.count(std::stoul(name, nullptr, 16)) ? 0 : 1;
     return count;
 }
 
@@ -259,10 +235,9 @@ std::vector<std::string> Site::Members(const std::string& list)
 std::vector<std::string> Site::Pending(const std::string& list) const
 {
     std::vector<std::string> all;
-    for (const auto& file : std::filesystem::directory_iterator(Path("data/" + list)))
-        if (file.path().extension() == ".cnf")
-            all.push_back(file.path().filename().string() + ": " + ReadFile(file.path()));
-    std::sort(all.begin(), all.end());
+    for (const std::string& name : FileNames(Path("data/" + list)))
+        if (name.ends_with(".cnf"))
+            all.push_back(name + ": " + ReadFile(Path("data/" + list + "/" + name)));
     return all;
 }
 
@@ -273,7 +248,7 @@ void Site::WritePending(const std::string& id, const std::string& line, const st
 
 int Site::TempFiles() const
 {
-    return static_cast<int>(CountFiles(Path("tmp")));
+    return static_cast<int>(FileNames(Path("tmp")).size());
 }
 
 std::string Site::Log(int level) const

@@ -77,10 +77,9 @@ class Check : public Fixture
     {
         EXPECT_EQ(RunProgram({"/usr/bin/sqlite3", Path(file), command}), 0);
     }
-    int Dlctl(std::vector<std::string> arguments)
+    int Dlctl(const std::vector<std::string>& arguments)
     {
-        arguments.insert(arguments.begin(), {DL_BINARY "/bin/dlctl", "--conf", Path("conf")});
-        return RunProgram(arguments, &output);
+        return RunDlctl(Path("conf"), arguments, &output);
     }
 
     ScriptedRelay relay;

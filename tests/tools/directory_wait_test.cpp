@@ -16,9 +16,7 @@ class DirectoryWait : public Fixture
     DirectoryWait() { Configure("[Ldap]\nFile = directory.ldif\n"); }
     int Wait(const char* seconds)
     {
-        return RunProgram({DL_BINARY "/bin/dlctl", "--conf", Path("conf"), "directory", "wait",
-                           "--seconds", seconds},
-                          &output_);
+        return RunDlctl(Path("conf"), {"directory", "wait", "--seconds", seconds}, &output_);
     }
     void Appear(const std::string& text) { Write("conf/directory.ldif", text); }
 

@@ -12,8 +12,9 @@
 #include <random>
 #include <set>
 
-#include "platform/queue/queue.h"
+#include "tests/support/child.h"
 #include "tests/support/fixture.h"
+#include "tests/support/queued.h"
 #include "tests/support/scripted_relay.h"
 
 namespace dl::testing
@@ -37,29 +38,11 @@ class DlsendTest : public Fixture
     }
     static void Put(const std::vector<std::string>& to, const std::string& text)
     {
-        NewMQEntry entry;
-        stEnvelope envelope;
-        std::FILE* file = std::fopen(GetMQPathName(entry.get(), ".msg").c_str(), "wb");
-        ASSERT_TRUE(file && std::fwrite(text.data(), 1, text.size(), file) == text.size());
-        ASSERT_EQ(std::fclose(file), 0);
-        ASSERT_TRUE(envelope.AddSender({.address = "list-owner@example.org", .channel = "dlout"}));
-        for (const std::string& address : to)
-            ASSERT_TRUE(envelope.AddRecipient({.address = address}));
-        ASSERT_EQ(Submit(std::move(entry), "dlout", 255, &envelope), Submission::kDone);
-    }
-    static std::vector<std::string> Members(int count, const std::string& prefix)
-    {
-        std::vector<std::string> members;
-        members.reserve(static_cast<std::size_t>(count));
-        for (int i = 0; i < count; ++i)
-            members.push_back(prefix + std::to_string(i) + "@d" + std::to_string(i % 5) +
-                              ".example.org");
-        return members;
+        (void)PutEntry(text, "dlout", "list-owner@example.org", to);
     }
     [[nodiscard]] pid_t Start(const std::vector<const char*>& arguments) const
     {
-        const std::string program = std::string(DL_BINARY) + "/bin/dlsend";
-        return StartProgram(program, arguments);
+        return StartProgram(DL_BINARY "/bin/dlsend", arguments);
     }
     [[nodiscard]] pid_t StartProgram(const std::string& program,
                                      std::vector<const char*> arguments) const
@@ -67,38 +50,32 @@ class DlsendTest : public Fixture
         arguments.insert(arguments.begin(), program.c_str());
         arguments.push_back(nullptr);
         const std::string errors = Path("stderr");
-        const pid_t child = fork();
-        if (child != 0)
-            return child;
-        const int fd = open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(fd, 2);
-        execv(program.c_str(), const_cast<char**>(arguments.data()));
-        _exit(127);
+        return InBackground([&] {
+            dup2(open(errors.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+            execv(program.c_str(), const_cast<char**>(arguments.data()));
+            return 127;
+        });
     }
     // The exit status; -1 when it was ended because it took more than a minute, -signal when
     // killed.
     static int Wait(pid_t child, int seconds = 60)
     {
-        int status = 0;
-        for (int i = 0; i < seconds * 100; ++i) {
-            if (waitpid(child, &status, WNOHANG) == child)
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-            usleep(10'000);
-        }
+        siginfo_t ended{};
+        for (int i = 0; i < seconds * 100 && ended.si_pid == 0; ++i, usleep(10'000))
+            (void)waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+        if (ended.si_pid != 0)
+            return StatusOf(child);
         kill(child, SIGKILL);
-        waitpid(child, &status, 0);
+        (void)StatusOf(child);
         return -1;
     }
     int Once() { return Wait(Start({"--once"})); }
     template <typename Condition>
     static bool Until(Condition condition)
     {
-        for (int i = 0; i < 1000; ++i) {
-            if (condition())
-                return true;
+        for (int i = 0; i < 1000 && !condition(); ++i)
             usleep(10'000);
-        }
-        return false;
+        return condition();
     }
 };
 
@@ -108,7 +85,7 @@ TEST_F(DlsendTest, OnceSaysWhetherSomethingWaits)
     EXPECT_EQ(Wait(Start({"--nonsense"})), 64);
     EXPECT_EQ(Wait(Start({"--once", "more"})), 64);
     EXPECT_EQ(Once(), 0) << "nothing there";
-    Put(Members(3, "a"), "x\r\n");
+    Put(Addresses(3, "a"), "x\r\n");
     EXPECT_EQ(Once(), 75) << "no relay";
     EXPECT_NE(ReadFile(Path("stderr")).find("cannot be used: Connection refused"),
               std::string::npos);
@@ -124,7 +101,7 @@ TEST_F(DlsendTest, RunsUntilItIsToldToEndAndGivesTheRestBack)
 {
     std::atomic<bool> slow{false};
     std::atomic<int> waiting{0};
-    ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
+    ScriptedRelay relay([&](const RelayStep& step) {
         if (step.verb == "." && slow) {
             ++waiting;
             usleep(700'000);
@@ -133,16 +110,13 @@ TEST_F(DlsendTest, RunsUntilItIsToldToEndAndGivesTheRestBack)
     });
     Site("Port = " + std::to_string(relay.Port()) + "\nMaxRecipients = 10\nConnections = 2\n");
     const pid_t daemon = Start({});
-    ASSERT_TRUE(Until([&] {
-        return ReadFile(Path("run/dlsend.status")) == "Running\n" ||
-               ReadFile(Path("run/dlsend.status")) == "Running";
-    }));
+    ASSERT_TRUE(Until([&] { return ReadFile(Path("run/dlsend.status")).starts_with("Running"); }));
     EXPECT_EQ(Wait(Start({})), 69) << "a second one";
-    Put(Members(35, "a"), "x\r\n");
+    Put(Addresses(35, "a"), "x\r\n");
     ASSERT_TRUE(Until([&] { return relay.Recipients().size() == 35; }));
     slow = true;
-    Put(Members(35, "b"), "x\r\n");
-    Put(Members(1, "c"), "x\r\n");
+    Put(Addresses(35, "b"), "x\r\n");
+    Put(Addresses(1, "c"), "x\r\n");
     ASSERT_TRUE(Until([&] { return waiting == 2; }));
     ASSERT_EQ(kill(daemon, SIGTERM), 0);
     EXPECT_EQ(Wait(daemon), 0);
@@ -150,9 +124,7 @@ TEST_F(DlsendTest, RunsUntilItIsToldToEndAndGivesTheRestBack)
     const std::size_t done = relay.Recipients().size();
     EXPECT_GT(done, 35U) << "what was under way came to its end";
     EXPECT_LT(done, 71U);
-    std::vector<QueueItem> items;
-    ASSERT_TRUE(ListMQ("dlout", 0, &items));
-    for (const QueueItem& item : items)
+    for (const QueueItem& item : QueueItems("dlout"))
         EXPECT_TRUE(!item.taken && item.attempts == 0);
     slow = false;
     EXPECT_EQ(Once(), 0);
@@ -182,7 +154,7 @@ TEST_F(DlsendTest, KilledAtRandomMomentsItLosesNothingAndRepeatsOnlyWhatHadNoAns
     std::set<std::string> wanted;
     int entry = 0;
     const auto put = [&](int count) {
-        std::vector<std::string> members = Members(count, "e" + std::to_string(entry++) + "-");
+        std::vector<std::string> members = Addresses(count, "e" + std::to_string(entry++) + "-");
         if (entry % 7 == 0)
             members.push_back("later" + std::to_string(entry) + "@example.org");
         Put(members, "entry\r\n");
@@ -259,7 +231,7 @@ TEST_F(DlsendTest, SpeaksWithAnotherServer)
         arguments.insert(arguments.end(), {where.c_str(), "100"});
         const pid_t server = StartProgram(sink, arguments);
         Site("Port = " + port + "\nProtocol = " + (lmtp ? "LMTP" : "smtp") + "\n");
-        Put(Members(350, "a"), "Subject: x\n\n.\n..dots\nend");
+        Put(Addresses(350, "a"), "Subject: x\n\n.\n..dots\nend");
         Put({"one@example.org"}, "Subject: \xC3\xBC\r\n\r\n" + std::string(2000, 'l') + "\r\n");
         int status = 75;
         for (int i = 0; i < 50 && status == 75; ++i, usleep(100'000))

@@ -3,12 +3,12 @@
 #include "tools/dlsend/handover.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <map>
 #include <set>
 
 #include "tests/support/failing_queue.h"
 #include "tests/support/fixture.h"
+#include "tests/support/queued.h"
 #include "tests/support/scripted_relay.h"
 
 namespace dl::testing
@@ -28,29 +28,10 @@ class HandoverTest : public Fixture
     ~HandoverTest() override { MQEnd(); }
     void SetUp() override { ASSERT_TRUE(MQInitAt(folder)); }
 
-    static std::vector<std::string> Members(int count, const std::string& prefix = "m")
-    {
-        std::vector<std::string> members;
-        members.reserve(static_cast<std::size_t>(count));
-        for (int i = 0; i < count; ++i)
-            members.push_back(prefix + std::to_string(i) + "@d" + std::to_string(i % 7) +
-                              ".example.org");
-        return members;
-    }
     static unsigned long Put(const std::vector<std::string>& to, const std::string& sender = kOwner,
                              const std::string& text = "Subject: frost\r\n\r\nCover it.\r\n")
     {
-        NewMQEntry entry;
-        stEnvelope envelope;
-        std::FILE* file = std::fopen(GetMQPathName(entry.get(), ".msg").c_str(), "wb");
-        EXPECT_TRUE(file && std::fwrite(text.data(), 1, text.size(), file) == text.size());
-        EXPECT_EQ(std::fclose(file), 0);
-        EXPECT_TRUE(envelope.AddSender({.address = sender, .channel = "dlout"}));
-        for (const std::string& address : to)
-            EXPECT_TRUE(envelope.AddRecipient({.address = address}));
-        const unsigned long id = GetMQId(entry.get());
-        EXPECT_EQ(Submit(std::move(entry), "dlout", 255, &envelope), Submission::kDone);
-        return id;
+        return PutEntry(text, "dlout", sender, to);
     }
     // One pass; returns whether the channel is empty then.
     bool Pass(const ScriptedRelay& relay)
@@ -83,12 +64,6 @@ class HandoverTest : public Fixture
         EXPECT_TRUE(CloseMQChannel(channel));
         return texts;
     }
-    static std::vector<QueueItem> Items()
-    {
-        std::vector<QueueItem> items;
-        EXPECT_TRUE(ListMQ("", 0, &items));
-        return items;
-    }
     static std::multiset<std::string> Set(const std::vector<std::string>& texts)
     {
         return {texts.begin(), texts.end()};
@@ -103,23 +78,20 @@ class HandoverTest : public Fixture
     }
     [[nodiscard]] std::size_t Lines(int level, const std::string& begin) const
     {
-        const auto lines = log.Lines();
-        return static_cast<std::size_t>(
-            std::count_if(lines.begin(), lines.end(), [&](const CapturedLog::Line& line) {
-                return line.level == level && line.text.starts_with(begin);
-            }));
+        std::size_t count = 0;
+        for (const CapturedLog::Line& line : log.Lines())
+            count += line.level == level && line.text.starts_with(begin) ? 1 : 0;
+        return count;
     }
     // Reacts to RCPT commands for addresses that begin as given.
-    static ScriptedRelay::Script ToRecipients(std::map<std::string, std::string> replies)
+    static ScriptedRelay::Script ToRecipients(const std::map<std::string, std::string>& replies)
     {
-        return
-            [replies = std::move(replies)](const RelayStep& step) -> std::optional<RelayReaction> {
-                if (step.verb == "RCPT")
-                    for (const auto& [begin, reply] : replies)
-                        if (step.line.starts_with("RCPT TO:<" + begin))
-                            return RelayReaction{reply};
-                return std::nullopt;
-            };
+        return [=](const RelayStep& step) -> std::optional<RelayReaction> {
+            for (const auto& [begin, reply] : replies)
+                if (step.line.starts_with("RCPT TO:<" + begin))
+                    return RelayReaction{reply};
+            return std::nullopt;
+        };
     }
 
     const std::string folder;
@@ -131,7 +103,8 @@ TEST_F(HandoverTest, EachRecipientGetsEachMessageOnce)
     ScriptedRelay relay;
     std::multiset<std::string> want;
     for (const int count : {250, 1, 37, 100}) {
-        const std::vector<std::string> members = Members(count, "m" + std::to_string(count) + "-");
+        const std::vector<std::string> members =
+            Addresses(count, "m" + std::to_string(count) + "-");
         Put(members);
         want.insert(members.begin(), members.end());
     }
@@ -144,7 +117,7 @@ TEST_F(HandoverTest, EachRecipientGetsEachMessageOnce)
     }
     EXPECT_LE(relay.Connections(), 4);
     EXPECT_EQ(Lines(3, "Relayed "), 388U);
-    EXPECT_TRUE(Items().empty());
+    EXPECT_TRUE(QueueItems().empty());
     EXPECT_TRUE(std::filesystem::is_empty(folder + "/msg"));
 }
 
@@ -152,12 +125,11 @@ TEST_F(HandoverTest, TooManyRecipientsGoIntoFurtherTransactions)
 {
     settings.max_recipients = 1000;
     settings.connections = 1;
-    ScriptedRelay relay([](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "RCPT" && step.accepted >= 100)
-            return RelayReaction{"452 4.5.3 too many"};
-        return std::nullopt;
-    });
-    const std::vector<std::string> members = Members(1050);
+    const auto too_many = [](const RelayStep& step) {
+        return step.verb == "RCPT" && step.accepted >= 100;
+    };
+    ScriptedRelay relay(When(too_many, {"452 4.5.3 too many"}));
+    const std::vector<std::string> members = Addresses(1050);
     Put(members);
     EXPECT_TRUE(Pass(relay));
     EXPECT_EQ(Set(relay.Recipients()), Set(members));
@@ -170,7 +142,7 @@ TEST_F(HandoverTest, OneReportTellsTheSenderOfAllWhoAreRefused)
     const std::string text = "Received: by x\r\nSubject: frost\n\r\n--bogus\r\nCover it.\r\n";
     ScriptedRelay relay(ToRecipients({{"m10@", "550-5.1.1 no\r\n550 5.1.1 such\x1b[31m user"},
                                       {"m149@", "553 \xC3\xA4 bad name"}}));
-    std::vector<std::string> members = Members(250);
+    std::vector<std::string> members = Addresses(250);
     members.push_back("evil>\r\nBcc: all@example.org");
     const unsigned long id = Put(members, kOwner, text);
     EXPECT_TRUE(Pass(relay));
@@ -209,15 +181,15 @@ TEST_F(HandoverTest, NothingIsReportedOfReports)
 {
     ScriptedRelay relay(ToRecipients({{"", "550 5.1.1 no"}}));
     for (const char* sender : {"<>", "", "no address", "x@y\r\nz"})
-        Put(Members(2), sender);
+        Put(Addresses(2), sender);
     EXPECT_TRUE(Pass(relay));
     EXPECT_TRUE(Reports().empty());
     // The report comes back in another message, whose sender can be told.
-    Put(Members(1));
+    Put(Addresses(1));
     EXPECT_TRUE(Pass(relay));
     std::vector<std::string> reports = Reports();
     ASSERT_EQ(reports.size(), 1U);
-    Put(Members(1), kOwner,
+    Put(Addresses(1), kOwner,
         "From: garden-owner\r\n\r\n--b\r\nContent-type: message/rfc822\r\n\r\n" +
             reports[0].substr(reports[0].find('\n') + 1));
     log.ExpectError("it carries a delivery report");
@@ -228,16 +200,15 @@ TEST_F(HandoverTest, NothingIsReportedOfReports)
 TEST_F(HandoverTest, TriesAgainOnlyThoseWhoWait)
 {
     std::atomic<bool> recovered{false};
-    ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "RCPT" && !recovered && step.line.find("<m5") != std::string::npos)
-            return RelayReaction{"450 4.2.1 greylisted"};
-        return std::nullopt;
-    });
-    const std::vector<std::string> members = Members(120);
+    const auto greylists = [&](const RelayStep& step) {
+        return !recovered && step.line.starts_with("RCPT TO:<m5");
+    };
+    ScriptedRelay relay(When(greylists, {"450 4.2.1 greylisted"}));
+    const std::vector<std::string> members = Addresses(120);
     Put(members);
     EXPECT_FALSE(Pass(relay));
     EXPECT_EQ(relay.Recipients().size(), 109U);
-    EXPECT_EQ(Items()[0].attempts, 0) << "a retry is no failed hand-out";
+    EXPECT_EQ(QueueItems()[0].attempts, 0) << "a retry is no failed hand-out";
     const std::size_t commands = relay.Commands().size();
     clock.now += 40;
     EXPECT_FALSE(Pass(relay));
@@ -275,14 +246,14 @@ TEST_F(HandoverTest, AnAbsentRelayCostsNoTry)
 {
     settings.relay.port = FreePort();
     for (int i = 0; i < 5; ++i)
-        Put(Members(3));
+        Put(Addresses(3));
     for (int i = 0; i < 7; ++i) {
         log.ExpectError("cannot be used: Connection refused");
         EXPECT_FALSE(Pass());
     }
     EXPECT_EQ(Lines(1, "The relay "), 7U) << "one for each pass";
-    ASSERT_EQ(Items().size(), 5U);
-    for (const QueueItem& item : Items())
+    ASSERT_EQ(QueueItems().size(), 5U);
+    for (const QueueItem& item : QueueItems())
         EXPECT_TRUE(item.attempts == 0 && !item.taken);
     clock.now += 432'000;
     log.ExpectError("cannot be used");
@@ -294,21 +265,16 @@ TEST_F(HandoverTest, AnAbsentRelayCostsNoTry)
 
 TEST_F(HandoverTest, ARelayMayEndConnectionsAsItLikes)
 {
-    ScriptedRelay relay([](const RelayStep& step) -> std::
-                                                      optional<RelayReaction> {
-                                                          if (step.verb == "MAIL" &&
-                                                              step.transaction == 3)
-                                                              return step.connection % 2 ? RelayReaction{"421 4.3.2 enough", true}
-                                       : RelayReaction{"", true};
-                                                          if (step.verb == "CONNECT" &&
-                                                              step.connection == 2)
-                                                              return RelayReaction{
-                                                                  "421 one is enough", true};
-                                                          return std::nullopt;
-                                                      });
+    ScriptedRelay relay([](const RelayStep& step) -> std::optional<RelayReaction> {
+        if (step.verb == "MAIL" && step.transaction == 3)
+            return RelayReaction{step.connection % 2 ? "421 4.3.2 enough" : "", true};
+        if (step.verb == "CONNECT" && step.connection == 2)
+            return RelayReaction{"421 one is enough", true};
+        return std::nullopt;
+    });
     settings.max_recipients = 10;
     settings.connections = 2;
-    const std::vector<std::string> members = Members(200);
+    const std::vector<std::string> members = Addresses(200);
     Put(members);
     EXPECT_TRUE(Pass(relay));
     EXPECT_EQ(Set(relay.Recipients()), Set(members));
@@ -317,61 +283,56 @@ TEST_F(HandoverTest, ARelayMayEndConnectionsAsItLikes)
 
 TEST_F(HandoverTest, AnUnansweredDotIsTriedAgainAndSaid)
 {
-    ScriptedRelay relay([](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "." && step.connection == 1)
-            return RelayReaction{"", true};
-        return std::nullopt;
-    });
+    const auto first_dot = [](const RelayStep& step) {
+        return step.verb == "." && step.connection == 1;
+    };
+    ScriptedRelay relay(When(first_dot, {"", true}));
     settings.connections = 1;
-    Put(Members(150));
+    Put(Addresses(150));
     EXPECT_FALSE(Pass(relay));
     const std::size_t unanswered = relay.Messages().at(0).recipients.size();
     EXPECT_EQ(Lines(3, "No answer for "), unanswered);
     EXPECT_EQ(relay.Recipients().size(), 150 - unanswered) << "the other transaction came through";
     clock.now += 100;
     EXPECT_TRUE(Pass(relay));
-    EXPECT_EQ(Set(relay.Recipients()), Set(Members(150)));
+    EXPECT_EQ(Set(relay.Recipients()), Set(Addresses(150)));
     EXPECT_EQ(relay.Messages().size(), 3U);
 }
 
 TEST_F(HandoverTest, ASlowBigEntryDoesNotStandBeforeSmallOnes)
 {
-    ScriptedRelay relay([](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "RCPT" && step.line.find("<big") != std::string::npos &&
-            step.recipient == 0)
+    ScriptedRelay relay([](const RelayStep& step) {
+        if (step.recipient == 0 && step.line.starts_with("RCPT TO:<big"))
             usleep(20'000);
         return std::nullopt;
     });
     settings.max_recipients = 20;
     for (int i = 0; i < 6; ++i)
-        Put(Members(400, "big" + std::to_string(i) + "-"));
+        Put(Addresses(400, "big" + std::to_string(i) + "-"));
     for (int i = 0; i < 40; ++i)
         Put({"small" + std::to_string(i) + "@example.org"});
     EXPECT_TRUE(Pass(relay));
-    std::size_t last_small = 0;
-    std::vector<std::string> small;
     const std::vector<std::string> order = relay.Recipients();
     EXPECT_EQ(order.size(), 2440U);
+    std::vector<std::size_t> small;
     for (std::size_t i = 0; i < order.size(); ++i)
-        if (order[i].starts_with("small")) {
-            last_small = i;
-            small.push_back(order[i]);
-        }
-    EXPECT_LT(last_small, 1200U) << "six big entries and four connections";
-    small.resize(4);  // of as many connections
-    EXPECT_EQ(std::count(small.begin(), small.end(), "small0@example.org"), 1);
+        if (order[i].starts_with("small"))
+            small.push_back(i);
+    ASSERT_EQ(small.size(), 40U);
+    EXPECT_LT(small.back(), 1200U) << "six big entries and four connections";
+    const auto first = std::find(order.begin(), order.end(), "small0@example.org");
+    EXPECT_LE(first - order.begin(), static_cast<long>(small[3])) << "of as many connections";
 }
 
 // What a run wrote down holds for the next, whatever came between.
 TEST_F(HandoverTest, GoesOnWhereTheLastRunEnded)
 {
     std::atomic<int> left{4};
-    ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "MAIL" && left.fetch_sub(1) <= 0)
-            return RelayReaction{"451 4.3.0 not now"};
-        return std::nullopt;
-    });
-    const std::vector<std::string> members = Members(1000);
+    const auto too_often = [&](const RelayStep& step) {
+        return step.verb == "MAIL" && left.fetch_sub(1) <= 0;
+    };
+    ScriptedRelay relay(When(too_often, {"451 4.3.0 not now"}));
+    const std::vector<std::string> members = Addresses(1000);
     Put(members);
     for (int i = 0; i < 20 && !Pass(relay); ++i) {
         MQEnd();
@@ -438,7 +399,7 @@ TEST_F(HandoverTest, AFullDiskStopsTheSendingAndRepeatsNothing)
     FullDisk queue(folder);
     ScriptedRelay relay;
     settings.max_recipients = 10;
-    const std::vector<std::string> members = Members(400);
+    const std::vector<std::string> members = Addresses(400);
     Put(members);
     queue.fails = 3;  // it lasts for a moment
     log.ExpectError("The queue can be written again");

@@ -1,8 +1,7 @@
 // What clients are told when the queue, the disk or the memory of descriptors fails: try again, for
 // every recipient, and nothing is left in the queue.
 
-#include <cerrno>
-
+#include "tests/support/failing_files.h"
 #include "tests/support/failing_queue.h"
 #include "tests/tools/lmtp_fixture.h"
 
@@ -10,39 +9,6 @@ namespace dl::testing
 {
 namespace
 {
-
-// A disk that is full after so many more writes.
-class FullDisk : public FileBackend
-{
- public:
-    FullDisk() : before_(SetFileBackend(this)) {}
-    ~FullDisk() override { SetFileBackend(before_); }
-    std::FILE* Open(const char* path, const char* mode) override
-    {
-        return PosixFiles().Open(path, mode);
-    }
-    bool Write(std::FILE* file, const void* data, std::size_t size) override
-    {
-        if (room-- > 0)
-            return PosixFiles().Write(file, data, size);
-        errno = ENOSPC;
-        return false;
-    }
-    bool Close(std::FILE* file) override
-    {
-        const bool closed = PosixFiles().Close(file);
-        errno = close_error;
-        return closed && close_error == 0;
-    }
-    bool Remove(const char* path) override { return PosixFiles().Remove(path); }
-    bool Rename(const char* from, const char* to) override { return PosixFiles().Rename(from, to); }
-
-    std::atomic<int> room{1'000'000};
-    std::atomic<int> close_error{0};
-
- private:
-    FileBackend* before_;
-};
 
 constexpr char kTryAgain[] = "451 4.3.0 The queue cannot take the message, try again later\r\n";
 constexpr char kFull[] = "452 4.3.1 The disk is full, try again later\r\n";
@@ -72,19 +38,18 @@ TEST_F(LmtpFault, AQueueThatFailsIsTriedAgainLater)
     Client client(path);
     queue.FailNext(QueueCall::kCreate);
     EXPECT_EQ(client.Start(kTwo, 2), kTryAgain) << "the answer to DATA, for all of them";
-    (void)client.Replies(0);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         queue.FailNext(row.call);
         ASSERT_TRUE(
             client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4).ends_with(kMayCome));
         EXPECT_EQ(client.Ask("x\r\n.\r\n", 2), Twice(kTryAgain));
-        EXPECT_TRUE(Items().empty());
+        EXPECT_TRUE(QueueItems().empty());
         EXPECT_EQ(MessageFiles(), 0U);
     }
     (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
     EXPECT_TRUE(client.Ask("x\r\n.\r\n", 2).starts_with("250 ")) << "the session goes on";
-    EXPECT_EQ(Items().size(), 1U);
+    EXPECT_EQ(QueueItems().size(), 1U);
 }
 
 TEST_F(LmtpFault, OneMessageOfAGroupThatFailsLeavesTheOthers)
@@ -103,34 +68,34 @@ TEST_F(LmtpFault, OneMessageOfAGroupThatFailsLeavesTheOthers)
     for (Client& client : clients)
         refused += client.Replies(1) == kTryAgain ? 1 : 0;
     EXPECT_EQ(refused, 1);
-    EXPECT_EQ(Items().size(), 9U);
+    EXPECT_EQ(QueueItems().size(), 9U);
     EXPECT_EQ(MessageFiles(), 9U);
 }
 
 TEST_F(LmtpFault, AFullDiskIsToldForEachRecipientAfterTheText)
 {
-    FullDisk disk;
+    FailingFiles disk;
     StartServer();
     log.ExpectError("cannot be written: the disk is full");
     Client client(path);
     const std::string text(500'000, 'x');
     const struct {
         const char* name;
-        int room;
-        int close_error;
-    } rows[] = {{"at the first byte", 0, 0}, {"in the middle", 3, 0}, {"at the end", 1000, ENOSPC}};
+        FileCall call;
+        int nth;
+    } rows[] = {{"at the first byte", FileCall::kWrite, 1},
+                {"in the middle", FileCall::kWrite, 4},
+                {"at the end", FileCall::kClose, 1}};
     (void)client.Ask("LHLO c\r\n", 7);
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
-        disk.room = row.room;
-        disk.close_error = row.close_error;
+        disk.FailNth(row.call, row.nth, 1000);
         EXPECT_EQ(client.Ask(text + "\r\n.\r\n", 2), Twice(kFull));
-        EXPECT_TRUE(Items().empty());
+        EXPECT_TRUE(QueueItems().empty());
         EXPECT_EQ(MessageFiles(), 0U);
+        disk.ForgetFaults();
     }
-    disk.room = 1'000'000;
-    disk.close_error = 0;
     (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
     EXPECT_TRUE(client.Ask(text + "\r\n.\r\n", 2).starts_with("250 "));
 }
@@ -147,7 +112,7 @@ TEST_F(LmtpFault, AQueueFolderThatVanishesIsNoCrash)
     EXPECT_EQ(client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4),
               "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n250 2.1.5 Ok\r\n" + std::string(kTryAgain));
     std::filesystem::rename(Path("queue/gone"), Path("queue/msg"));
-    EXPECT_TRUE(Items().empty());
+    EXPECT_TRUE(QueueItems().empty());
     (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
     EXPECT_TRUE(client.Ask("x\r\n.\r\n", 2).starts_with("250 "));
 }

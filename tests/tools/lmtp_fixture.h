@@ -22,6 +22,7 @@
 
 #include "platform/queue/queue.h"
 #include "tests/support/fixture.h"
+#include "tests/support/queued.h"
 #include "tools/dlsubmit/lmtp_server.h"
 
 namespace dl::testing
@@ -167,23 +168,11 @@ class LmtpFixture : public Fixture
     }
     void SetUp() override { ASSERT_TRUE(MQInitAt(Path("queue"))); }
 
-    static std::vector<QueueItem> Items()
-    {
-        std::vector<QueueItem> items;
-        EXPECT_TRUE(ListMQ("", 0, &items));
-        return items;
-    }
     static std::string Message(const QueueItem& item)
     {
         return ReadFile(GetMQPathName(item.id, ".msg"));
     }
-    [[nodiscard]] std::size_t MessageFiles() const
-    {
-        std::size_t count = 0;
-        for (const auto& file : std::filesystem::directory_iterator(Path("queue/msg")))
-            count += file.path().empty() ? 0 : 1;
-        return count;
-    }
+    [[nodiscard]] std::size_t MessageFiles() const { return FileNames(Path("queue/msg")).size(); }
 
     const std::string path;
     int port = 0;

@@ -23,7 +23,7 @@ TEST_F(LmtpServing, AMessageIsInTheQueueWhenItIsAnswered)
     for (const std::string& want : {std::string("one\r\n"), text}) {
         ASSERT_EQ(client.Start("RCPT TO:<l@x.org>\r\nRCPT TO:<m@x.org>\r\n", 2), kMayCome);
         const std::string replies = client.Ask(want + ".\r\n", 2);
-        const std::vector<QueueItem> items = Items();
+        const std::vector<QueueItem> items = QueueItems();
         ASSERT_FALSE(items.empty());
         char reply[64];
         std::snprintf(reply, sizeof reply, "250 2.0.0 Stored as %08lX\r\n", items.back().id);
@@ -54,9 +54,9 @@ TEST_F(LmtpServing, HundredThousandRecipientsAreOneEntry)
     replies = client.Ask("x\r\n.\r\n", 100'000);
     EXPECT_EQ(std::count(replies.begin(), replies.end(), '\n'), 100'000);
     EXPECT_EQ(replies.find("\r\n4"), std::string::npos);
-    ASSERT_EQ(Items().size(), 1U);
-    EXPECT_EQ(Items()[0].recipients, 100'000U);
-    EXPECT_EQ(Items()[0].sender, "<>");
+    ASSERT_EQ(QueueItems().size(), 1U);
+    EXPECT_EQ(QueueItems()[0].recipients, 100'000U);
+    EXPECT_EQ(QueueItems()[0].sender, "<>");
 }
 
 TEST_F(LmtpServing, AClientThatGoesAwayLeavesNothing)
@@ -92,7 +92,7 @@ TEST_F(LmtpServing, AClientThatGoesAwayLeavesNothing)
         EXPECT_EQ(other.Ask("QUIT\r\n", 2), "220 h LMTP dlsubmit\r\n221 2.0.0 Bye\r\n");
         EXPECT_EQ(MessageFiles(), 0U);
     }
-    EXPECT_TRUE(Items().empty());
+    EXPECT_TRUE(QueueItems().empty());
 }
 
 TEST_F(LmtpServing, AClientThatHasSaidAllGetsItsAnswers)
@@ -105,7 +105,7 @@ TEST_F(LmtpServing, AClientThatHasSaidAllGetsItsAnswers)
     const std::string replies = client.All();
     EXPECT_TRUE(replies.starts_with("250 2.0.0 Stored as ")) << replies;
     EXPECT_TRUE(replies.ends_with("221 2.0.0 Bye\r\n")) << replies;
-    EXPECT_EQ(Items().size(), 1U);
+    EXPECT_EQ(QueueItems().size(), 1U);
 }
 
 TEST_F(LmtpServing, ManyClientsAtOnceLoseNothing)
@@ -130,7 +130,7 @@ TEST_F(LmtpServing, ManyClientsAtOnceLoseNothing)
         }
     }
     std::vector<std::string> stored;
-    for (const QueueItem& item : Items())
+    for (const QueueItem& item : QueueItems())
         stored.push_back(Message(item));
     std::sort(stored.begin(), stored.end());
     std::sort(want.begin(), want.end());
@@ -192,8 +192,8 @@ TEST_F(LmtpServing, StoppingStoresWhatWasEndedAndTellsTheOthers)
     const std::string replies = ended.All();
     EXPECT_TRUE(replies.starts_with("250 2.0.0 Stored as ")) << replies;
     EXPECT_TRUE(replies.ends_with(kStopped)) << replies;
-    ASSERT_EQ(Items().size(), 1U);
-    EXPECT_EQ(Message(Items()[0]), text + "\r\n");
+    ASSERT_EQ(QueueItems().size(), 1U);
+    EXPECT_EQ(Message(QueueItems()[0]), text + "\r\n");
     EXPECT_FALSE(std::filesystem::exists(path)) << "its socket is removed";
 }
 

@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
 #include "tests/support/fixture.h"
 #include "tools/dlsubmit/lmtp_text.h"
 
@@ -60,7 +63,6 @@ struct Talk {
                     session->Finish(outcome, 0xAB);
                     break;
                 case LmtpSession::Event::kRefused:
-                    ++notes;
                     break;
                 case LmtpSession::Event::kClose:
                     closed = true;
@@ -74,7 +76,6 @@ struct Talk {
     std::string replies;
     std::string messages;
     std::string text;
-    int notes = 0;
     bool closed = false;
 };
 
@@ -86,179 +87,53 @@ const std::string kTo = "RCPT TO:<l@x.org>\r\n";
 const std::string kStart = kHello + "MAIL FROM:<a@b.org>\r\n" + kTo + "DATA\r\n";
 const std::string kStartReply =
     kHelloReply + "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n354 The text, then a line with a dot\r\n";
-const std::string kStored = "250 2.0.0 Stored as 000000AB\r\n";
-const std::string kOk = "250 2.0.0 Ok\r\n";
 
-struct Row {
-    const char* name;
+struct Dialogue {
     Sends sends;
-    std::string replies;  // after the greeting; of a `hello` row behind the answer to LHLO
+    std::string replies;  // after the greeting
     std::string messages;
     bool closed = false;
 };
 
-const std::vector<Row>& Rows()
+Dialogue ReadDialogue(const std::string& lines)
 {
-    static const std::vector<Row> rows = {
-        {"one message",
-         {kStart, "s\r\n\r\nt\r\n.\r\n"},
-         kStartReply + kStored,
-         "<a@b.org> l@x.org: s\r\n\r\nt\r\n|"},
-        {"two recipients have two replies, three messages share a session",
-         {kHello + "MAIL FROM:<>\r\n" + kTo + "rcpt to: <m@x.org>\r\nDATA\r\n", "1\r\n.\r\n",
-          "MAIL FROM:<a@b.org> SIZE=3 BODY=8BITMIME\r\n" + kTo + "DATA\r\n", ".\r\n",
-          "MAIL FROM:<@r,@s:a@b.org>\r\n" + kTo + "DATA\r\n", "..\r\n.\r\nQUIT\r\n"},
-         kHelloReply +
-             "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n250 2.1.5 Ok\r\n354 The text, then a line "
-             "with a dot\r\n" +
-             kStored + kStored + kStartReply.substr(kHelloReply.size()) + kStored +
-             kStartReply.substr(kHelloReply.size()) + kStored + "221 2.0.0 Bye\r\n",
-         "<> l@x.org m@x.org: 1\r\n|<a@b.org> l@x.org: |<a@b.org> l@x.org: .\r\n|",
-         true},
-        {"a refused recipient has no second reply",
-         {kHello + "MAIL FROM:<a@b.org>\r\nRCPT TO:<nobody>\r\n" + kTo +
-              "RCPT TO:<>\r\nRCPT TO:<a b@x.org>\r\nDATA\r\n",
-          "x\r\n.\r\n"},
-         kHelloReply +
-             "250 2.1.0 Ok\r\n501 5.1.3 Not a usable address\r\n250 2.1.5 Ok\r\n"
-             "501 5.1.3 Not a usable address\r\n501 5.1.3 Not a usable address\r\n"
-             "354 The text, then a line with a dot\r\n" +
-             kStored,
-         "<a@b.org> l@x.org: x\r\n|"},
-        {"UTF-8 addresses",
-         {kHello + "MAIL FROM:<\xC3\xA4@b.org> SMTPUTF8\r\nRCPT TO:<\xC3\xB6@\xC3\xBC.org>\r\n"
-                   "RCPT TO:<\xC3@x.org>\r\nDATA\r\n",
-          ".\r\n"},
-         kHelloReply +
-             "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n501 5.1.3 Not a usable address\r\n"
-             "354 The text, then a line with a dot\r\n" +
-             kStored,
-         "<\xC3\xA4@b.org> \xC3\xB6@\xC3\xBC.org: |"},
-        {"a quoted local part may hold the bracket",
-         {kHello + "MAIL FROM:<\"a>\\\"b\"@b.org> SIZE=1\r\n"},
-         kHelloReply + "250 2.1.0 Ok\r\n",
-         ""},
-        {"too many recipients",
-         {kHello + "MAIL FROM:<>\r\n" + kTo + kTo + kTo + kTo},
-         kHelloReply + "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n250 2.1.5 Ok\r\n250 2.1.5 Ok\r\n"
-                       "452 4.5.3 Too many recipients\r\n",
-         ""},
-        {"parameters",
-         {kHello + "MAIL FROM:<> SIZE=101\r\nMAIL FROM:<> SIZE=x\r\nMAIL FROM:<> SIZE=-1\r\n"
-                   "MAIL FROM:<> BODY=BINARYMIME\r\nMAIL FROM:<> RET=HDRS\r\n"
-                   "MAIL FROM:<>SIZE=1\r\nMAIL FROM:<> SIZE=99999999999999999999999\r\n"
-                   "MAIL FROM:<>\r\nRCPT TO:<l@x.org> NOTIFY=NEVER\r\n"},
-         kHelloReply +
-             "552 5.3.4 The message is too big\r\n501 5.5.4 Wrong value of a parameter\r\n"
-             "501 5.5.4 Wrong value of a parameter\r\n"
-             "501 5.5.4 Wrong value of a parameter\r\n"
-             "555 5.5.4 This parameter is not known here\r\n"
-             "501 5.5.4 Wrong syntax of the argument\r\n"
-             "501 5.5.4 Wrong value of a parameter\r\n250 2.1.0 Ok\r\n"
-             "555 5.5.4 This parameter is not known here\r\n",
-         ""},
-        {"out of order",
-         {"MAIL FROM:<>\r\n" + kHello + kTo + "DATA\r\n",
-          "MAIL FROM:<>\r\nMAIL FROM:<>\r\nDATA\r\n", "RSET\r\n" + kTo},
-         "503 5.5.1 Say LHLO first\r\n" + kHelloReply +
-             "503 5.5.1 Say MAIL first\r\n503 5.5.1 Say MAIL first\r\n250 2.1.0 Ok\r\n"
-             "503 5.5.1 There is a sender already\r\n503 5.5.1 There is no recipient\r\n" +
-             kOk + "503 5.5.1 Say MAIL first\r\n",
-         ""},
-        {"LHLO begins anew",
-         {kHello + "MAIL FROM:<>\r\n" + kTo + kHello + "DATA\r\n"},
-         kHelloReply + "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n" + kHelloReply +
-             "503 5.5.1 Say MAIL first\r\n",
-         ""},
-        {"other commands",
-         {"HELO c\r\nEHLO c\r\nLHLO\r\nNOOP x\r\nVRFY l\r\nVRFY\r\nHELP\r\nEXPN l\r\n"
-          "STARTTLS\r\nMAILX\r\n\r\nMAIL FROM:a@b.org\r\n" +
-          kHello +
-          "MAIL FROM:a@b.org\r\n"
-          "MAIL TO:<a@b.org>\r\nMAIL FROM:<a@b.org\r\nMAIL FROM:<a>b@x.org>\r\n"},
-         "500 5.5.1 This is LMTP: say LHLO\r\n500 5.5.1 This is LMTP: say LHLO\r\n"
-         "501 5.5.4 LHLO needs the name of the client\r\n" +
-             kOk +
-             "252 2.5.0 Whether it is a list is seen later\r\n"
-             "501 5.5.4 Wrong syntax of the argument\r\n"
-             "214 2.0.0 LHLO MAIL RCPT DATA RSET NOOP VRFY HELP QUIT\r\n"
-             "502 5.5.1 This command is not offered\r\n502 5.5.1 This command is not offered\r\n"
-             "500 5.5.1 This command is not known here\r\n"
-             "500 5.5.1 This command is not known here\r\n503 5.5.1 Say LHLO first\r\n" +
-             kHelloReply +
-             "501 5.5.4 Wrong syntax of the argument\r\n"
-             "501 5.5.4 Wrong syntax of the argument\r\n501 5.5.4 Wrong syntax of the argument\r\n"
-             "501 5.5.4 Wrong syntax of the argument\r\n",
-         ""},
-        {"bare LF, bare CR and NUL in a command",
-         {std::string("NOOP\nNOOP\rMAIL\r\nNO\0OP\r\nNOOP\r\n", 29)},
-         "500 5.5.2 A line ends in CRLF\r\n500 5.5.2 No CR and no NUL in a line\r\n"
-         "500 5.5.2 No CR and no NUL in a line\r\n" +
-             kOk,
-         ""},
-        {"the longest line", {"NOOP " + std::string(4089, 'x') + "\r\n"}, kOk, ""},
-        {"a line that is too long",
-         {"NOOP " + std::string(4090, 'x') + "\r\nNOOP\r\n"},
-         "500 5.5.2 The line is too long\r\n" + kOk,
-         ""},
-        {"a megabyte without a line end",
-         {std::string(1U << 20, 'x') + "\r\nNOOP\r\n"},
-         "500 5.5.2 The line is too long\r\n" + kOk,
-         ""},
-        {"a client that never says anything useful ends",
-         {std::string(60, '\n'), kHello},
-         [] {
-             std::string replies;
-             for (int i = 0; i < 50; ++i)
-                 replies += "500 5.5.2 A line ends in CRLF\r\n";
-             return replies + "421 4.7.0 Too many wrong commands\r\n";
-         }(),
-         "",
-         true},
-        {"QUIT in the middle",
-         {kHello + "MAIL FROM:<>\r\n" + kTo + "QUIT\r\nDATA\r\n"},
-         kHelloReply + "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n221 2.0.0 Bye\r\n",
-         "",
-         true},
-        {"a text of the largest size",
-         {kStart, std::string(98, 'x') + "\r\n.\r\n"},
-         kStartReply + kStored,
-         "<a@b.org> l@x.org: " + std::string(98, 'x') + "\r\n|"},
-        {"a text that is too big is read to its end and refused for each recipient",
-         {kHello + "MAIL FROM:<a@b.org>\r\n" + kTo + kTo + "DATA\r\n",
-          std::string(400, 'x') + "\r\n..\r\n.\r\nNOOP\r\n", "MAIL FROM:<>\r\n" + kTo + "DATA\r\n",
-          "t\r\n.\r\n"},
-         kHelloReply +
-             "250 2.1.0 Ok\r\n250 2.1.5 Ok\r\n250 2.1.5 Ok\r\n"
-             "354 The text, then a line with a dot\r\n"
-             "552 5.3.4 The message is too big\r\n552 5.3.4 The message is too big\r\n" +
-             kOk + kStartReply.substr(kHelloReply.size()) + kStored,
-         "<> l@x.org: t\r\n|"},
-        {"a text without an end ends the session",
-         {kStart, std::string(2000, 'x')},
-         kStartReply + "421 4.7.0 The message does not end\r\n",
-         "",
-         true},
-        {"a bare LF cannot end the text, and the rest stays text",
-         {kStart, "a\n.\nMAIL FROM:<e@x.org>\n.\r\nb\r\n.\r\n"},
-         kStartReply + kStored,
-         "<a@b.org> l@x.org: a\r\n.\r\nMAIL FROM:<e@x.org>\r\n.\r\nb\r\n|"},
-    };
-    return rows;
+    Dialogue all;
+    std::istringstream in(lines);
+    bool heard = true;
+    for (std::string line; std::getline(in, line);) {
+        const std::string text =
+            Unescaped(std::string_view(line).substr(std::min<std::size_t>(line.size(), 2)));
+        const bool hello = text == "(hello)";
+        const bool start = text == "(start)";
+        if (line.starts_with('>')) {
+            if (heard)
+                all.sends.emplace_back();
+            all.sends.back() += hello ? kHello : start ? kStart : text + "\r\n";
+        } else if (line.starts_with('<')) {
+            all.replies += hello ? kHelloReply : start ? kStartReply : text + "\r\n";
+        } else if (line.starts_with('=')) {
+            all.messages += text + "|";
+        }
+        heard = !line.starts_with('>');
+        all.closed = all.closed || line == "closed";
+    }
+    return all;
 }
 
 }  // namespace
 
-TEST(LmtpSession, AnswersAsTheTableSays)
+// The dialogues lie in tests/data/lmtp_dialogues.txt.
+TEST(LmtpSession, AnswersAsItEverDid)
 {
-    for (const Row& row : Rows()) {
+    for (const DataBlock& row : ReadBlocks("lmtp_dialogues.txt")) {
+        const Dialogue want = ReadDialogue(row.in);
         // Whole, and byte by byte: what arrives together must make no difference.
         for (const std::size_t piece : {std::size_t{1} << 21, std::size_t{1}}) {
-            SCOPED_TRACE(row.name + (" in pieces of " + std::to_string(piece)));
-            const Talk talk(row.sends, LmtpOutcome::kStored, piece);
-            EXPECT_EQ(talk.replies, row.replies);
-            EXPECT_EQ(talk.messages, row.messages);
-            EXPECT_EQ(talk.closed, row.closed);
+            SCOPED_TRACE(row.name + " in pieces of " + std::to_string(piece));
+            const Talk talk(want.sends, LmtpOutcome::kStored, piece);
+            EXPECT_EQ(talk.replies, want.replies);
+            EXPECT_EQ(talk.messages, want.messages);
+            EXPECT_EQ(talk.closed, want.closed);
             EXPECT_EQ(talk.recipient_bytes, 0U) << "all is given back";
         }
     }
@@ -337,48 +212,23 @@ TEST(LmtpSession, RepliesThatNobodyTakesStopTheSession)
         session.Output().clear();
         EXPECT_EQ(session.Next(), LmtpSession::Event::kMore);
     }
-    EXPECT_EQ(replies, std::string("220  LMTP dlsubmit\r\n").size() + 50'000 * kOk.size());
+    EXPECT_EQ(replies, std::string("220  LMTP dlsubmit\r\n").size() +
+                           50'000 * std::string("250 2.0.0 Ok\r\n").size());
 }
 
 TEST(LmtpText, OnlyOneEndAndOneKindOfLineEnd)
 {
-    const struct {
-        const char* name;
-        std::string in;
-        std::string text;
-        std::string rest;  // "-": the end was not seen
-    } rows[] = {
-        {"empty", ".\r\n", "", ""},
-        {"stuffed dots", "..\r\n...a\r\na.\r\n.\r\nQUIT", ".\r\n..a\r\na.\r\n", "QUIT"},
-        {"a dot that should have been stuffed", ".a\r\n.\r\n", "a\r\n", ""},
-        {"LF . CRLF", "a\n.\r\nb\r\n.\r\n", "a\r\n.\r\nb\r\n", ""},
-        {"LF . LF", "a\n.\nb\r\n.\r\n", "a\r\n.\r\nb\r\n", ""},
-        {"CRLF . LF", "a\r\n.\nb\r\n.\r\n", "a\r\n\r\nb\r\n", ""},
-        {"CRLF . CR", "a\r\n.\rb\r\n.\r\n", "a\r\n b\r\n", ""},
-        {"CR . CR", "a\r.\rb\r\n.\r\n", "a . b\r\n", ""},
-        {"CR . CRLF", "a\r.\r\nb\r\n.\r\n", "a .\r\nb\r\n", ""},
-        {"CRLF . CR CR LF", "a\r\n.\r\r\nb\r\n.\r\n", "a\r\n \r\nb\r\n", ""},
-        {"CR CRLF . CRLF", "a\r\r\n.\r\n", "a \r\n", ""},
-        {"LF CRLF . CRLF", "a\n\r\n.\r\n", "a\r\n\r\n", ""},
-        {"a dot behind a bare LF was not stuffed", "a\n..b\r\n.\r\n", "a\r\n..b\r\n", ""},
-        {"NUL", std::string("a\0b\r\n.\0\r\n.\r\n", 12), std::string("a\0b\r\n\0\r\n", 8), ""},
-        {"NUL in the end", std::string("a\r\n\0.\r\n.\r\n", 10), std::string("a\r\n\0.\r\n", 7),
-         ""},
-        {"8-bit", "\xE4\xFF\r\n.\r\n", "\xE4\xFF\r\n", ""},
-        {"no end", "a\r\n.\r", "a\r\n", "-"},
-        {"a long line", std::string(300'000, 'x') + "\r\n.\r\n", std::string(300'000, 'x') + "\r\n",
-         ""},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable("tables/mail.txt", "text of a message")) {
         for (const std::size_t piece : {std::size_t{1} << 20, std::size_t{1}}) {
-            SCOPED_TRACE(row.name + (" in pieces of " + std::to_string(piece)));
+            SCOPED_TRACE(row.at(0) + " in pieces of " + std::to_string(piece));
+            const std::string& in = row.at(1);
             TextDecoder decoder;
             std::string text;
             std::size_t used = 0;
-            while (used < row.in.size() && !decoder.Ended())
-                used += decoder.Decode(std::string_view(row.in).substr(used, piece), &text);
-            EXPECT_EQ(text, row.text);
-            EXPECT_EQ(decoder.Ended() ? row.in.substr(used) : "-", row.rest);
+            while (used < in.size() && !decoder.Ended())
+                used += decoder.Decode(std::string_view(in).substr(used, piece), &text);
+            EXPECT_EQ(text, row.at(2));
+            EXPECT_EQ(decoder.Ended() ? in.substr(used) : "?", row.at(3));
         }
     }
 }

@@ -17,9 +17,9 @@
 #include "platform/metrics/metrics.h"
 #include "platform/process/process.h"
 #include "platform/queue/delivery.h"
-#include "platform/queue/queue.h"
 #include "tests/support/child.h"
 #include "tests/support/fixture.h"
+#include "tests/support/queued.h"
 
 namespace dl::testing
 {
@@ -43,24 +43,13 @@ class Monitoring : public Fixture
         CloseMetrics();
         MQEnd();
     }
-    int Dlctl(std::vector<std::string> arguments)
+    int Dlctl(const std::vector<std::string>& arguments)
     {
-        arguments.insert(arguments.begin(), {DL_BINARY "/bin/dlctl", "--conf", Path("conf")});
-        return RunProgram(arguments, &output);
+        return RunDlctl(Path("conf"), arguments, &output);
     }
-    unsigned long Put(const std::string& text, const std::string& channel)
+    static unsigned long Put(const std::string& text, const std::string& channel)
     {
-        NewMQEntry entry;
-        std::FILE* file = std::fopen(GetMQPathName(entry.get(), ".msg").c_str(), "wb");
-        const bool written = file && std::fputs(text.c_str(), file) >= 0;
-        EXPECT_TRUE(written && std::fclose(file) == 0);
-        stEnvelope envelope;
-        EXPECT_TRUE(envelope.AddSender({.address = "anna@example.com", .channel = channel}));
-        EXPECT_TRUE(envelope.AddRecipient({.address = "a@example.org", .channel = channel}));
-        EXPECT_TRUE(envelope.AddRecipient({.address = "b@example.org", .channel = channel}));
-        const unsigned long id = GetMQId(entry.get());
-        EXPECT_EQ(Submit(std::move(entry), channel, 0, &envelope), Submission::kDone);
-        return id;
+        return PutEntry(text, channel, "anna@example.com", {"a@example.org", "b@example.org"});
     }
     std::string output;
 };
@@ -155,62 +144,39 @@ TEST_F(Monitoring, TheIntakeServerIsSeen)
     unsetenv("DLMANAGER_CONF");
 }
 
-bool IsName(const std::string& text)
-{
-    return !text.empty() &&
-           text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos;
-}
-
 // The text format of Prometheus, as far as it is used here: each family once, HELP, TYPE, samples;
 // counters end in _total; no sample twice; whole numbers.
 void CheckExposition(const std::string& text, std::map<std::string, std::int64_t>* samples)
 {
-    std::istringstream in(text);
     std::set<std::string> families;
     std::string family;
-    std::string type;
-    bool typed = false;
-    ASSERT_TRUE(text.ends_with('\n'));
+    std::string typed;
+    std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
         SCOPED_TRACE(line);
-        std::istringstream words(line);
-        std::string word;
-        words >> word;
-        if (word == "#") {
-            words >> word;
-            std::string name;
-            words >> name;
-            if (word == "HELP") {
-                ASSERT_TRUE(IsName(name) && families.insert(name).second);
-                family = name;
-                typed = false;
-                continue;
-            }
-            ASSERT_EQ(word, "TYPE");
-            ASSERT_EQ(name, family);
-            words >> type;
-            ASSERT_TRUE(type == "counter" || type == "gauge");
-            ASSERT_EQ(type == "counter", name.ends_with("_total"));
-            typed = true;
-            continue;
+        char name[100] = "";
+        char word[100] = "";
+        if (std::sscanf(line.c_str(), "# HELP %99[a-z_] %1s", name, word) == 2) {
+            family = name;
+            typed.clear();
+            ASSERT_TRUE(families.insert(family).second);
+        } else if (std::sscanf(line.c_str(), "# TYPE %99[a-z_] %99s", name, word) == 2) {
+            typed = name;
+            ASSERT_EQ(typed, family);
+            ASSERT_STREQ(word, typed.ends_with("_total") ? "counter" : "gauge");
+        } else {
+            const int words = std::sscanf(line.c_str(), "%99[a-z_]{%99[a-z_]=\"", name, word);
+            const std::string sample = line.substr(0, line.rfind(' '));
+            ASSERT_EQ(name, typed) << "TYPE comes before the samples";
+            ASSERT_TRUE(words == 2 ? sample.ends_with("\"}") : sample == name);
+            char* end = nullptr;
+            const std::int64_t value = std::strtoll(line.c_str() + sample.size(), &end, 10);
+            ASSERT_EQ(*end, '\0');
+            ASSERT_TRUE(value >= 0 || !typed.ends_with("_total"));
+            ASSERT_TRUE(samples->emplace(sample, value).second);
         }
-        ASSERT_TRUE(typed) << "TYPE comes before the samples";
-        const std::size_t blank = line.rfind(' ');
-        const std::string name = line.substr(0, blank);
-        const std::size_t brace = name.find('{');
-        ASSERT_EQ(name.substr(0, brace), family);
-        if (brace != std::string::npos) {
-            const std::size_t equals = name.find("=\"");
-            ASSERT_NE(equals, std::string::npos);
-            ASSERT_TRUE(IsName(name.substr(brace + 1, equals - brace - 1)));
-            ASSERT_TRUE(name.ends_with("\"}"));
-        }
-        char* end = nullptr;
-        const std::int64_t value = std::strtoll(line.c_str() + blank + 1, &end, 10);
-        ASSERT_EQ(*end, '\0');
-        ASSERT_TRUE(type == "gauge" || value >= 0);
-        ASSERT_TRUE(samples->emplace(name, value).second);
     }
+    ASSERT_TRUE(text.ends_with('\n'));
 }
 
 TEST_F(Monitoring, MetricsAreInTheTextFormat)

@@ -25,11 +25,10 @@ class SpamCommands : public Fixture
               "x-ipwhitelist: 10.0.0.1-10.0.0.9\nx-kvtblaction: own.example,ignore\n\n");
     }
     // "<exit status> <last line>"
-    std::string Dlctl(std::vector<std::string> arguments)
+    std::string Dlctl(const std::vector<std::string>& arguments)
     {
-        arguments.insert(arguments.begin(), {DL_BINARY "/bin/dlctl", "--conf", Path("conf")});
         std::string output;
-        const int status = RunProgram(arguments, &output);
+        const int status = RunDlctl(Path("conf"), arguments, &output);
         output = output.substr(0, output.find_last_not_of('\n') + 1);
         return std::to_string(status) + " " + output.substr(output.rfind('\n') + 1);
     }
@@ -73,9 +72,10 @@ TEST_F(SpamCommands, JsonHasAllFieldsAlways)
     const auto explain = [this](const std::string& header, const std::string& sender) {
         const std::string file = Write("m.eml", header + "\r\nbody\r\n");
         std::string output;
-        EXPECT_EQ(RunProgram({DL_BINARY "/bin/dlctl", "--conf", Path("conf"), "spam", "explain",
-                              file, "garden@lists.example.org", "--sender", sender, "--json"},
-                             &output),
+        EXPECT_EQ(RunDlctl(Path("conf"),
+                           {"spam", "explain", file, "garden@lists.example.org", "--sender", sender,
+                            "--json"},
+                           &output),
                   0);
         auto seen = nlohmann::json::parse(output);
         EXPECT_EQ(seen.at("list"), "garden@lists.example.org");

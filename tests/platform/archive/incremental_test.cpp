@@ -1,8 +1,8 @@
 // Only what shows a change is written, and no interruption leaves anything broken or undone.
 #include <algorithm>
 
-#include "platform/files/files.h"
 #include "tests/platform/archive/archive_fixture.h"
+#include "tests/support/failing_files.h"
 
 namespace dl
 {
@@ -128,43 +128,6 @@ TEST_F(Incremental, AFloodOfAuthorsIsCutIntoPagesToo)
     EXPECT_NE(Page("authors/index.html").find("from <bdi>N"), std::string::npos);
 }
 
-// Fails the n-th operation on files, and all that follow, as a process that is killed there.
-class DyingFiles : public FileBackend
-{
- public:
-    explicit DyingFiles(int last) : left_(last), before_(SetFileBackend(this)) {}
-    ~DyingFiles() override { SetFileBackend(before_); }
-    DyingFiles(const DyingFiles&) = delete;
-    DyingFiles& operator=(const DyingFiles&) = delete;
-
-    std::FILE* Open(const char* path, const char* mode) override
-    {
-        return Lives() ? PosixFiles().Open(path, mode) : nullptr;
-    }
-    bool Write(std::FILE* file, const void* data, std::size_t size) override
-    {
-        // A part of the bytes may have come to the disk.
-        return Lives() ? PosixFiles().Write(file, data, size)
-                       : (PosixFiles().Write(file, data, size / 2), false);
-    }
-    bool Close(std::FILE* file) override { return PosixFiles().Close(file) && Lives(); }
-    bool Remove(const char* path) override { return Lives() && PosixFiles().Remove(path); }
-    bool Rename(const char* from, const char* to) override
-    {
-        return Lives() && PosixFiles().Rename(from, to);
-    }
-    [[nodiscard]] bool Died() const { return left_ < 0; }
-
- private:
-    bool Lives()
-    {
-        errno = EIO;
-        return left_ >= 0 && left_-- > 0;
-    }
-    int left_;
-    FileBackend* before_;
-};
-
 // After each point of failure the old pages are whole, and the next run makes what an uninterrupted
 // one makes.
 TEST_F(Incremental, AnyInterruptionIsMadeUpForByTheNextRun)
@@ -191,7 +154,8 @@ TEST_F(Incremental, AnyInterruptionIsMadeUpForByTheNextRun)
             if (row.deed == Deed::kRemove)
                 Generate();
             {
-                DyingFiles files(last);
+                testing::FailingFiles files;
+                files.DieAfter(last);
                 try {
                     row.deed == Deed::kGenerate ? Generate()
                     : row.deed == Deed::kRemove ? CDlArchive::RemoveArchive(list, id)

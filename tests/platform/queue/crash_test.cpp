@@ -76,7 +76,7 @@ class QueueCrash : public QueueFixture
         for (int i = 0;; ++i) {
             const std::string name = prefix + "-" + std::to_string(i);
             NewMQEntry entry;
-            if (!entry || !Fill(entry.get(), Message(name, random() % 20000)))
+            if (!entry || !FillEntry(entry.get(), Message(name, random() % 20000)))
                 _exit(2);
             if (random() % 10 == 0) {
                 journal.Note("unfinished", name);
@@ -193,9 +193,8 @@ TEST_F(QueueCrash, KilledProcessesLoseNothingAndBringNothingBack)
     std::size_t closed = 0;
     std::size_t removed = 0;
     ASSERT_TRUE(MQInitAt(folder));
-    std::vector<QueueItem> items;
-    ASSERT_TRUE(ListMQ("", 0, &items));
-    EXPECT_EQ(Files(), items.size()) << "what was left behind must be swept, and nothing else";
+    EXPECT_EQ(Files(), QueueItems().size())
+        << "what was left behind must be swept, and nothing else";
     std::set<std::string> rest;
     for (const std::string& text : Drain("dl")) {
         const std::string name = NameOf(text);

@@ -1,6 +1,7 @@
 #include "tests/support/failing_queue.h"
 
 #include "tests/support/fixture.h"
+#include "tests/support/queued.h"
 
 namespace dl::testing
 {
@@ -32,39 +33,19 @@ TEST_F(SubmitEntry, EachStepCanFailAndOnlyTheFirstTwoDiscard)
         {"close", QueueCall::kClose, Submission::kCloseFailed,
          "create insert(dlout,255) envelope close"},
     };
-    std::vector<QueueItem> items;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         queue.ClearCalls();
         queue.FailNext(row.call);
         EXPECT_EQ(Try(), row.want);
         EXPECT_EQ(queue.Calls(), row.calls);
-        ASSERT_TRUE(ListMQ("", 0, &items));
-        EXPECT_TRUE(items.empty());
+        EXPECT_TRUE(QueueItems().empty());
         EXPECT_TRUE(std::filesystem::is_empty(Path("queue/msg")));
     }
     queue.FailNth(QueueCall::kClose, 2);
     EXPECT_EQ(Try(), Submission::kDone);
     EXPECT_EQ(Try(), Submission::kCloseFailed);
     EXPECT_EQ(Try(), Submission::kDone);
-}
-
-TEST_F(SubmitEntry, ReadingCanFailAtEachCall)
-{
-    EXPECT_EQ(Try(), Submission::kDone);
-    queue.FailNext(QueueCall::kOpenChannel);
-    EXPECT_EQ(OpenMQChannel("dlout"), nullptr);
-    MQContext* channel = OpenMQChannel("dlout");
-    queue.FailNext(QueueCall::kTake);
-    EXPECT_EQ(GetFirstMessage(channel, false), kQueueFailed);
-    const long id = GetFirstMessage(channel, false);
-    ASSERT_GT(id, 0);
-    queue.FailNext(QueueCall::kReadEnvelope);
-    EXPECT_TRUE(GetMQEnvelope(static_cast<unsigned long>(id)).failed);
-    queue.FailNext(QueueCall::kRemove);
-    EXPECT_FALSE(RemoveMQChannel(channel));
-    queue.FailNext(QueueCall::kCloseChannel);
-    EXPECT_FALSE(CloseMQChannel(channel));
 }
 
 }  // namespace dl::testing

@@ -6,7 +6,6 @@
 #include <atomic>
 
 #include "tests/platform/queue/queue_fixture.h"
-#include "tests/support/failing_queue.h"
 
 namespace
 {
@@ -37,7 +36,7 @@ class QueueGroup : public QueueFixture
     {
         MQContext* entry = CreateMQEntry();
         stEnvelope envelope = Envelope(text + "@example.org");
-        EXPECT_TRUE(entry && Fill(entry, text) && PutMQEnvelope(entry, &envelope));
+        EXPECT_TRUE(entry && FillEntry(entry, text) && PutMQEnvelope(entry, &envelope));
         EXPECT_EQ(InsertMQChannel(entry, channel, 0), !channel.empty());
         return entry;
     }
@@ -82,20 +81,9 @@ TEST_F(QueueGroup, OneThatTheIndexRefusesIsLeftOutAlone)
     good.id = backend->Reserve().value_or(0);
     good.channels = {{"dl", 0}};
     EXPECT_EQ(backend->PublishMany({&again, &good}), (std::vector<bool>{false, true}));
-    std::vector<QueueItem> items;
-    ASSERT_TRUE(ListMQ("dl", 0, &items));
+    const std::vector<QueueItem> items = QueueItems("dl");
     ASSERT_EQ(items.size(), 2U);
     EXPECT_EQ(items[1].id, good.id);
-}
-
-TEST_F(QueueGroup, ABackEndWithoutGroupsPublishesEach)
-{
-    FailingQueue queue{Path("failing")};
-    queue.FailNth(QueueCall::kClose, 2);
-    std::vector<MQContext*> entries = {Ready("a"), Ready("b"), Ready("c")};
-    queue.ClearCalls();
-    EXPECT_EQ(CloseMQEntries(entries), (std::vector<bool>{true, false, true}));
-    EXPECT_EQ(queue.Calls(), "close close close");
 }
 
 }  // namespace dl::testing

@@ -1,10 +1,10 @@
 // An index of an older format, and of a newer one.
 
-#include <cstdlib>
 #include <set>
 
 #include "platform/queue/delivery.h"
 #include "tests/platform/queue/queue_fixture.h"
+#include "tests/support/child.h"
 #include "tests/support/killed.h"
 
 namespace dl::testing
@@ -24,10 +24,9 @@ class Migration : public QueueFixture
     // What the database's own program answers.
     [[nodiscard]] std::string Sql(const std::string& file, const std::string& command) const
     {
-        const std::string out = Path("sql.txt");
-        const int status = std::system(
-            ("sqlite3 '" + Path(file) + "' '" + command + "' >'" + out + "' 2>&1").c_str());
-        return status == 0 ? ReadFile(out) : "failed";
+        std::string output;
+        const int status = RunProgram({"/usr/bin/sqlite3", Path(file), command}, &output);
+        return status == 0 ? output : "failed: " + output;
     }
     [[nodiscard]] std::string Backup() const { return Path("queue/index.db.format-1"); }
 };
@@ -131,8 +130,7 @@ TEST_F(Migration, AKillInTheMiddleKeepsEveryEntryOnce)
     const auto look = [&] {
         EXPECT_TRUE(fs::exists(Backup()) || Sql("queue/index.db", "PRAGMA user_version") == "1\n");
         ASSERT_TRUE(MQInitAt(folder));
-        std::vector<QueueItem> items;
-        ASSERT_TRUE(ListMQ("", 0, &items));
+        const std::vector<QueueItem> items = QueueItems();
         std::set<unsigned long> ids;
         for (const QueueItem& item : items)
             ids.insert(item.id);

@@ -10,6 +10,7 @@
 #include "platform/queue/queue.h"
 #include "platform/queue/queue_backend.h"
 #include "tests/support/fixture.h"
+#include "tests/support/queued.h"
 
 namespace dl::testing
 {
@@ -26,16 +27,20 @@ class QueueFixture : public Fixture
     static unsigned long Put(const std::string& text, const std::string& channel = "dl")
     {
         NewMQEntry entry;
-        if (!entry || !Fill(entry.get(), text))
+        if (!entry || !FillEntry(entry.get(), text))
             return 0;
         const unsigned long id = GetMQId(entry.get());
         stEnvelope envelope = Envelope(text + "@example.org");
         return Submit(std::move(entry), channel, 255, &envelope) == Submission::kDone ? id : 0;
     }
-    static bool Fill(const MQContext* entry, const std::string& text)
+    // The same without an envelope.
+    static unsigned long PutBare(const std::string& channel)
     {
-        std::FILE* file = std::fopen(GetMQPathName(entry, ".msg").c_str(), "wb");
-        return file && std::fputs(text.c_str(), file) >= 0 && std::fclose(file) == 0;
+        NewMQEntry entry;
+        EXPECT_TRUE(FillEntry(entry.get(), "bare") && InsertMQChannel(entry.get(), channel, 0));
+        const unsigned long id = GetMQId(entry.get());
+        EXPECT_TRUE(entry.Close());
+        return id;
     }
     static stEnvelope Envelope(const std::string& recipient)
     {
@@ -69,13 +74,7 @@ class QueueFixture : public Fixture
         return texts;
     }
     // What is in the folder of the message files.
-    [[nodiscard]] std::size_t Files() const
-    {
-        std::size_t count = 0;
-        for (const auto& file : std::filesystem::directory_iterator(folder + "/msg"))
-            count += file.path().empty() ? 0 : 1;
-        return count;
-    }
+    [[nodiscard]] std::size_t Files() const { return FileNames(folder + "/msg").size(); }
 
     const std::string folder;
 };

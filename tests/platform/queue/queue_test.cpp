@@ -1,14 +1,14 @@
 #include "platform/queue/queue.h"
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
 #include <map>
 #include <set>
 #include <thread>
 
 #include "tests/platform/queue/queue_fixture.h"
+#include "tests/support/child.h"
 
 namespace dl::testing
 {
@@ -24,7 +24,7 @@ TEST_F(Queue, OnlyClosedEntriesAreSeenInTheOrderOfTheirClosing)
                                       {&left, "left"},
                                       {&open, "open"}}) {
         ASSERT_TRUE(*entry);
-        ASSERT_TRUE(Fill(entry->get(), text));
+        ASSERT_TRUE(FillEntry(entry->get(), text));
         ASSERT_TRUE(InsertMQChannel(entry->get(), "dl", 0));
         stEnvelope envelope = Envelope("a@example.org");
         ASSERT_TRUE(PutMQEnvelope(entry->get(), &envelope));
@@ -66,7 +66,7 @@ TEST_F(Queue, TheEnvelopeAndThePathsAreTheEntrys)
 TEST_F(Queue, AnEntryInTwoChannelsLeavesWithTheLast)
 {
     NewMQEntry entry;
-    ASSERT_TRUE(Fill(entry.get(), "both"));
+    ASSERT_TRUE(FillEntry(entry.get(), "both"));
     for (const char* channel : {"dl", "dlout", "dl"})
         ASSERT_TRUE(InsertMQChannel(entry.get(), channel, 0));
     stEnvelope envelope = Envelope("a@example.org");
@@ -81,7 +81,7 @@ TEST_F(Queue, AnEntryInTwoChannelsLeavesWithTheLast)
 TEST_F(Queue, WhatIsInNoChannelIsDropped)
 {
     NewMQEntry entry;
-    ASSERT_TRUE(Fill(entry.get(), "nowhere"));
+    ASSERT_TRUE(FillEntry(entry.get(), "nowhere"));
     EXPECT_FALSE(entry.Close());
     EXPECT_EQ(Files(), 0U);
     EXPECT_FALSE(InsertMQChannel(nullptr, "dl", 0));
@@ -105,8 +105,7 @@ TEST_F(Queue, AnEntryThatWasNotFinishedComesAfterAllOthersAndThenIsHeld)
     EXPECT_EQ(log.Lines()[0].module, "DL Manager");
     EXPECT_TRUE(CloseMQChannel(channel));
 
-    std::vector<QueueItem> items;
-    ASSERT_TRUE(ListMQ("dlhold", 0, &items));
+    const std::vector<QueueItem> items = QueueItems("dlhold");
     ASSERT_EQ(items.size(), 1U);
     EXPECT_EQ(items[0].id, poison);
     EXPECT_EQ(items[0].origin, "dl");
@@ -121,27 +120,20 @@ TEST_F(Queue, HandOutsAreCountedWhateverEndsThem)
     for (int round = 1; round <= 3; ++round) {
         MQContext* channel = OpenMQChannel("dl");
         ASSERT_GT(GetFirstMessage(channel, false), 0);
-        std::vector<QueueItem> items;
-        ASSERT_TRUE(ListMQ("", 0, &items));
-        EXPECT_TRUE(items.at(0).taken);
-        EXPECT_EQ(items.at(0).attempts, round - 1);
+        EXPECT_TRUE(QueueItems().at(0).taken);
+        EXPECT_EQ(QueueItems().at(0).attempts, round - 1);
         if (round == 2)
             MQEnd();  // a stop of the service in the middle
         EXPECT_TRUE(CloseMQChannel(channel));
         ASSERT_TRUE(MQInitAt(folder));
-        ASSERT_TRUE(ListMQ("", 0, &items));
-        EXPECT_FALSE(items.at(0).taken);
-        EXPECT_EQ(items.at(0).attempts, round);
+        EXPECT_FALSE(QueueItems().at(0).taken);
+        EXPECT_EQ(QueueItems().at(0).attempts, round);
     }
 }
 
 TEST_F(Queue, AnEntryWithoutAnEnvelopeIsHeldNotLost)
 {
-    NewMQEntry entry;
-    ASSERT_TRUE(Fill(entry.get(), "bare"));
-    ASSERT_TRUE(InsertMQChannel(entry.get(), "dl", 0));
-    const unsigned long id = GetMQId(entry.get());
-    ASSERT_TRUE(entry.Close());
+    const unsigned long id = PutBare("dl");
     EXPECT_FALSE(GetMQEnvelope(id).envelope);
     log.ExpectError("has no envelope, moved to channel dlhold");
     EXPECT_EQ(Drain("dl"), Texts{"bare"});
@@ -243,10 +235,7 @@ TEST_F(Queue, ASweepTakesWhatDeadWritersLeftAndNothingElse)
          {"0000ABCD.msg", "0000ABCD.tmp", "0000ABCD.msg.x1", "0000abcd.msg", "notes", "0000ABCE"})
         Write(std::string("queue/msg/") + name, "x");
     ASSERT_TRUE(MQInitAt(folder));
-    std::set<std::string> names;
-    for (const auto& file : std::filesystem::directory_iterator(folder + "/msg"))
-        names.insert(file.path().filename());
-    EXPECT_EQ(names,
+    EXPECT_EQ(FileNames(folder + "/msg"),
               (std::set<std::string>{
                   EntryFiles::FileName(static_cast<std::uint32_t>(waiting), ".msg"),
                   EntryFiles::FileName(*written, ".msg"), "0000abcd.msg", "notes", "0000ABCE"}));
@@ -262,23 +251,25 @@ TEST_F(Queue, AForkedChildNeitherUsesTheQueueNorKeepsItsClaims)
     ASSERT_TRUE(left);
     left.Leave();
     MQContext* channel = OpenMQChannel("dl");
-    const pid_t child = fork();
-    if (child == 0) {
+    int go[2];
+    ASSERT_EQ(pipe(go), 0);
+    const pid_t child = InBackground([&] {
         SetLogSink(nullptr);
         const bool refused = !CreateMQEntry() && !OpenMQChannel("dl") &&
                              GetFirstMessage(channel, false) == kQueueFailed &&
                              !CloseMQChannel(channel);
         MQEnd();
-        pause();  // until the parent has looked
-        _exit(refused ? 0 : 1);
-    }
+        char byte = 0;
+        (void)!read(go[0], &byte, 1);  // until the parent has looked
+        return refused ? 0 : 1;
+    });
     Put("parent");
     EXPECT_EQ(Pass(channel, true), Texts{"parent"});
     EXPECT_TRUE(CloseMQChannel(channel));
     ASSERT_TRUE(MQInitAt(folder));
     EXPECT_EQ(Files(), 0U);  // the left entry is swept, though a child of its writer lives
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    EXPECT_EQ(write(go[1], "g", 1), 1);
+    EXPECT_EQ(StatusOf(child), 0);
 }
 
 TEST_F(Queue, ManyProcessesAndThreadsWriteAndReadAtOnce)
@@ -287,25 +278,19 @@ TEST_F(Queue, ManyProcessesAndThreadsWriteAndReadAtOnce)
     MQEnd();
     std::vector<pid_t> children;
     for (int writer = 0; writer < kWriters; ++writer) {
-        children.push_back(fork());
-        if (children.back() != 0)
-            continue;
-        bool ok = MQInitAt(folder);
-        std::vector<std::thread> threads;
-        bool fine[kThreads] = {};
-        for (int thread = 0; thread < kThreads; ++thread)
-            threads.emplace_back([=, &fine] {
-                fine[thread] = true;
-                for (int i = 100; i < 100 + kEach; ++i)
-                    fine[thread] &=
-                        Put(std::to_string(writer * 10 + thread) + ":" + std::to_string(i)) != 0;
-            });
-        for (std::thread& thread : threads)
-            thread.join();
-        for (const bool one : fine)
-            ok = ok && one;
-        MQEnd();
-        _exit(ok ? 0 : 1);
+        children.push_back(InBackground([&] {
+            std::atomic<int> failed{MQInitAt(folder) ? 0 : 1};
+            std::vector<std::thread> threads;
+            for (int thread = 0; thread < kThreads; ++thread)
+                threads.emplace_back([&failed, name = std::to_string(writer * 10 + thread)] {
+                    for (int i = 100; i < 100 + kEach; ++i)
+                        failed += Put(name + ":" + std::to_string(i)) == 0 ? 1 : 0;
+                });
+            for (std::thread& thread : threads)
+                thread.join();
+            MQEnd();
+            return failed == 0 ? 0 : 1;
+        }));
     }
     ASSERT_TRUE(MQInitAt(folder));
     std::map<std::string, std::vector<std::string>> seen;  // by writer
@@ -325,11 +310,8 @@ TEST_F(Queue, ManyProcessesAndThreadsWriteAndReadAtOnce)
             }
         usleep(500);
     }
-    for (const pid_t child : children) {
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
+    for (const pid_t child : children)
+        EXPECT_EQ(StatusOf(child), 0);
     for (MQContext* reader : readers)
         EXPECT_TRUE(CloseMQChannel(reader));
     EXPECT_EQ(seen.size(), 4U);
@@ -347,8 +329,7 @@ TEST_F(Queue, ToolsListMoveAndRemove)
     clock.now += 60;
     const unsigned long second = Put("22", "dlout");
     const unsigned long third = Put("333");
-    std::vector<QueueItem> items;
-    ASSERT_TRUE(ListMQ("", 0, &items));
+    std::vector<QueueItem> items = QueueItems();
     ASSERT_EQ(items.size(), 3U);
     EXPECT_EQ(items[1].id, third);
     EXPECT_EQ(items[1].bytes, 3);

@@ -27,37 +27,14 @@ class MessageFileTest : public dl::testing::Fixture
 
 TEST_F(MessageFileTest, GivesLinesAsTheyMustGoOut)
 {
-    const std::string block(65535, 'x');
-    struct Row {
-        const char* name;
-        std::string bytes;
-        std::string want;  // without the last dot
-        int dots;
-    };
-    const Row rows[] = {
-        {"empty", "", "", 0},
-        {"as it should be", "a\r\n\r\nb\r\n", "a\r\n\r\nb\r\n", 0},
-        {"line feeds", "a\n\nb\n", "a\r\n\r\nb\r\n", 0},
-
-        {"no last line end", "a", "a\r\n", 0},
-        {"dots", ".\r\n..\r\na.b\r\n.c", "..\r\n...\r\na.b\r\n..c\r\n", 3},
-        {"lone dot between line feeds", "a\n.\nMAIL FROM:<x>\n", "a\r\n..\r\nMAIL FROM:<x>\r\n", 1},
-        {"carriage return alone", "a\r.\rb\r\n", "a . b\r\n", 0},
-
-        {"carriage return before a dot, after a line end", "a\r\n\r.\r\nb\r\n", "a\r\n .\r\nb\r\n",
-         0},
-        {"carriage return at the end", "a\r", "a \r\n", 0},
-        {"line end over a block's end", block + "\r\n.\r\n", block + "\r\n..\r\n", 1},
-        {"dot after a block's end", block.substr(1) + "\n.\n", block.substr(1) + "\r\n..\r\n", 1},
-        {"carriage return alone at a block's end", block + "\r.\n", block + " .\r\n", 0},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : dl::testing::ReadTable("tables/mail.txt", "lines on the wire")) {
+        SCOPED_TRACE(row.at(0));
+        const std::string& want = row.at(2);
         MessageFile file;
         std::string cause;
-        ASSERT_TRUE(file.Open(Write("m.msg", row.bytes), &cause)) << cause;
-        EXPECT_EQ(Wire(file), row.want + ".\r\n");
-        EXPECT_EQ(file.WireBytes(), static_cast<std::int64_t>(row.want.size()) - row.dots);
+        ASSERT_TRUE(file.Open(Write("m.msg", row.at(1)), &cause)) << cause;
+        EXPECT_EQ(Wire(file), want + ".\r\n");
+        EXPECT_EQ(file.WireBytes(), static_cast<std::int64_t>(want.size()) - std::stoi(row.at(3)));
         EXPECT_FALSE(file.EightBit());
     }
 }

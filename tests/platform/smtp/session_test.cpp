@@ -17,6 +17,7 @@ using dl::testing::RelayedMessage;
 using dl::testing::RelayReaction;
 using dl::testing::RelayStep;
 using dl::testing::ScriptedRelay;
+using dl::testing::When;
 
 constexpr char kText[] = "Subject: x\r\n\r\nbody\r\n";
 
@@ -112,53 +113,18 @@ TEST_F(SessionTest, HandsSeveralMessagesOverOnOneConnection)
 // recipients of whom the relay refuses the third.
 TEST_F(SessionTest, GivesEachRecipientWhatTheRelaySaid)
 {
-    struct Row {
-        const char* name;
-        const char* verb;  // where it happens
-        const char* reply;
-        bool closes;
-        const char *want, *line;  // of the first recipient
-        bool stays_open;
-    };
-    const char* const kClosed = "the relay closed the connection";
-    const char* const kBabble = "the relay sent a reply that cannot be understood";
-    const Row rows[] = {
-        {"all goes well", "-", "", false, "AARAA", "250 2.0.0 queued as 0", true},
-        {"sender refused for now", "MAIL", "451 4.3.0 later", false, "LLLLL", "451 4.3.0 later",
-         true},
-        {"sender refused", "MAIL", "550-5.7.1 no\r\n550 5.7.1 never", false, "RRRRR",
-         "550 5.7.1 no never", true},
-        {"leaves at the sender", "MAIL", "421 4.3.2 down", true, "LLLLL", "421 4.3.2 down", false},
-        {"closes at the sender", "MAIL", "", true, "LLLLL", kClosed, false},
-        {"closes at the place of the message", "DATA", "", true, "LLRLL", kClosed, false},
-        {"message refused before it is sent", "DATA", "554 5.7.1 no", false, "RRRRR",
-         "554 5.7.1 no", true},
-        {"not ready for the message", "DATA", "451 4.3.1 full", false, "LLRLL", "451 4.3.1 full",
-         true},
-        {"takes DATA for done", "DATA", "250 ok", false, "LLRLL", kBabble, false},
-        {"message refused for now", ".", "452 4.3.1 full", false, "LLRLL", "452 4.3.1 full", false},
-        {"message refused", ".", "554 5.6.0 virus", false, "RRRRR", "554 5.6.0 virus", false},
-        {"leaves after the dot", ".", "421 4.3.2 down", true, "LLRLL", "421 4.3.2 down", false},
-        {"closes after the dot", ".", "", true, "UURUU", kClosed, false},
-        {"babbles after the dot", ".", "thank you", false, "UURUU", kBabble, false},
-        {"continues after the dot without end", ".", "250-more", true, "UURUU", kClosed, false},
-        {"babbles at a recipient", "RCPT", "what", false, "LLLLL", kBabble, false},
-        {"asks at a recipient", "RCPT", "354 go on", false, "LLLLL", kBabble, false},
-        {"leaves at a recipient", "RCPT", "421 4.3.2 down", true, "LLLLL", "421 4.3.2 down", false},
-        {"closes at a recipient", "RCPT", "", true, "LLLLL", kClosed, false},
-    };
     for (const bool pipelining : {true, false}) {
-        for (const Row& row : rows) {
-            SCOPED_TRACE(std::string(row.name) + (pipelining ? ", pipelined" : ""));
+        for (const auto& row : dl::testing::ReadTable("tables/mail.txt", "what a relay says")) {
+            SCOPED_TRACE(row.at(0) + (pipelining ? ", pipelined" : ""));
+            const bool stays_open = row.at(6) == "true";
             ScriptedRelay::Options options;
-            if (!pipelining)
-                options.abilities = {};
+            options.abilities = pipelining ? options.abilities : std::vector<std::string>();
             ScriptedRelay relay(
                 [&](const RelayStep& step) -> std::optional<RelayReaction> {
-                    if (step.verb == row.verb && step.transaction == 1 &&
+                    if (step.verb == row.at(1) && step.transaction == 1 &&
                         (step.recipient == 0 || step.verb != "RCPT"))
-                        return RelayReaction{row.reply, row.closes};
-                    if (step.verb == "RCPT" && step.line.find("<r2@") != std::string::npos)
+                        return RelayReaction{row.at(2), row.at(3) == "true"};
+                    if (step.line.starts_with("RCPT TO:<r2@"))
                         return RelayReaction{"550 5.1.1 unknown"};
                     return std::nullopt;
                 },
@@ -166,11 +132,11 @@ TEST_F(SessionTest, GivesEachRecipientWhatTheRelaySaid)
             Session session;
             Connect(&session, At(relay));
             const TransactionResult result = Send(session, Addresses(5));
-            EXPECT_EQ(Outcomes(result), row.want);
-            EXPECT_EQ(result.recipients[0].Line(), row.line);
-            EXPECT_EQ(session.IsOpen(), row.stays_open);
-            EXPECT_EQ(result.lost, !row.stays_open);
-            if (!row.stays_open)
+            EXPECT_EQ(Outcomes(result), row.at(4));
+            EXPECT_EQ(result.recipients[0].Line(), row.at(5));
+            EXPECT_EQ(session.IsOpen(), stays_open);
+            EXPECT_EQ(result.lost, !stays_open);
+            if (!stays_open)
                 continue;
             // What went wrong must not reach into the next transaction.
             EXPECT_EQ(Outcomes(Send(session, {"next@example.org"})), "A");
@@ -230,19 +196,16 @@ TEST_F(SessionTest, TellsTooManyRecipientsFromAFullMailbox)
         {"552 too many", "AAANNN"},       {"452 4.2.2 full", "AAALLL"},
         {"552 5.2.2 full", "AAARRR"},     {"450 4.2.0 greylisted", "AAALLL"}};
     for (const auto& [reply, want] : replies) {
-        ScriptedRelay relay([text = reply](const RelayStep& step) -> std::optional<RelayReaction> {
-            if (step.verb == "RCPT" && step.recipient >= 3)
-                return RelayReaction{text};
-            return std::nullopt;
-        });
+        const auto fourth = [](const RelayStep& step) {
+            return step.verb == "RCPT" && step.recipient >= 3;
+        };
+        ScriptedRelay relay(When(fourth, {reply}));
         Session session;
         Connect(&session, At(relay));
         EXPECT_EQ(Outcomes(Send(session, Addresses(6))), want) << reply;
     }
     // The first of a transaction cannot be one too many.
-    ScriptedRelay full([](const RelayStep& step) -> std::optional<RelayReaction> {
-        return step.verb == "RCPT" ? std::optional(RelayReaction{"452 no"}) : std::nullopt;
-    });
+    ScriptedRelay full(When("RCPT", {"452 no"}));
     Session session;
     Connect(&session, At(full));
     EXPECT_EQ(Outcomes(Send(session, Addresses(2))), "LL");
@@ -318,12 +281,8 @@ TEST_F(SessionTest, SaysWhyARelayCannotBeUsed)
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.problem);
-        ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
-            const bool stalls = !*row.reply && !row.closes;
-            return step.verb == row.verb
-                       ? std::optional(RelayReaction{row.reply, row.closes, stalls})
-                       : std::nullopt;
-        });
+        const bool stalls = !*row.reply && !row.closes;
+        ScriptedRelay relay(When(row.verb, {row.reply, row.closes, stalls}));
         Session session;
         std::string problem;
         Relay where = At(relay);
@@ -350,9 +309,7 @@ TEST_F(SessionTest, SaysWhyARelayCannotBeUsed)
 TEST_F(SessionTest, WaitsNoLongerThanItIsTold)
 {
     for (const char* verb : {"MAIL", "."}) {
-        ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
-            return step.verb == verb ? std::optional(RelayReaction{"", false, true}) : std::nullopt;
-        });
+        ScriptedRelay relay(When(verb, {"", false, true}));
         const std::string want = *verb == '.' ? "U" : "L";
         Relay where = At(relay);
         where.answer_timeout = where.data_timeout = std::chrono::milliseconds(300);
@@ -402,11 +359,7 @@ TEST_F(SessionTest, TenThousandRecipientsInOneTransaction)
 TEST_F(SessionTest, HearsARefusalInTheMiddleOfTheMessage)
 {
     Open(std::string(990, 'x') + "\n" + std::string(8'000'000, 'y'));
-    ScriptedRelay relay([](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "DATA")
-            return RelayReaction{"354 go on\r\n552 5.3.4 too much", false, true};
-        return std::nullopt;
-    });
+    ScriptedRelay relay(When("DATA", {"354 go on\r\n552 5.3.4 too much", false, true}));
     Session session;
     Connect(&session, At(relay));
     const TransactionResult result = Send(session, {"a@example.org"});
