@@ -10,14 +10,13 @@ import email.policy
 import email.utils
 import os
 import re
-import signal
 import subprocess
-import sys
 import time
 import unittest
 
-from lab import SKIP, wait_for
-from service import SLAPD, House, LdifFile, Service, Slapd, list_entries
+from directory import SLAPD, LdifFile, Slapd, list_entries, wait_for
+from lab import run_cases
+from service import House, Service
 
 GARDEN, BOARD = "garden@lists.example.org", "board@lists.example.org"
 GARDEN_REQUEST, BOARD_REQUEST = (name.replace("@", "-request@") for name in (GARDEN, BOARD))
@@ -388,16 +387,5 @@ class BigAndFull(Case):
         self.check_idle()
 
 
-def main():
-    Case.binaries = sys.argv.pop(1)
-    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGALRM):
-        signal.signal(number, lambda *_: sys.exit("ended by a signal"))
-    signal.alarm(220)  # before ctest ends this process alone
-    if not os.path.exists(SLAPD) and os.environ.get("CI"):
-        sys.exit(f"{SLAPD} is missing: install slapd")
-    result = unittest.main(verbosity=2, exit=False).result
-    sys.exit(not result.wasSuccessful() or (SKIP if result.testsRun == len(result.skipped) else 0))
-
-
 if __name__ == "__main__":
-    main()
+    run_cases(Case, SLAPD, seconds=220, some_without=True)

@@ -9,12 +9,12 @@ import os
 import re
 import stat
 import subprocess
-import sys
 import time
 import unittest
 
+import directory
 import service
-from lab import SKIP
+from lab import run_cases
 
 GARDEN, NEWS, TWICE = "garden@lists.example.org", "news@lists.example.org", "twice@lists.example.org"
 ANNA, PAUL = "anna@example.com", "paul@example.org"
@@ -26,8 +26,8 @@ class Commands:
 
     def setUp(self):
         person = f"dn: mail={PAUL},dc=lists,dc=example,dc=org\nobjectClass: qvlistowner\nmail: {PAUL}\nlistowner: x@y.example\n"
-        entries = service.list_entries(GARDEN, ["mode: 1", f"listmember: Immediate;{ANNA}", "listmember: Digest;Blocked;Dora@example.com"])
-        entries += service.list_entries(TWICE, [f"listmember: Immediate;{ANNA}", f"listmember: Digest;{ANNA}", f"listmember: Digest;{PAUL}"],
+        entries = directory.list_entries(GARDEN, ["mode: 1", f"listmember: Immediate;{ANNA}", "listmember: Digest;Blocked;Dora@example.com"])
+        entries += directory.list_entries(TWICE, [f"listmember: Immediate;{ANNA}", f"listmember: Digest;{ANNA}", f"listmember: Digest;{PAUL}"],
                                         "dc=example,dc=org")
         self.house = service.House(self.binaries, self.kind, [*entries, person])
         self.addCleanup(self.house.end)
@@ -204,7 +204,7 @@ class Commands:
         self.assertEqual(len(self.service.pending(GARDEN)), 2)
 
     def test_7_directory_away(self):
-        if isinstance(self.house.directory, service.Slapd):
+        if isinstance(self.house.directory, directory.Slapd):
             self.house.directory.kill()
         else:
             self.house.directory.path.write_text("dn: broken\nno colon\n")
@@ -217,22 +217,14 @@ class Commands:
                 self.assertIn("Could not connect to Directory Server", errors)
 
 
-@unittest.skipUnless(os.path.exists(service.SLAPD), "slapd is not installed")
+@unittest.skipUnless(os.path.exists(directory.SLAPD), "slapd is not installed")
 class Slapd(Commands, unittest.TestCase):
-    kind = service.Slapd
+    kind = directory.Slapd
 
 
 class Ldif(Commands, unittest.TestCase):
-    kind = service.LdifFile
-
-
-def main():
-    Commands.binaries = sys.argv.pop(1)
-    if not os.path.exists(service.SLAPD) and os.environ.get("CI"):
-        sys.exit(f"{service.SLAPD} is missing: install slapd")
-    result = unittest.main(verbosity=2, exit=False).result
-    sys.exit(not result.wasSuccessful() or (SKIP if result.testsRun == len(result.skipped) else 0))
+    kind = directory.LdifFile
 
 
 if __name__ == "__main__":
-    main()
+    run_cases(Commands, directory.SLAPD, seconds=220, some_without=True)

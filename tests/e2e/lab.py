@@ -18,67 +18,32 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
+import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
+from directory import SOURCE, Slapd, free_port, list_entries, listens, wait_for
+
 USER = "nobody"
-SERVICE_DN = "cn=dlmanager,dc=example,dc=org"
 MEMBERS = "members.example"
 SKIP = 77  # for ctest
 
 
-def need():
-    """Ends the run as skipped where it cannot be made; in CI that is a failure."""
-    missing = [name for name in ("postfix", "slapd") if not shutil.which(name, path="/usr/sbin:/usr/lib/postfix/sbin")]
-    why = f"missing: {' '.join(missing)}" if missing else "" if os.geteuid() == 0 else "Postfix runs as root only"
-    if why:
-        print("skipped,", why)
+def run_cases(base, *programs, seconds, some_without=False, root=False):
+    """Runs the cases of a script with our programs from BUILD/bin, for so long at most.
+
+    Where one of `programs` is missing, none is run, or only those that do without it; in CI that is a failure.
+    """
+    missing = [program for program in programs if not os.path.exists(program)]
+    missing += ["root"] if root and os.geteuid() != 0 else []
+    if missing:
+        print("missing:", *missing)
+    if missing and (os.environ.get("CI") or not some_without):
         sys.exit(1 if os.environ.get("CI") else SKIP)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def wait_for(what, condition, seconds=60, pause=0.05):
-    end = time.monotonic() + seconds
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise TimeoutError(f"{what} did not come within {seconds} s")
-        time.sleep(pause)
-    return value
-
-
-def listens(port):
-    with socket.socket() as probe:
-        return probe.connect_ex(("127.0.0.1", port)) == 0
-
-
-BASE_ENTRIES = ("dn: dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: org\no: org\n",
-                "dn: dc=example,dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: example\no: example\n",
-                f"dn: {SERVICE_DN}\nobjectClass: organizationalRole\nobjectClass: simpleSecurityObject\ncn: dlmanager\n"
-                "userPassword: secret\n")
-
-
-def slapd_configuration(folder):
-    """Of a server with the shipped schema and its data in folder/db."""
-    return f"""include /etc/ldap/schema/core.schema
-include {SOURCE}/deploy/ldap/dlmanager.schema
-pidfile {folder}/slapd.pid
-modulepath /usr/lib/ldap
-moduleload back_mdb
-database mdb
-suffix ""
-rootdn cn=admin
-directory {folder}/db
-dbnosync
-index objectClass,mail,listmember eq
-limits dn.exact="{SERVICE_DN}" size=unlimited time=unlimited
-access to attrs=userPassword by anonymous auth
-access to * by dn.exact="{SERVICE_DN}" write by * read
-"""
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGALRM):
+        signal.signal(number, lambda *_: sys.exit("ended by a signal"))
+    signal.alarm(seconds)  # before ctest ends this process alone
+    base.binaries = sys.argv.pop(1)
+    result = unittest.main(verbosity=2, exit=False).result
+    sys.exit(not result.wasSuccessful() or (SKIP if result.testsRun == len(result.skipped) else 0))
 
 
 class Lab:
@@ -91,35 +56,28 @@ class Lab:
         self.children = {}
         self.dead = []  # (name, exit status) of what ended by itself
         atexit.register(self.end)
-        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGALRM):
-            signal.signal(number, lambda *_: sys.exit("ended by a signal"))
-        signal.alarm(500)  # before ctest ends this process alone
-        self.smtp_port, self.ldap_port = free_port(), free_port()
+        self.smtp_port = free_port()
         self.env = {**os.environ, "MAIL_CONFIG": str(self.dir / "postfix"), "DLMANAGER_CONF": str(self.dir / "conf"),
                     "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "TMPDIR": str(self.dir / "tmp"),
                     "ASAN_OPTIONS": "detect_leaks=0"}
-        for name in ("bin", "conf", "postfix", "log", "slapd/db"):
+        for name in ("bin", "conf", "postfix", "log"):
             (self.dir / name).mkdir(parents=True)
         for name in ("spool", "data", "run", "tmp", "mail"):
             (self.dir / name).mkdir(mode=0o700)
             shutil.chown(self.dir / name, USER)
         for program in ("dlmanager", "dlsubmit", "dlctl", "dlsend"):
-            if (pathlib.Path(binaries) / program).exists():
-                shutil.copy(pathlib.Path(binaries) / program, self.dir / "bin")
+            shutil.copy(pathlib.Path(binaries) / program, self.dir / "bin")
         self.dlsend_command = [self.dir / "bin/dlsend"]
-        self.has_dlsend = (self.dir / "bin/dlsend").exists()
         self.configure()
 
     # Configuration.
 
     def configure(self):
-        directory = f"""[Ldap]
-HostName = 127.0.0.1
-Port = {self.ldap_port}
-Username = {SERVICE_DN}
-Password = secret
-BaseDN = dc=org
-"""
+        lines = ["mode: 0", "archive: 0", "InvalidPosting: bounce"]
+        self.slapd = Slapd(self.dir / "slapd", [
+            entry for address, members in self.lists.items()
+            for entry in list_entries(address, [*lines, *(f"listmember: Immediate;{member}" for member in members)])])
+        directory = "[Ldap]\n" + self.slapd.settings()
         (self.dir / "conf/qvmta.ini").write_text(directory)
         (self.dir / "conf/qvms.conf").write_text(f"""{directory}[Connection]
 GatewayHostName = mail
@@ -148,7 +106,6 @@ LogFile = {self.dir}/log/dlsend.log
             for folder in ("digest", "archive"):
                 (self.dir / "data" / address / folder).mkdir(parents=True)
         subprocess.run(["chown", "-R", USER, self.dir / "data"], check=True)
-        self.configure_slapd()
         self.configure_postfix()
 
     def mount_small_disk(self):
@@ -166,20 +123,6 @@ LogFile = {self.dir}/log/dlsend.log
 
     def free_disk(self):
         (self.spool / "filler").unlink()
-
-    def configure_slapd(self):
-        entries = list(BASE_ENTRIES)
-        for address, members in self.lists.items():
-            lines = [f"dn: mail={address},dc=example,dc=org", "objectClass: qvlist", f"mail: {address}", "mode: 0",
-                     "archive: 0", "InvalidPosting: bounce"] + [f"listmember: Immediate;{member}" for member in members]
-            owner = address.replace("@", "-owner@")
-            entries += ["\n".join(lines) + "\n",
-                        f"dn: mail={owner},dc=example,dc=org\nobjectClass: qvlistowner\nmail: {owner}\n"
-                        f"listowner: owner@{MEMBERS}\n"]
-        folder = self.dir / "slapd"
-        (folder / "entries.ldif").write_text("\n".join(entries), encoding="utf-8")
-        (folder / "slapd.conf").write_text(slapd_configuration(folder))
-        self.command(["slapadd", "-q", "-f", folder / "slapd.conf", "-l", folder / "entries.ldif"])
 
     def configure_postfix(self):
         folder = self.dir / "postfix"
@@ -278,8 +221,7 @@ smtpd_recipient_restrictions = permit_mynetworks, reject
                 raise RuntimeError(f"{name} ended with {child.returncode}: {self.output(name)}")
 
     def start_slapd(self):
-        self.start("slapd", ["/usr/sbin/slapd", "-h", f"ldap://127.0.0.1:{self.ldap_port}/", "-f",
-                             self.dir / "slapd/slapd.conf", "-d", "0"], lambda: listens(self.ldap_port))
+        self.slapd.start()
 
     def start_postfix(self):
         self.start("postfix", ["postfix", "-c", self.dir / "postfix", "start-fg"], lambda: listens(self.smtp_port))
@@ -334,6 +276,9 @@ smtpd_recipient_restrictions = permit_mynetworks, reject
             if pid := self.dlmanager_pid():
                 os.kill(pid, number)
                 wait_for("the end of dlmanager", lambda: not self.dlmanager_pid(), 30)
+            return
+        if name == "slapd":
+            self.slapd.kill()
             return
         child = self.children.pop(name, None)
         if not child:

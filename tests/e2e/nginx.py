@@ -11,11 +11,11 @@ import re
 import shutil
 import ssl
 import subprocess
-import sys
 import tempfile
 import unittest
 
-from lab import SKIP, SOURCE, free_port, listens, wait_for
+from directory import SOURCE, free_port, listens, wait_for
+from lab import run_cases
 
 NGINX = "/usr/sbin/nginx"
 OPEN, CLOSED = "garden@lists.example.org", "board@lists.example.org"
@@ -118,7 +118,4 @@ class Served(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if not os.path.exists(NGINX):
-        sys.exit(1 if os.environ.get("CI") else SKIP)
-    Served.binaries = sys.argv.pop(1)
-    unittest.main(verbosity=2)
+    run_cases(Served, NGINX, seconds=110)

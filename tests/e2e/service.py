@@ -14,73 +14,7 @@ import signal
 import subprocess
 import tempfile
 
-from lab import BASE_ENTRIES, SERVICE_DN, free_port, listens, slapd_configuration, wait_for
-
-SLAPD = "/usr/sbin/slapd"
-DOMAIN_ENTRY = "dn: dc=lists,dc=example,dc=org\nobjectClass: dcObject\nobjectClass: organization\ndc: lists\no: lists\n"
-
-
-def list_entries(address, lines, above="dc=lists,dc=example,dc=org"):
-    """A list and its owner alias, as LDIF; the owner is owner@members.example."""
-    def entry(mail, text):
-        return f"dn: mail={mail},{above}\nmail: {mail}\n{text}\n"
-
-    owner = address.replace("@", "-owner@")
-    return [entry(address, "objectClass: qvlist\n" + "\n".join(lines)),
-            entry(owner, "objectClass: qvlistowner\nlistowner: owner@members.example")]
-
-
-class Slapd:
-    """A real server."""
-
-    def __init__(self, folder, entries):
-        self.folder, self.port, self.child = folder, free_port(), None
-        (folder / "db").mkdir(parents=True)
-        (folder / "slapd.conf").write_text(slapd_configuration(folder))
-        (folder / "entries.ldif").write_text("\n".join([*BASE_ENTRIES, DOMAIN_ENTRY, *entries]))
-        subprocess.run(["/usr/sbin/slapadd", "-q", "-f", folder / "slapd.conf", "-l", folder / "entries.ldif"], check=True, timeout=60)
-        self.start()
-
-    def settings(self):
-        return f"HostName = 127.0.0.1\nPort = {self.port}\nUsername = {SERVICE_DN}\nPassword = secret\nBaseDN = dc=org\n"
-
-    def start(self):
-        with open(self.folder / "slapd.out", "ab") as out:
-            self.child = subprocess.Popen([SLAPD, "-h", f"ldap://127.0.0.1:{self.port}/", "-f", self.folder / "slapd.conf", "-d", "0"],
-                                          stdin=subprocess.DEVNULL, stdout=out, stderr=out)
-        wait_for("slapd", lambda: listens(self.port) or self.child.poll() is not None)
-        assert self.child.poll() is None, (self.folder / "slapd.out").read_text()
-
-    def kill(self):
-        if self.child:
-            self.child.kill()
-            self.child.wait(30)
-        self.child = None
-
-    def members(self, address):
-        """The values of listmember, as another program reads them."""
-        found = subprocess.run(["ldapsearch", "-x", "-H", f"ldap://127.0.0.1:{self.port}/", "-LLL", "-o", "ldif-wrap=no", "-b", "dc=org",
-                                f"(mail={address})", "listmember"], check=True, capture_output=True, text=True, timeout=60).stdout
-        return sorted(re.findall(r"^listmember: (.*)$", found, re.M))
-
-
-class LdifFile:
-    """One file instead of a server."""
-
-    def __init__(self, folder, entries):
-        folder.mkdir()
-        self.path = folder / "directory.ldif"
-        self.path.write_text("# The lists of the house.\n\n" + "\n".join([*BASE_ENTRIES, DOMAIN_ENTRY, *entries]))
-
-    def settings(self):
-        return f"File = {self.path}\n"
-
-    def kill(self):
-        pass
-
-    def members(self, address):
-        block = self.path.read_text().split(f"mail={address},", 1)[1].split("\n\n", 1)[0]
-        return sorted(re.findall(r"^listmember: (.*)$", block, re.M))
+from directory import wait_for
 
 
 class Mail:

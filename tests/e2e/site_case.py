@@ -2,7 +2,8 @@
 import re
 import unittest
 
-from lab import Lab, MEMBERS, SOURCE, wait_for
+from directory import SOURCE, wait_for
+from lab import Lab, MEMBERS
 
 LIST = "garden@lists.example.org"
 OWNER = LIST.replace("@", "-owner@")
@@ -31,7 +32,6 @@ class Site(unittest.TestCase):
         if cls.small_disk:
             lab.mount_small_disk()
             cls.addClassCleanup(lab.command, ["umount", "--lazy", lab.spool])
-        lab.start_slapd()
         lab.start_postfix()
         cls.outputs = {}
         for keeps, commands in documented_commands():
