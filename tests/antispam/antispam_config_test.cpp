@@ -1,5 +1,7 @@
 #include "antispam/antispam_config.h"
 
+#include <map>
+
 #include "tests/support/fixture.h"
 
 namespace dl::testing
@@ -84,59 +86,30 @@ TEST(AntiSpamConfig, HostActions)
     }
 }
 
-TEST(AntiSpamConfig, SpamActionOfTheDirectory)
+TEST(AntiSpamConfig, ActionsOfTheDirectory)
 {
-    const struct {
-        const char* value;
-        int action;  // of a list that files spam
-        const char* reason;
-    } rows[] = {{"ignore", kSpamIgnore, "before"},
-                {"IGNORED, really", kSpamIgnore, "before"},
-                {"Discard", kSpamDiscard, "before"},
-                {"bounce,no spam, please", kSpamBounce, "no spam, please"},
-
-                {"bounce,", kSpamBounce, ""},
-                {"bounce", kSpamFile, "before"},
-
-                {"file,junk", kSpamFile, "before"},
-                {" discard", kSpamFile, "before"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.value);
+    const std::map<std::string, int> actions = {{"ignore", kSpamIgnore},
+                                                {"discard", kSpamDiscard},
+                                                {"bounce", kSpamBounce},
+                                                {"file", kSpamFile}};
+    for (const auto& row : ReadTable("tables/spam.txt", "actions of a list")) {
+        SCOPED_TRACE(row.at(0));
         AntiSpamConfig config;
         config.SetKestruneAction(kSpamFile);
         ASSERT_TRUE(config.Set(Text::kXBounceReason, "before"));
-        config.ApplySpamAction(row.value);
-        EXPECT_EQ(config.KestruneAction(), row.action);
-        EXPECT_EQ(config.Get(Text::kXBounceReason), row.reason);
+        config.ApplySpamAction(row.at(0));
+        EXPECT_EQ(config.KestruneAction(), actions.at(row.at(1)));
+        EXPECT_EQ(config.Get(Text::kXBounceReason), row.at(2));
     }
-}
-
-TEST(AntiSpamConfig, HostActionOfTheDirectory)
-{
-    const std::string unset = "Please stop sending spam message to me.";
-    const struct {
-        const char* value;
-        bool has;
-        int action;
-        std::string reason;
-    } rows[] = {{"rbl,ignore", true, kSpamIgnore, unset},
-                {"RBL,Discard", true, kSpamDiscard, unset},
-
-                {"rbl,bounce,listed, sorry", true, kSpamBounce, "listed, sorry"},
-                {"rbl,bounce,", true, kSpamBounce, ""},
-                {"rbl,bounce", false, kSpamFile, unset},
-                {"rbl,file,junk", false, kSpamFile, unset},
-
-                {"rbl", false, kSpamFile, unset},
-                {"", false, kSpamFile, unset}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.value);
+    const std::string unset = AntiSpamConfig().Get(Text::kXBounceReason);
+    for (const auto& row : ReadTable("tables/spam.txt", "actions for a blacklist")) {
+        SCOPED_TRACE(row.at(0));
         AntiSpamConfig config;
         config.SetKestruneAction(kSpamFile);
-        config.ApplyHostAction(row.value);
-        EXPECT_EQ(config.HasHostAction("rbl"), row.has);
-        EXPECT_EQ(config.HostAction("rbl"), row.action);
-        EXPECT_EQ(config.HostBounceReason("rbl"), row.reason);
+        config.ApplyHostAction(row.at(0));
+        EXPECT_EQ(config.HasHostAction("rbl"), row.at(1) == "true");
+        EXPECT_EQ(config.HostAction("rbl"), actions.at(row.at(2)));
+        EXPECT_EQ(config.HostBounceReason("rbl"), row.at(3) == "unset" ? unset : row.at(3));
     }
 }
 
@@ -157,24 +130,8 @@ TEST(AntiSpamConfig, WhiteLists)
 
 TEST(AntiSpamConfig, AddressNumbers)
 {
-    const std::pair<const char*, std::uint32_t> rows[] = {{"0.0.0.0", 0},
-                                                          {"10.0.0.5", 0x0A000005},
-                                                          {"255.255.255.255", 0xFFFFFFFF},
-                                                          {"128.0.0.1", 0x80000001},
-                                                          {"010.0.0.1", 0x0A000001},
-                                                          {" 1. 2. 3. 4", 0x01020304},
-                                                          {"1.2.3.4 and more", 0x01020304},
-                                                          {"300.1.1.1", 0},
-                                                          {"1.1.1.256", 0},
-                                                          {"1.1.1.-1", 0},
-                                                          {"1.2.3", 0},
-                                                          {"1.2.3.", 0},
-                                                          {"1 .2.3.4", 0},
-                                                          {"99999999999999999999.0.0.1", 0},
-                                                          {"::1", 0},
-                                                          {"", 0}};
-    for (const auto& [text, number] : rows)
-        EXPECT_EQ(AddressNumber(text), number) << text;
+    for (const auto& row : ReadTable("tables/spam.txt", "numbers of addresses"))
+        EXPECT_EQ(AddressNumber(row.at(0)), std::stoul(row.at(1), nullptr, 16)) << row.at(0);
 }
 
 }  // namespace

@@ -34,29 +34,13 @@ TEST_F(BayesianSettings, Reading)
         "DllLocation=/l\nFunctionName=f\nCommandLine=c\nReturnCodeForHam=1\n"
         "ReturnCodeForSpam=0\nReturnCodeForUndetermined=2\n"
         "ReturnCodeForError=3\nAddHamMessageCommand=ah\n";
-    const struct {
-        const char* name;
-        std::string section;
-        const char* want;
-    } rows[] = {
-        {"nothing", "", "0,,,,,,,,15,,,,,off,delete,move"},
-        {"no type: no other key is read", kBoth + "TimeOut=3\nEnable=YES\n",
-         "0,,,,,,,,15,,,,,off,delete,move"},
-        {"library, small letters", "Type=dll\n" + kBoth, "1,/l,f,,,,,,15,ah,,,,off,delete,move"},
-        {"program", "Type=EXE\n" + kBoth, "2,,,c,1,0,2,3,15,ah,,,,off,delete,move"},
-
-        {"words in any case",
-         "Type=exe\nEnable=yes\nActionOnTrainedSpamMessage=MOVE\nActionOnTrainedHamMessage=DELETE\n"
-         "TimeOut=2\n",
-         "2,,,,,,,,2,,,,,on,move,delete"},
-        {"words that are none keep the defaults",
-         "Type=exe\nEnable=1\nActionOnTrainedSpamMessage=keep\nActionOnTrainedHamMessage=keep\n",
-         "2,,,,,,,,15,,,,,off,delete,move"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Write("conf/qvmta.ini", "[BayesianFilter]\n" + row.section);
-        EXPECT_EQ(Show(ReadBayesianSettings()), row.want);
+    for (const auto& row : ReadTable("tables/spam.txt", "settings of the classifier")) {
+        SCOPED_TRACE(row.at(0));
+        std::string section = row.at(1);
+        if (const std::size_t both = section.find("(both)"); both != std::string::npos)
+            section.replace(both, 6, kBoth);
+        Write("conf/qvmta.ini", "[BayesianFilter]\n" + section);
+        EXPECT_EQ(Show(ReadBayesianSettings()), row.at(2));
     }
     EXPECT_EQ(BayesianFilterSettings().pid_file, "/var/run/bayesianlearn.pid");
 }
@@ -91,59 +75,26 @@ TEST(BayesianCommandLine, Building)
 {
     const Placeholders all =
         ClassificationPlaceholders("an na@b", "list@c", "/m/.bayesian", "/q/1.msg", "/tmp/o");
-    const struct {
-        const char *name, *setting;
-        const char* want;  // words in brackets, "|" before them; "-": cannot be built
-    } rows[] = {
-        {"all letters", "/bin/c %F %f %R %r %B %b %O %o %M",
-         "[/bin/c][an na@b][an na@b][list@c][list@c][/m/.bayesian][/m/.bayesian][/tmp/o][/tmp/o]"
-         "[/q/1.msg]"},
-
-        {"blanks behind the bar and between words", "|  /bin/c   -d  %B ",
-         "|[/bin/c][-d][/m/.bayesian]"},
-        {"within a word", "/bin/c --db=%B:%R", "[/bin/c][--db=/m/.bayesian:list@c]"},
-        {"other percents", "/bin/c %x 5% %% %%F %", "[/bin/c][%x][5%][%%][%an na@b][%]"},
-
-        {"nothing", "", "-"},
-        {"only a bar", "| ", "-"},
-        {"a shell's characters", "/bin/c ;ls $(x) 'a", "[/bin/c][;ls][$(x)]['a]"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const auto command = BuildCommandLine(row.setting, all);
-        std::string got = "-";
+    for (const auto& row : ReadTable("tables/spam.txt", "command lines")) {
+        SCOPED_TRACE(row.at(0));
+        const auto command = BuildCommandLine(row.at(1), all);
+        std::string got = "none";
         if (command) {
             got = command->feeds_message ? "|" : "";
             for (const std::string& word : command->words)
                 got += "[" + word + "]";
         }
-        EXPECT_EQ(got, row.want);
+        EXPECT_EQ(got, row.at(2));
     }
 }
 
 TEST(BayesianCommandLine, ValuesFromMail)
 {
-    const struct {
-        const char *name, *setting;
-        std::string sender;
-        const char* want;  // the logged text; "-": cannot be built
-    } rows[] = {
-        {"words stay one", "/bin/c %F x", "\"a -x /etc/passwd\"@b",
-         "/bin/c \"a -x /etc/passwd\"@b x"},
-        {"no placeholder within", "/bin/c %F", "%M@b", "/bin/c %M@b"},
-        {"blanks as they are set", "| /bin/c  -s %F ", "a@b", "| /bin/c  -s a@b "},
-        {"an option", "/bin/c %F", "-o/etc/passwd@b", "-"},
-
-        {"line break", "/bin/c %F", "a\nb@c", "-"},
-        {"NUL", "/bin/c %F", std::string("a\0b@c", 5), "-"},
-        {"not asked for", "/bin/c", "-o@b", "/bin/c"},
-
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : ReadTable("tables/spam.txt", "values from mail")) {
+        SCOPED_TRACE(row.at(0));
         const auto command =
-            BuildCommandLine(row.setting, ClassificationPlaceholders(row.sender, "", "", "", ""));
-        EXPECT_EQ(command ? command->text : "-", row.want);
+            BuildCommandLine(row.at(1), ClassificationPlaceholders(row.at(2), "", "", "", ""));
+        EXPECT_EQ(command ? command->text : "none", row.at(3));
     }
 }
 

@@ -3,12 +3,11 @@
 #include "antispam/file_message.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <functional>
 
 #include "tests/antispam/mailbox_fixture.h"
+#include "tests/support/child.h"
 #include "tests/support/failing_files.h"
 
 namespace dl::testing
@@ -105,42 +104,36 @@ TEST_F(FileMessageTest, AFailingStepLeavesNothing)
 {
     const std::string kNested =
         "Content-Type: message/rfc822\r\nMime-Version: 1.0\r\n\r\nSubject: inner\r\n\r\nx\r\n";
-    const auto fail_on = [](const char* event, const char* table) {
-        return std::string("CREATE TRIGGER t BEFORE ") + event + " ON " + table +
-               " BEGIN SELECT RAISE(ABORT, 'no'); END";
+    using Deed = std::function<void()>;
+    const auto sql = [this](const char* file, const std::string& command) -> Deed {
+        return [=, this] { Sql(file, command); };
     };
-    using Break = std::function<void()>;
+    const auto fail_on = [&](const char* file, const std::string& event) {
+        return sql(file,
+                   "CREATE TRIGGER t BEFORE " + event + " BEGIN SELECT RAISE(ABORT, 'no'); END");
+    };
+    const auto mend = [&](const char* file) { return sql(file, "DROP TRIGGER t"); };
     const struct {
         const char* name;
-        Break break_it;
-        const char* path;  // of the message; null: a good one
-        int number;
-        Break mend;
+        Deed break_it, mend;
+        int number = -9;
+        const char* path = nullptr;  // of the message; null: a good one
     } rows[] = {
-        {"message missing", [] {}, "missing.msg", -4, [] {}},
-        {"message is a folder", [] {}, "template", -4, [] {}},
-        {"no statistics of the folder",
-         [&] { Sql("mailbox.db", "UPDATE mailbox SET folder = 'x'"); }, nullptr, -8,
-         [&] { Sql("mailbox.db", "UPDATE mailbox SET folder = 'spam'"); }},
-        {"statistics record", [&] { Sql("spam/msgstat.db", fail_on("INSERT", "msgstat")); },
-         nullptr, -9, [&] { Sql("spam/msgstat.db", "DROP TRIGGER t"); }},
-        {"envelope", [&] { Sql("spam/msgenv.db", fail_on("INSERT", "msgenv")); }, nullptr, -9,
-         [&] { Sql("spam/msgenv.db", "DROP TRIGGER t"); }},
-        {"body", [&] { Sql("spam/msgbody.db", fail_on("INSERT", "msgbody")); }, nullptr, -9,
-         [&] { Sql("spam/msgbody.db", "DROP TRIGGER t"); }},
-        {"inner envelope",
-         [&] {
-             Sql("spam/msgenv.db",
-                 "CREATE TRIGGER t BEFORE INSERT ON msgenv WHEN NEW.number > 0 BEGIN"
-                 " SELECT RAISE(ABORT, 'no'); END");
-         },
-         nullptr, -9, [&] { Sql("spam/msgenv.db", "DROP TRIGGER t"); }},
-        {"counters", [&] { Sql("mailbox.db", fail_on("UPDATE", "mailbox")); }, nullptr, -9,
-         [&] { Sql("mailbox.db", "DROP TRIGGER t"); }},
+        {"message missing", [] {}, [] {}, -4, "missing.msg"},
+        {"message is a folder", [] {}, [] {}, -4, "template"},
+        {"no statistics of the folder", sql("mailbox.db", "UPDATE mailbox SET folder = 'x'"),
+         sql("mailbox.db", "UPDATE mailbox SET folder = 'spam'"), -8},
+        {"statistics record", fail_on("spam/msgstat.db", "INSERT ON msgstat"),
+         mend("spam/msgstat.db")},
+        {"envelope", fail_on("spam/msgenv.db", "INSERT ON msgenv"), mend("spam/msgenv.db")},
+        {"body", fail_on("spam/msgbody.db", "INSERT ON msgbody"), mend("spam/msgbody.db")},
+        {"inner envelope", fail_on("spam/msgenv.db", "INSERT ON msgenv WHEN NEW.number > 0"),
+         mend("spam/msgenv.db")},
+        {"counters", fail_on("mailbox.db", "UPDATE ON mailbox"), mend("mailbox.db")},
         {"a database file is gone", [&] { fs::rename(Path("mbx/spam/msgenv.db"), Path("away")); },
-         nullptr, -9, [&] { fs::rename(Path("away"), Path("mbx/spam/msgenv.db")); }},
-        {"a folder in the file's place", [&] { fs::create_directory(Path("mbx/spam/1")); }, nullptr,
-         -9, [&] { fs::remove(Path("mbx/spam/1")); }},
+         [&] { fs::rename(Path("away"), Path("mbx/spam/msgenv.db")); }},
+        {"a folder in the file's place", [&] { fs::create_directory(Path("mbx/spam/1")); },
+         [&] { fs::remove(Path("mbx/spam/1")); }},
     };
     ASSERT_TRUE(File(kNested, "spam"));
     const std::string before = Folder("spam");
@@ -226,21 +219,16 @@ TEST_F(FileMessageTest, WhatACrashLeftIsNoObstacle)
 TEST_F(FileMessageTest, ProcessesFileAtOnceWithoutLosingAny)
 {
     Write("in.msg", kMessage);
-    pid_t children[3];
-    for (pid_t& child : children) {
-        child = fork();
-        if (child == 0) {
-            bool all = true;
-            for (int i = 0; i < 10; ++i)
-                all = FileMessage(Path("mbx"), Path("in.msg"), "a/b") && all;
-            _exit(all ? 0 : 1);
-        }
-    }
-    for (const pid_t child : children) {
-        int status = -1;
-        EXPECT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0);
-    }
+    const auto file_ten = [&] {
+        int failed = 0;
+        for (int i = 0; i < 10; ++i)
+            failed += FileMessage(Path("mbx"), Path("in.msg"), "a/b") ? 0 : 1;
+        return failed;
+    };
+    const pid_t children[] = {InBackground(file_ten), InBackground(file_ten),
+                              InBackground(file_ten)};
+    for (const pid_t child : children)
+        EXPECT_EQ(StatusOf(child), 0);
     EXPECT_EQ(Folder("a/b").substr(0, 40), "flags 5, counters 30 30 30, next 30; 0 s");
     for (int uid = 0; uid < 30; ++uid)
         EXPECT_TRUE(fs::exists(Path("mbx/a/b/" + std::to_string(uid)))) << uid;

@@ -4,7 +4,6 @@
 #include <sqlite3.h>
 
 #include <filesystem>
-#include <set>
 #include <string>
 
 #include "antispam/file_message.h"
@@ -67,15 +66,10 @@ class MailboxFixture : public Fixture
                         (has_env ? " env" : "") + (has_inner ? " inner" : "") + " parts " +
                         std::to_string(parts);
         }
-        std::set<std::string> files;
-        for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-            const std::string name = entry.path().filename();
-            if (name.rfind("msg", 0) != 0)
-                files.insert(name);
-        }
         text += "; files";
-        for (const std::string& name : files)
-            text += " " + name;
+        for (const std::string& name : FileNames(directory))
+            if (!name.starts_with("msg"))
+                text += " " + name;
         return text;
     }
 };

@@ -9,6 +9,7 @@
 
 #include <filesystem>
 
+#include "tests/support/child.h"
 #include "tests/support/fixture.h"
 
 namespace dl::testing
@@ -31,14 +32,7 @@ class RunCommandTest : public Fixture
         const auto command = BuildCommandLine(setting, {{'M', Write("in.msg", message)}});
         return command ? RunCommand(*command, Path("in.msg")) : -100;
     }
-    static std::size_t OpenFiles()
-    {
-        std::size_t count = 0;
-        for ([[maybe_unused]] const auto& entry :
-             std::filesystem::directory_iterator("/proc/self/fd"))
-            ++count;
-        return count;
-    }
+    static std::size_t OpenFiles() { return FileNames("/proc/self/fd").size(); }
 };
 
 TEST_F(RunCommandTest, ExitCodes)
@@ -117,15 +111,12 @@ TEST_F(RunCommandTest, SignalsOfTheCallerStayAsTheyWere)
 TEST_F(RunCommandTest, WithoutStandardDescriptors)
 {
     const std::string setting = "|" + Script("[ $(wc -c) = 300000 ] && exit 7");
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto run = [&] {
         for (const int fd : {0, 1, 2})
             close(fd);
-        _exit(Run(setting, std::string(300'000, 'x')));
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(WEXITSTATUS(status), 7);
+        return Run(setting, std::string(300'000, 'x'));
+    };
+    EXPECT_EQ(InChild(run), 7);
 }
 
 TEST_F(RunCommandTest, AThousandRunsLeaveNothingBehind)

@@ -18,42 +18,12 @@ class SpamMarksTest : public SpamFixture
 
 TEST_F(SpamMarksTest, AreReadFromTheHeaderOnly)
 {
-    const struct {
-        const char* name;
-        std::string message;
-        bool marked;
-        const char* blacklists = "-";  // "-": none
-        const char* marker = "";
-    } rows[] = {
-
-        {"status", "X-Spam-Status: YES\r\n\r\n", true},
-        {"status with scores, any case", "x-spam-status: yes, score=9.1\r\n\r\n", true},
-        {"status no", "X-Spam-Status: No, score=1\r\n\r\n", false},
-        {"status without the blank", "X-Spam-Status:YES\r\n\r\n", false},
-        {"in the body", "From: a\r\n\r\nX-Spam-Status: YES\r\nX-kvtbl: a/1.2.3.4\r\n", false},
-        {"a bare line feed does not end the header", "From: a\r\n\nX-Spam-Status: YES\r\n\r\n",
-         true},
-
-        {"one line end goes", "X-kvtbl: a/1.2.3.4\r\r\n\r\n", false, "a/1.2.3.4\r"},
-        {"LF alone", "X-kvtbl: a/1.2.3.4\nA: b\r\n\r\n", false, "a/1.2.3.4"},
-
-        {"the last one holds", "X-kvtbl: a/1.2.3.4\r\nX-kvtbl: b/5.6.7.8\r\n\r\n", false,
-         "b/5.6.7.8"},
-
-        {"subject", "subject: [SPAM] hi\r\n\r\n", true, "-", "[SPAM]"},
-        {"subject without the blank", "Subject:[SPAM]\r\n\r\n", true, "-", "[SPAM]"},
-        {"subject, other case", "Subject: [spam] hi\r\n\r\n", false, "-", "[SPAM]"},
-
-        {"another header", "X-Subject: [SPAM]\r\n\r\n", false, "-", "[SPAM]"},
-
-        {"NUL bytes", std::string("A: \0b\r\nX-Spam-Status: YES\r\n\r\n", 28), true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const SpamMarks marks = ReadSpamMarks(Write("m.msg", row.message), row.marker);
+    for (const auto& row : ReadTable("tables/spam.txt", "marks in a message")) {
+        SCOPED_TRACE(row.at(0));
+        const SpamMarks marks = ReadSpamMarks(Write("m.msg", row.at(1)), row.at(4));
         EXPECT_TRUE(marks.readable);
-        EXPECT_EQ(marks.marked, row.marked);
-        EXPECT_EQ(marks.blacklists.value_or("-"), row.blacklists);
+        EXPECT_EQ(marks.marked, row.at(2) == "true");
+        EXPECT_EQ(marks.blacklists.value_or("none"), row.at(3));
     }
     EXPECT_FALSE(ReadSpamMarks(Path("missing.msg"), "").readable);
     EXPECT_FALSE(ReadSpamMarks(Path(""), "").readable) << "a folder";
@@ -61,23 +31,10 @@ TEST_F(SpamMarksTest, AreReadFromTheHeaderOnly)
 
 TEST_F(SpamMarksTest, TheMarkerOfTheSubject)
 {
-    const struct {
-        const char *name, *keys, *want;
-    } rows[] = {
-        {"none", "", ""},
-        {"global", "Action-global = ChangeSubject,*SPAM*", "*SPAM*"},
-        {"ours before the global one",
-         "Action-global = ChangeSubject,a\nAction-DL = changesubject,b", "b"},
-        {"ours says something else", "Action-global = ChangeSubject,a\nAction-DL = Discard", ""},
-        {"ours is empty", "Action-global = ChangeSubject,a\nAction-DL =", "a"},
-        {"no comma", "Action-DL = ChangeSubject", ""},
-
-        {"all after the first comma", "Action-DL = ChangeSubject,a,b", "a,b"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Gateway(std::string("[SpamAssassin]\n") + row.keys + "\n");
-        EXPECT_EQ(SubjectMarker("DL"), row.want);
+    for (const auto& row : ReadTable("tables/spam.txt", "markers of a subject")) {
+        SCOPED_TRACE(row.at(0));
+        Gateway("[SpamAssassin]\n" + row.at(1) + "\n");
+        EXPECT_EQ(SubjectMarker("DL"), row.at(2));
     }
 }
 
@@ -168,33 +125,6 @@ TEST_F(SpamCheckerTest, SaysWhatItSaw)
     EXPECT_EQ(Check("X-Spam-Status: YES\r\nX-kvtbl: a/1.2.3.4\r\n\r\n"), 2);
     EXPECT_TRUE(log.Has(5, path + " was marked as spam message by SpamAssassin plugin"));
     EXPECT_TRUE(log.Has(5, "Detected x-kvtbl header (a/1.2.3.4) in message file " + path));
-}
-
-TEST_F(SpamCheckerTest, EachReasonReachesItsBounce)
-{
-    Records({"bounced.example,P,I,DL:B"});
-    settings.SetKestruneAction(kSpamBounce);
-    (void)settings.SetHostAction("own.example", kSpamBounce, "Listed by own.example.");
-    const struct {
-        const char *message, *reason;
-    } rows[] = {
-        {kMarked, "Please stop sending spam message to me."},
-        {"X-kvtbl: bounced.example/1.2.3.4\r\n\r\n", "Please stop sending spam message to me."},
-        {"X-kvtbl: own.example/1.2.3.4\r\n\r\n", "Listed by own.example."},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.message);
-        EXPECT_EQ(Check(row.message), 6);
-        std::vector<QueueItem> items;
-        ASSERT_TRUE(ListMQ("dlout", 0, &items));
-        ASSERT_EQ(items.size(), 1U);
-        const std::string report = ReadFile(GetMQPathName(items[0].id, ".msg"));
-        EXPECT_NE(report.find(std::string("\r\n\t") + row.reason + "\r\n"), std::string::npos);
-        EXPECT_NE(report.find("Final-Recipient: rfc822;garden@lists.example.org\r\n"),
-                  std::string::npos);
-        EXPECT_EQ(items[0].sender, "<>");
-        EXPECT_EQ(RemoveMQItem(items[0].id), QueueChange::kDone);
-    }
 }
 
 }  // namespace

@@ -45,12 +45,8 @@ class Digest : public FaultSite
     // Names in the digest folder.
     [[nodiscard]] std::string Folder(const std::string& list = kGarden) const
     {
-        std::set<std::string> names;
-        for (const auto& entry :
-             std::filesystem::directory_iterator(Path("data/" + list + "/digest")))
-            names.insert(entry.path().filename());
         std::string all;
-        for (const std::string& name : names)
+        for (const std::string& name : FileNames(Path("data/" + list + "/digest")))
             all += name + " ";
         return all;
     }

@@ -39,15 +39,10 @@ class FolderCopies : public FaultSite
     {
         std::string text;
         for (const char* folder : {"digest", "archive"}) {
-            std::set<std::string> names;
-            std::error_code missing;
-            for (const auto& entry : fs::directory_iterator(Of(list, folder), missing))
-                if (entry.path().filename().string().rfind("index.db", 0) != 0 &&
-                    entry.path().extension() != ".dt")
-                    names.insert(entry.path().filename().string());
             text += std::string(text.empty() ? "" : " ") + folder + ":";
-            for (const std::string& name : names)
-                text += " " + name;
+            for (const std::string& name : FileNames(Of(list, folder)))
+                if (!name.starts_with("index.db") && !name.ends_with(".dt"))
+                    text += " " + name;
         }
         return text;
     }

@@ -135,27 +135,13 @@ class DigestSeed : public Load
 // The clock stands at Tuesday, 2004-11-09 11:33:20 UTC.
 TEST_F(DigestSeed, IsTheFirstMoment)
 {
-    constexpr char kBerlin[] = "CET-1CEST,M3.5.0,M10.5.0/3";
-    const struct {
-        const char *name, *zone, *attributes, *content;
-    } rows[] = {
-        {"midnight today", "UTC0", "", "1099958400"},
-        {"daily, later today", "UTC0", "DigestDeliverTime: 12:30\n", "1100003400"},
-        {"daily, local time", kBerlin, "DigestDeliverTime: 12:30\n", "1099999800"},
-        {"weekly, Tuesday", "UTC0", "frequency: weekly\nwhichday: 2\n", "1099958400"},
-        {"weekly, Monday", "UTC0", "frequency: weekly\nwhichday: 1\n", "1100476800"},
-        {"weekly, Sunday", "UTC0", "frequency: weekly\nwhichday: 7\n", "1100390400"},
-        {"monthly, day after clamping", "UTC0", "frequency: monthly\nwhichday: 40\n", "1101772800"},
-        {"monthly, earlier", "UTC0", "frequency: monthly\nwhichday: 1\nDigestDeliverTime: 6:00\n",
-         "1099288800"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        SetZone(row.zone);
+    for (const auto& row : ReadTable("tables/directory.txt", "first digests")) {
+        SCOPED_TRACE(row.at(0));
+        SetZone(row.at(1));
         std::filesystem::remove(file_);
-        Directory(List(kList, row.attributes));
+        Directory(List(kList, row.at(2)));
         (void)Loaded();
-        EXPECT_EQ(ReadFile(file_), row.content);
+        EXPECT_EQ(ReadFile(file_), row.at(3));
     }
 }
 

@@ -17,31 +17,18 @@ class MembersOfLists : public ListsFixture
 
 TEST_F(MembersOfLists, ValuesBecomeMembers)
 {
-    const struct {
-        const char *name, *value, *immediate, *digest, *blocked;
-    } rows[] = {
-        {"immediate", "Immediate;a@b.org", "a@b.org ", "", ""},
-
-        {"digest, blocked", "Digest;Blocked;a@b.org", "", "a@b.org ", "a@b.org"},
-        {"any case", "iMMEDIATE;bLOCKED;A@B.org", "A@B.org ", "", "a@b.org"},
-        {"as it stands", "Digest;Blocked; Ann <a@b.org>", "", " Ann <a@b.org> ", " Ann <a@b.org>"},
-        {"blocked twice", "Digest;Blocked;Blocked;a@b.org", "", "Blocked;a@b.org ",
-         "Blocked;a@b.org"},
-
-        {"neither", "Weekly;a@b.org", "", "", ""},
-
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Directory(List(kTeam, "listmember: " + std::string(row.value) + "\n"));
+    for (const auto& row : ReadTable("tables/directory.txt", "member values")) {
+        SCOPED_TRACE(row.at(0));
+        const std::string &immediate = row.at(2), &digest = row.at(3), &blocked = row.at(4);
+        Directory(List(kTeam, "listmember: " + row.at(1) + "\n"));
         ASSERT_TRUE(cache.InitCache());
-        EXPECT_EQ(Members(&cache, kTeam, "Immediate"), row.immediate);
-        EXPECT_EQ(Members(&cache, kTeam, "Digest"), row.digest);
-        EXPECT_EQ(cache.HasMember(kTeam, "immediate"), *row.immediate != '\0');
-        EXPECT_EQ(cache.HasMember(kTeam, "DIGEST"), *row.digest != '\0');
-        EXPECT_EQ(cache.IsMemberBlocked("TEAM@example.org", row.blocked), *row.blocked != '\0');
+        EXPECT_EQ(Members(&cache, kTeam, "Immediate"), immediate);
+        EXPECT_EQ(Members(&cache, kTeam, "Digest"), digest);
+        EXPECT_EQ(cache.HasMember(kTeam, "immediate"), !immediate.empty());
+        EXPECT_EQ(cache.HasMember(kTeam, "DIGEST"), !digest.empty());
+        EXPECT_EQ(cache.IsMemberBlocked("TEAM@example.org", blocked), !blocked.empty());
         EXPECT_FALSE(cache.IsMemberBlocked(kTeam, "a@b.or"));
-        EXPECT_FALSE(cache.IsMemberBlocked("other@example.org", row.blocked));
+        EXPECT_FALSE(cache.IsMemberBlocked("other@example.org", blocked));
         for (const char* mode : {"", "Immediat", "Both"}) {
             EXPECT_EQ(cache.GetFirstMember(kTeam, mode), nullptr);
             EXPECT_EQ(cache.GetNextMember(kTeam, mode), nullptr);

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <climits>
 #include <functional>
 #include <thread>
 
@@ -61,68 +60,21 @@ TEST_F(Config, CutsAtTheBufferSize)
 
 TEST_F(Config, ReadsNumbers)
 {
-    const struct {
-        const char* value;
-        int want;
-    } rows[] = {{"15", 15},
-                {"+7", 7},
-                {"-", 0},
-                {"--4", 0},
-                {"1.9", 1},
-                {"", 0},
-                {"abc", 0},
-                {"-3", -3},
-                {" 12x", 12},
-
-                {"0x10", 0},
-
-                {"2147483647", INT_MAX},
-
-                {"-2147483648", INT_MIN},
-                {"2147483648", INT_MAX},
-                {"-2147483649", INT_MIN},
-                {"99999999999999999999999999", INT_MAX},
-                {"-99999999999999999999999999", INT_MIN}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.value);
-        Configure("[A]\nk = " + std::string(row.value) + "\n");
-        EXPECT_EQ(GetPrivateProfileInt("A", "k", 99, kMainConfig), row.want);
+    for (const auto& row : ReadTable("tables/platform.txt", "numbers")) {
+        SCOPED_TRACE(row.at(0));
+        Configure("[A]\nk = " + row.at(0) + "\n");
+        EXPECT_EQ(GetPrivateProfileInt("A", "k", 99, kMainConfig), std::stoi(row.at(1)));
     }
     EXPECT_EQ(GetPrivateProfileInt("A", "none", -99, kMainConfig), -99);
 }
 
 TEST_F(Config, ChangesOneLineAndLeavesEveryOtherByte)
 {
-    const std::string nul(1, '\0');
-    const struct {
-        const char* name;
-        std::string before;
-        std::string want;  // after [Mail] Host = new
-    } rows[] = {
-        {"replaced", "# top\n\n[Mail]\n  Host\t=  old  \nZ=1\n",
-         "# top\n\n[Mail]\n  Host\t=  new  \nZ=1\n"},
-        {"replaced, CRLF", "[mail]\r\nhost=old\r\nZ=1\r\n", "[mail]\r\nhost=new\r\nZ=1\r\n"},
-
-        {"replaced, empty", "[Mail]\nHost =\nZ=1\n", "[Mail]\nHost =new\nZ=1\n"},
-        {"replaced, byte order mark", "\xEF\xBB\xBF[Mail]\nHost=old\n",
-         "\xEF\xBB\xBF[Mail]\nHost=new\n"},
-        {"the one that holds", "[Mail]\nHost=1\nHost=2\n[X]\nHost=3\n",
-         "[Mail]\nHost=1\nHost=new\n[X]\nHost=3\n"},
-        {"added to its section", "[Mail]\nA=1\n\n# about X\n[X]\nHost=3\n",
-         "[Mail]\nA=1\nHost = new\n\n# about X\n[X]\nHost=3\n"},
-        {"added, CRLF and no line end", "[X]\r\n[Mail]\r\nA=1",
-         "[X]\r\n[Mail]\r\nA=1\r\nHost = new\r\n"},
-        {"added to an empty section", "[Mail]\n#Host = old\n", "[Mail]\nHost = new\n#Host = old\n"},
-        {"section added", "[X]\nA=1", "[X]\nA=1\n\n[Mail]\nHost = new\n"},
-
-        {"broken section", "[Mail]\nA=1\n[B\nHost=2\n", "[Mail]\nA=1\nHost = new\n[B\nHost=2\n"},
-        {"NUL elsewhere", "[Mail]\nA=" + nul + "\nHost=2\n", "[Mail]\nA=" + nul + "\nHost=new\n"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Configure(row.before);
+    for (const auto& row : ReadTable("tables/platform.txt", "changed files")) {
+        SCOPED_TRACE(row.at(0));
+        Configure(row.at(1));
         EXPECT_TRUE(Put("Mail", "Host", "new"));
-        EXPECT_EQ(Text(), row.want);
+        EXPECT_EQ(Text(), row.at(2));
         EXPECT_EQ(Get("mail", "host"), "new");
     }
 }

@@ -1,8 +1,5 @@
 // Counts that outlive the program, and files that are none.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -10,6 +7,7 @@
 
 #include "platform/log/log.h"
 #include "platform/metrics/metrics.h"
+#include "tests/support/child.h"
 #include "tests/support/fixture.h"
 
 namespace dl::testing
@@ -38,16 +36,13 @@ TEST_F(Metrics, CountsSurviveARestartAndAKill)
     Count(Metric::kPostings);
     MarkStart();
     CloseMetrics();
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto count_and_die = [&] {
         (void)OpenMetrics(folder, "dlmanager");
         Count(Metric::kPostings, 10);
         LogMessage(1, "DL", "it broke\r\n0 forged");
-        (void)raise(SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status));
+        return raise(SIGKILL);
+    };
+    EXPECT_EQ(InChild(count_and_die), -SIGKILL);
     const MetricsSnapshot seen = Read();
     EXPECT_EQ(seen[Metric::kPostings], 13);
     EXPECT_EQ(seen[Metric::kStartedAt], clock.now);

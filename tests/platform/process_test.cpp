@@ -4,15 +4,16 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "platform/process/user.h"
+#include "tests/support/child.h"
 #include "tests/support/fixture.h"
 
 namespace dl::testing
@@ -30,22 +31,21 @@ int Handle(int signal)
 
 // A child that runs `before`, says so, waits for a byte or its end of life, and runs `after`.
 // Bounded by alarm().
-class Child
+class Held
 {
  public:
     template <typename Before, typename After>
-    Child(Before before, After after)
+    Held(Before before, After after)
     {
         int up[2];
         int down[2];
         EXPECT_EQ(pipe(up), 0);
         EXPECT_EQ(pipe(down), 0);
-        pid = fork();
-        if (pid == 0) {
+        pid = InBackground([&] {
             alarm(30);
             close(up[0]);
             close(down[1]);
-            char result = static_cast<char>(before());
+            const char result = static_cast<char>(before());
             (void)!write(up[1], &result, 1);
             char go = 0;
             // poll, which ends at a signal: the thread sanitizer runs no handler within a read.
@@ -53,8 +53,8 @@ class Child
             while (poll(&wait, 1, -1) < 0 && errno == EINTR) {
             }
             (void)!read(down[0], &go, 1);
-            _exit(after());
-        }
+            return after();
+        });
         close(up[1]);
         close(down[0]);
         out_ = up[0];
@@ -63,7 +63,7 @@ class Child
         EXPECT_EQ(read(out_, &result, 1), 1);
         first = result;
     }
-    ~Child()
+    ~Held()
     {
         if (pid > 0)
             (void)Kill();
@@ -80,14 +80,7 @@ class Child
         kill(pid, SIGKILL);
         return Wait();
     }
-    int Wait()
-    {
-        int status = 0;
-        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid = 0;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-    }
+    int Wait() { return StatusOf(std::exchange(pid, 0)); }
 
     pid_t pid = 0;
     int first = 0;
@@ -150,14 +143,14 @@ TEST_F(Process, SignalsReachTheHandlerAndThenTheDefaults)
     }
     EXPECT_EQ(ProcessStatus("dl"), "Running");
     RemoveProcessInfo("dl");
-    Child child([] { return Init() == kDone && Remove() == 0; }, [] { return raise(SIGTERM); });
+    Held child([] { return Init() == kDone && Remove() == 0; }, [] { return raise(SIGTERM); });
     EXPECT_EQ(child.first, 1);
     EXPECT_EQ(child.Finish(), -SIGTERM);
 }
 
 TEST_F(Process, ASecondStartIsRefusedWhileTheFirstLives)
 {
-    Child first(Init, Remove);
+    Held first(Init, Remove);
     ASSERT_EQ(first.first, kDone);
     const ProcessInfo second = InitProcessInfo("dl", Handle);
     EXPECT_EQ(second.result, Registration::kAlreadyRunning);
@@ -181,7 +174,7 @@ TEST_F(Process, ASecondStartIsRefusedWhileTheFirstLives)
 TEST_F(Process, TakesOverFromTheDead)
 {
     {
-        Child first([] { return Init() + WriteProcessStatus("dl", "Running"); }, Remove);
+        Held first([] { return Init() + WriteProcessStatus("dl", "Running"); }, Remove);
         ASSERT_EQ(first.first, kDone);
         first.Kill();
     }
@@ -201,20 +194,20 @@ TEST_F(Process, AChildHasNoPartInItsParentsClaim)
 {
     ASSERT_EQ(Init(), kDone);
     const long parent = getpid();
-    Child child([&] { return RunningProcess("dl") == parent; }, Remove);
+    Held child([&] { return RunningProcess("dl") == parent; }, Remove);
     EXPECT_EQ(child.first, 1);
     EXPECT_EQ(child.Finish(), 0);
     EXPECT_TRUE(std::filesystem::exists(pid_file));
-    Child second(Init, Remove);
+    Held second(Init, Remove);
     EXPECT_EQ(second.first, static_cast<int>(Registration::kAlreadyRunning));
 }
 
 TEST_F(Process, OneOfManyStartsWins)
 {
     for (int round = 0; round < 5; ++round) {
-        std::vector<std::unique_ptr<Child>> children;
+        std::vector<std::unique_ptr<Held>> children;
         for (int i = 0; i < 8; ++i)
-            children.push_back(std::make_unique<Child>(Init, Remove));
+            children.push_back(std::make_unique<Held>(Init, Remove));
         int done = 0;
         for (const auto& child : children)
             done += child->first == kDone ? 1 : 0;
@@ -225,30 +218,25 @@ TEST_F(Process, OneOfManyStartsWins)
     // And with ends among the starts, nobody ever shares the name.
     Write("owners", "");
     const std::string owners = Path("owners");
-    std::vector<pid_t> pids;
-    for (int i = 0; i < 6; ++i) {
-        const pid_t pid = fork();
-        if (pid == 0) {
-            alarm(30);
-            for (int n = 0; n < 200; ++n) {
-                if (Init() != kDone)
-                    continue;
-                const int file = open((owners + ".one").c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
-                if (file < 0)
-                    _exit(1);
-                close(file);
-                unlink((owners + ".one").c_str());
-                (void)Remove();
-            }
-            _exit(0);
+    const auto come_and_go = [one = owners + ".one"] {
+        alarm(30);
+        for (int n = 0; n < 200; ++n) {
+            if (Init() != kDone)
+                continue;
+            const int file = open(one.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0600);
+            if (file < 0)
+                return 1;
+            close(file);
+            unlink(one.c_str());
+            (void)Remove();
         }
-        pids.push_back(pid);
-    }
-    for (const pid_t pid : pids) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
+        return 0;
+    };
+    std::vector<pid_t> pids;
+    for (int i = 0; i < 6; ++i)
+        pids.push_back(InBackground(come_and_go));
+    for (const pid_t pid : pids)
+        EXPECT_EQ(StatusOf(pid), 0);
 }
 
 TEST_F(Process, SaysWhyItCannotRegister)
@@ -315,8 +303,7 @@ TEST_F(Process, BecomesTheOwnerOfAFolderForGood)
     std::filesystem::create_directories(Path("theirs"));
     std::filesystem::create_directories(Path("ours"));
     ASSERT_EQ(chown(Path("theirs").c_str(), kNobody, kNobody), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    const auto become = [&] {
         std::string error;
         int failed = 0;
         failed |= BecomeOwnerOf(Path("none"), &error) && geteuid() == 0 ? 0 : 1;
@@ -326,11 +313,9 @@ TEST_F(Process, BecomesTheOwnerOfAFolderForGood)
         const int count = getgroups(8, groups);
         failed |= count == 1 && groups[0] == kNobody && getegid() == kNobody ? 0 : 8;
         failed |= setuid(0) != 0 && open("/etc/shadow", O_RDONLY | O_CLOEXEC) < 0 ? 0 : 16;
-        _exit(failed);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0) << "bits of what failed, times 256";
+        return failed;
+    };
+    EXPECT_EQ(InChild(become), 0) << "bits of what failed";
 }
 
 }  // namespace

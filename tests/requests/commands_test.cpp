@@ -2,6 +2,7 @@
 
 #include "requests/commands.h"
 
+#include "platform/log/format.h"
 #include "platform/mime/mime.h"
 #include "requests/body_text.h"
 #include "requests/confirmations.h"
@@ -27,28 +28,8 @@ std::string Say(const RequestCommand& command)
 
 TEST(CommandLine, IsReadByItsBeginning)
 {
-    const std::pair<std::string, const char*> rows[] = {
-        {"subscribe\r\n", "subscribe"},
-
-        {"subscribers wanted\r\n", "subscribe"},
-        {"   \t\v\f SUBSCRIBE Digest\r\n", "subscribe digest"},
-        {"subscribe nodigest\r\n", "subscribe digest"},
-
-        {"Unsubscribe me please, no digest\r\n", "unsubscribe"},
-
-        {"Archive Registration (0000ABCD) digest\r\n", "archive"},
-        {"archive  registration\r\n", "unknown"},
-        {"\r\n", "unsubscribe"},
-
-        {"", "unsubscribe"},
-        {"digest\r\n", "unknown"},
-
-        {"> subscribe\r\n", "unknown"},
-
-        {"subscrib\r\n", "unknown"},
-        {"\xef\xbb\xbfsubscribe\r\n", "unknown"}};
-    for (const auto& [line, want] : rows)
-        EXPECT_EQ(Say(ParseCommandLine(line)), want) << line;
+    for (const auto& row : ReadTable("tables/requests.txt", "command lines"))
+        EXPECT_EQ(Say(ParseCommandLine(row.at(0))), row.at(1)) << row.at(0);
 }
 
 class Body : public Site
@@ -105,31 +86,12 @@ TEST_F(Body, GivesTheCommandOfItsFirstLine)
 
 TEST_F(Body, GivesTheIdentifierOfARegistration)
 {
-    const std::string kReg = "archive registration";
-    const std::pair<std::string, long> rows[] = {
-        // -1: none is found
-        {kReg + " (0000ABCD)\r\n", 0xABCD},
-        {"  ARCHIVE Registration (ffffFFFF)\r\n", 0xFFFFFFFF},
-        {kReg + " (0000ABCD)", 0xABCD},
-        {"Hello\r\n" + kReg + " (0000ABCD)\r\n", 0xABCD},
-        {kReg + "x(0000ABCD) and more\r\n", 0xABCD},  // any character between
-        {kReg + " (12xyzabc)\r\n", 0x12},
-        {kReg + "(0000ABCD)\r\n", -1},
-        {kReg + "  (0000ABCD)\r\n", -1},
-        {kReg + " (0000ABC)\r\n", -1},
-        {kReg + " (0000ABCD\r\n", -1},
-        {kReg + "\r\n", -1},
-        {kReg, 0},  // a text that ends without a line end
-        {"", -1},
-        {"no\r\n", -1},
-        {"no\r\n \t\r\n" + kReg + " (0000ABCD)\r\n", 0},  // a blank line ends it
-        {std::string(1023, 'x'), -1},  // as long as the buffer: its end is not seen
-        {std::string(1022, 'x'), 0},
-    };
-    for (const auto& [body, want] : rows) {
-        const RegistrationId id =
-            GetArchiveRegistrationId(Submit(kAnna, {kGardenRequest}, "Subject: x\r\n\r\n" + body));
-        EXPECT_EQ(id.found ? static_cast<long>(id.id) : -1, want) << body;
+    for (const auto& row : ReadTable("tables/requests.txt", "identifiers of registrations")) {
+        const RegistrationId id = GetArchiveRegistrationId(
+            Submit(kAnna, {kGardenRequest}, "Subject: x\r\n\r\n" + row.at(0)));
+        EXPECT_EQ(id.found ? FormatText("%lX", static_cast<unsigned long>(id.id)) : "none",
+                  row.at(1))
+            << row.at(0);
     }
     EXPECT_FALSE(GetArchiveRegistrationId(12345).found);
     EXPECT_EQ(TempFiles(), 0);
@@ -137,36 +99,13 @@ TEST_F(Body, GivesTheIdentifierOfARegistration)
 
 TEST(ConfirmationReply, SubjectNamesKindAndIdentifier)
 {
-    const std::string kRe = "Subject: Re: subscription confirmation request";
-    const std::pair<std::string, const char*> rows[] = {
-        // the kind's first letter and the id; "" is none
-        {kRe + " (0000ABCD)\r\n", "s 0000ABCD"},
-        {"SUBJECT: AW: SUBSCRIPTION CONFIRMATION REQUEST (0000abcd)\r\n", "s 0000ABCD"},
-
-        {"Subject: Re: unsubscription confirmation request (0000ABCD) [2]\r\n", "u 0000ABCD"},
-        {"Subject: archive authentication confirmation request (0000ABCD)\r\n", "a 0000ABCD"},
-        {kRe + "\r\n", ""},
-        {kRe + " (ABCD)\r\n", ""},
-        {kRe + " (0000ABCD\r\n", ""},
-
-        {kRe + "  (0000ABCD)\r\n", ""},
-        {kRe + " (../../ab)\r\n", ""},
-        {kRe + " (-0000001)\r\n", ""},
-
-        {"Subject: =?utf-8?Q?subscription_confirmation_request_(0000ABCD)?=\r\n", ""},
-
-        {"", ""},
-    };
-    for (const auto& [line, want] : rows) {
-        const ConfirmationSubject subject = ReadConfirmationSubject(line);
-        std::string got;
-        if (subject.found) {
-            char text[16];
-            std::snprintf(text, sizeof text, "%c %08X", "sua"[static_cast<int>(subject.kind)],
-                          subject.id);
-            got = text;
-        }
-        EXPECT_EQ(got, want) << line;
+    for (const auto& row : ReadTable("tables/requests.txt", "subjects of replies")) {
+        const ConfirmationSubject subject = ReadConfirmationSubject(row.at(0));
+        EXPECT_EQ(subject.found
+                      ? FormatText("%c %08X", "sua"[static_cast<int>(subject.kind)], subject.id)
+                      : "none",
+                  row.at(1))
+            << row.at(0);
     }
 }
 

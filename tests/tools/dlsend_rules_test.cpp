@@ -1,8 +1,7 @@
 // What dlsend decides without asking anyone.
 
-#include <gtest/gtest.h>
-
 #include "platform/queue/queue_backend.h"
+#include "tests/support/fixture.h"
 #include "tools/dlsend/answer.h"
 #include "tools/dlsend/job.h"
 #include "tools/dlsend/relay_settings.h"
@@ -72,30 +71,13 @@ TEST(DlsendRules, WaitsLongerEachTime)
 
 TEST(DlsendRules, ReadsAnswersAndMakesThemFields)
 {
-    struct Row {
-        const char* line;
-        int code;
-        const char* status;
-        const char* expired;
-        const char* text;
-    };
-    const Row rows[] = {
-        {"550 5.1.1 no such user", 550, "5.1.1", "4.4.7", "no such user"},
-        {"550 no such user", 550, "5.0.0", "4.4.7", "no such user"},
-        {"450 4.2.0 greylisted", 450, "5.0.0", "4.4.7", "greylisted"},
-        {"5.1.3 the address cannot be used", 0, "5.1.3", "4.4.7", "the address cannot be used"},
-        {"the relay closed the connection", 0, "5.0.0", "4.4.7", "the relay closed the connection"},
-        {"", 0, "5.0.0", "4.4.7", ""},
-        {"550", 550, "5.0.0", "4.4.7", ""},
-        {"550 5..1 x", 550, "5.0.0", "4.4.7", "5..1 x"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.line);
-        const Answer answer = ParseAnswer(row.line);
-        EXPECT_EQ(answer.code, row.code);
-        EXPECT_EQ(answer.text, row.text);
-        EXPECT_EQ(StatusField(answer, false), row.status);
-        EXPECT_EQ(StatusField(answer, true), row.expired);
+    for (const auto& row : testing::ReadTable("tables/platform.txt", "answers")) {
+        SCOPED_TRACE(row.at(0));
+        const Answer answer = ParseAnswer(row.at(0));
+        EXPECT_EQ(answer.code, std::stoi(row.at(1)));
+        EXPECT_EQ(StatusField(answer, false), row.at(2));
+        EXPECT_EQ(StatusField(answer, true), row.at(3));
+        EXPECT_EQ(answer.text, row.at(4));
     }
     EXPECT_EQ(AddressField("a@example.org"), "rfc822; a@example.org");
     EXPECT_EQ(AddressField("a\r\nb\x01@example.org"), "rfc822; a  b @example.org");

@@ -10,44 +10,12 @@ namespace dl::archive
 namespace
 {
 
-struct TextRow {
-    const char* name;
-    std::string text;
-    const char* want;
-};
-
-TEST(Markup, Escape)
+TEST(Markup, Texts)
 {
-    const TextRow rows[] = {
-        {"markup", "<a href='x'>&\"", "&lt;a href=&#39;x&#39;&gt;&amp;&quot;"},
-        {"controls go, line ends stay", std::string("a\0b\x07\x1b[1m\x7f\nc\td", 13),
-         "ab[1m\nc\td"},
-
-        {"direction overrides", "a\u202Egnp.exe\u202C\u2066b\u2069", "agnp.exeb"},
-
-        {"broken UTF-8", "a\xFF\xC3(b", "a\uFFFD\uFFFD(b"},
-        {"overlong and surrogate", "\xC0\xBC\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD"},
-        {"cut in the middle", "a\xE2\x82", "a\uFFFD\uFFFD"},
-        {"noncharacters", "a\uFFFE\uFDD0\uFEFFb", "ab"},
-    };
-    for (const TextRow& row : rows)
-        EXPECT_EQ(Escape(row.text), row.want) << row.name;
-}
-
-TEST(Markup, HideAddresses)
-{
-    const TextRow rows[] = {
-        {"plain", "anna.bell@example.com", "ann…@example.com"},
-
-        {"in brackets", "Anna <anna@example.com>,", "Anna <an…@example.com>,"},
-        {"quoted local part", "\"anna bell\"@example.com", "\"an…@example.com"},
-        {"no address", "10 @ 5 a@ @b", "10 @ 5 a@ @b"},
-        {"in a row", "a1@b2@c3@d4", "a…@b…@c…@d4"},
-        {"umlauts", "jürgen@exämple.de", "jü…@exämple.de"},
-        {"a quote far away", "x \"y z\"@example", "x \"y…@example"},
-    };
-    for (const TextRow& row : rows)
-        EXPECT_EQ(HideAddresses(row.text), row.want) << row.name;
+    for (const auto& row : testing::ReadTable("tables/mime.txt", "escaped"))
+        EXPECT_EQ(Escape(row.at(1)), row.at(2)) << row.at(0);
+    for (const auto& row : testing::ReadTable("tables/mime.txt", "hidden addresses"))
+        EXPECT_EQ(HideAddresses(row.at(1)), row.at(2)) << row.at(0);
 }
 
 TEST(Markup, Body)
@@ -64,35 +32,8 @@ TEST(Markup, ScriptString)
 
 TEST(SafeName, IsPlainAndInert)
 {
-    struct Row {
-        const char* name;
-        std::string given;
-        const char *type, *want;
-    };
-    const Row rows[] = {
-        {"plain", "report.pdf", "application/pdf", "7-report.pdf"},
-
-        {"folders", "../../etc/passwd", "text/plain", "7-passwd.txt"},
-        {"backslashes", "C:\\x\\run.exe", "application/octet-stream", "7-run_exe.bin"},
-        {"markup", "a.html", "text/html", "7-a_html.txt"},
-
-        {"script", "a.js", "text/javascript", "7-a_js.txt"},
-
-        {"hidden file", ".htaccess", "text/plain", "7-htaccess.txt"},
-        {"NUL", std::string("a.png\0.html", 11), "image/png", "7-a_png_html.bin"},
-        {"direction override", "cod\u202Egnp.exe", "image/png", "7-cod_gnp_exe.bin"},
-
-        {"no name, unknown type", "", "application/x-foo", "7-attachment.bin"},
-        {"forwarded message", "", "message/rfc822", "7-message.txt"},
-        {"only dots", "....", "application/x-foo", "7-attachment.bin"},
-        {"other script", "отчёт.pdf", "application/pdf", "7-attachment.pdf"},
-
-        {"type against name", "x.png", "text/html", "7-x.png"},
-        {"long", std::string(4000, 'w') + ".zip", "application/zip",
-         "7-wwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwwww.zip"},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(SafeFileName(7, row.given, row.type), row.want) << row.name;
+    for (const auto& row : testing::ReadTable("tables/mime.txt", "names of attachments"))
+        EXPECT_EQ(SafeFileName(7, row.at(1), row.at(2)), row.at(3)) << row.at(0);
 }
 
 TEST(Subject, Base)

@@ -49,14 +49,8 @@ class Disclaimer : public testing::Fixture
     {
         const std::string file = Write("queue/m.msg", message);
         inserted_ = InsertDisclaimers(file, text, html);
-        EXPECT_EQ(FilesInQueue(), 1);
+        EXPECT_EQ(testing::FileNames(Path("queue")).size(), 1U);
         return ReadFile(file);
-    }
-
-    [[nodiscard]] long FilesInQueue() const
-    {
-        const std::filesystem::directory_iterator files(Path("queue"));
-        return std::distance(begin(files), end(files));
     }
 
     bool inserted_ = false;

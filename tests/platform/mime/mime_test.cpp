@@ -45,49 +45,24 @@ std::string Text(const char* text)
 
 TEST_F(Mime, ReadsTheVersionOfTheMessage)
 {
-    const struct {
-        const char* header;
-        double version;
-    } rows[] = {{"", 0},
-                {"Mime-version: 1.0\n", 1.0},
-                {"MIME-Version: 1.0 (made by (a) \\) robot)\n", 1.0},
-                {"MIME-Version: (x)\n 1 . (y) 0\n", 1.0},
-                {"MIME-Version: 2.0\n", 2.0},
-                {"MIME-Version: 1\n", 0},
-                {"MIME-Version: 1,0\n", 0},
-                {"MIME-Version: -1.0\n", 0},
-                {"MIME-Version: 1.0.0\n", 0},
-                {"MIME-Version: one\n", 0},
-                {"MIME-Version: (unclosed 1.0\n", 0}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.header);
+    for (const auto& row : testing::ReadTable("tables/mime.txt", "versions")) {
+        SCOPED_TRACE(row.at(0));
         const MimePart* top =
-            Parse(std::string(row.header) +
-                  "Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n--b--\n");
+            Parse(row.at(0) + "Content-Type: multipart/mixed; boundary=b\n\n--b\n\nx\n--b--\n");
         ASSERT_TRUE(top);
-        EXPECT_EQ(MimeGetVersion(top), row.version);
-        EXPECT_EQ(MimeGetVersion(MimeGetPart(top, 0)), row.version);
+        EXPECT_EQ(MimeGetVersion(top), std::stod(row.at(1)));
+        EXPECT_EQ(MimeGetVersion(MimeGetPart(top, 0)), std::stod(row.at(1)));
     }
 }
 
 TEST_F(Mime, GivesTypeAndSubtypeAsWritten)
 {
-    const struct {
-        const char *header, *type, *subtype;
-    } rows[] = {{"Subject: none", "null", "null"},
-                {"Content-Type: text/plain", "text", "plain"},
-                {"content-type:(c) TEXT / (d) HTML (e); charset=x", "TEXT", "HTML"},
-                {"Content-Type: text", "text", "null"},
-                {"Content-Type: text/", "text", "null"},
-                {"Content-Type: /plain", "null", "null"},
-                {"Content-Type: ; charset=x", "null", "null"},
-                {"Content-Type:\n\tmultipart/mixed", "multipart", "mixed"}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.header);
-        const MimePart* top = Parse(std::string(row.header) + "\n\nbody\n");
+    for (const auto& row : testing::ReadTable("tables/mime.txt", "types")) {
+        SCOPED_TRACE(row.at(0));
+        const MimePart* top = Parse(row.at(0) + "\n\nbody\n");
         ASSERT_TRUE(top);
-        EXPECT_EQ(Text(MimeGetContentType(top)), row.type);
-        EXPECT_EQ(Text(MimeGetContentSubtype(top)), row.subtype);
+        EXPECT_EQ(Text(MimeGetContentType(top)), row.at(1));
+        EXPECT_EQ(Text(MimeGetContentSubtype(top)), row.at(2));
         EXPECT_EQ(MimeGetPartCount(top), 0);
     }
 }

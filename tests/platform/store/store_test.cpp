@@ -2,13 +2,13 @@
 
 #include "platform/store/store.h"
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 
+#include "tests/support/child.h"
 #include "tests/support/fixture.h"
 
 namespace dl::testing
@@ -201,17 +201,16 @@ TEST_F(StoreTest, TheLockExcludesOtherProcessesAndEndsWithThem)
 {
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
-    const pid_t child = fork();
-    if (child == 0) {
+    const pid_t child = InBackground([&] {
         diamondBase own;
         mailbox relation(own, Path("mbx"));
         const bool locked = relation.lock() == kStoreDone;
         if (write(ready[1], locked ? "y" : "n", 1) != 1)
-            _exit(1);
+            return 1;
         usleep(300'000);
         Write("child-was-here", "");
         _exit(0);  // without unlocking
-    }
+    });
     char answer = 'n';
     ASSERT_EQ(read(ready[0], &answer, 1), 1);
     EXPECT_EQ(answer, 'y');
@@ -219,9 +218,7 @@ TEST_F(StoreTest, TheLockExcludesOtherProcessesAndEndsWithThem)
     EXPECT_EQ(relation.lock(), kStoreDone);
     EXPECT_TRUE(std::filesystem::exists(Path("child-was-here")));
     relation.unlock();
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(StatusOf(child), 0);
     close(ready[0]);
     close(ready[1]);
 }
