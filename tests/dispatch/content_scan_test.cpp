@@ -60,32 +60,8 @@ class ContentScan : public Site
 
 TEST_F(ContentScan, Outcomes)
 {
-    const std::string marked = "X-Spam-Status: YES\n";
-    const std::string delivered = "delivered to anna@example.com";
-    const std::string bounced = "Bounced report to paul@example.org";
-    const struct {
-        const char *name, *list;
-        std::string marks, want, sender = "paul@example.org";
-    } rows[] = {
-        {"no marks", "strict", "", delivered},
-        {"marked, the list ignores it", "plain", marked, delivered},
-        {"marked, discarded", "strict", marked, "Discarded "},
-        {"marked by its subject", "strict", "Subject: [SPAM] hi\n", "Discarded "},
-        {"marked, bounced", "polite", marked, bounced},
-        {"marked, nobody to bounce to", "polite", marked, delivered, "<>"},
-        {"sender white-listed", "strict", marked, delivered, "x@friends.example"},
-        {"listed, discarded by the server", "plain", "X-kvtbl: dropped.example/1.2.3.4\n",
-         "Discarded "},
-        {"listed, ignored for this service", "plain", "X-kvtbl: ignored.example/1.2.3.4\n",
-         delivered},
-        {"the list's own action", "own", "X-kvtbl: ignored.example/1.2.3.4\n", bounced},
-        {"address white-listed", "strict", "X-kvtbl: dropped.example/10.0.0.5\n", delivered},
-        {"the scan comes before the mode", "closed", marked, "Discarded "},
-        {"and after the blocked member, who hears of that", "polite", marked,
-         "report to trader@example.netdelivered to polite-boss@example.org", "trader@example.net"},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(Outcome(row.list, row.sender, row.marks), row.want) << row.name;
+    for (const auto& row : ReadTable("tables/spam.txt", "outcomes of postings"))
+        EXPECT_EQ(Outcome(row.at(1), row.at(4), row.at(2)), row.at(3)) << row.at(0);
 }
 
 TEST_F(ContentScan, OneListsVerdictIsNotTheOthers)

@@ -9,12 +9,9 @@
 namespace dl::testing
 {
 
-struct FaultyDialogue {
-    const char *name, *sender, *to, *text;
-    const char* pending = "";
-};
+using Row = std::vector<std::string>;
 
-class DialogueFaults : public FaultSite, public ::testing::WithParamInterface<FaultyDialogue>
+class DialogueFaults : public FaultSite, public ::testing::WithParamInterface<Row>
 {
  protected:
     DialogueFaults()
@@ -27,40 +24,20 @@ class DialogueFaults : public FaultSite, public ::testing::WithParamInterface<Fa
 
 TEST_P(DialogueFaults, HaveTheirOutcomes)
 {
-    const FaultyDialogue& it = GetParam();
-    const std::string to = std::string(it.to) + "@lists.example.org";
-    ExpectPassFaults(it.name, [&, this] {
+    const Row& row = GetParam();
+    const std::string to = row.at(2) + "@lists.example.org";
+    ExpectPassFaults(row.at(0), [&, this] {
         Start();
-        if (*it.pending)
-            WritePending("0000ABCD", it.pending + std::string("\r\n"),
+        if (!row.at(4).empty())
+            WritePending("0000ABCD", row.at(4) + "\r\n",
                          to.starts_with("board") ? kBoard : kGarden);
-        Submit(it.sender, {to}, "Subject: " + std::string(it.text) + "\n");
+        Submit(row.at(1), {to}, "Subject: " + row.at(3) + "\n");
     });
 }
 
-constexpr char kPaul[] = "paul@example.org";
-constexpr char kAnnaMail[] = "anna@example.com";
-
 INSTANTIATE_TEST_SUITE_P(Of, DialogueFaults,
-                         ::testing::ValuesIn({
-                             FaultyDialogue{"posting", kPaul, "legal", "x\n\nhello"},
-                             {"closed_posting", kPaul, "board", "x\n\nhello"},
-                             {"blocked_posting", "trader@example.net", "garden", "x\n\nhello"},
-                             {"owner_mail", kPaul, "garden-owner", "x\n\nhello"},
-                             {"unknown_address", kPaul, "nobody", "x\n\nhello"},
-                             {"unknown_command", kPaul, "garden-request", "x\n\nhello"},
-                             {"subscription", kPaul, "garden-request", "x\n\nsubscribe"},
-                             {"subscription_confirmed", kPaul, "garden-request",
-                              "subscription confirmation request (0000ABCD)\n\nOK",
-                              "subscribe garden@lists.example.org paul@example.org"},
-                             {"subscription_to_owner", kPaul, "club-request", "x\n\nsubscribe"},
-                             {"unsubscription_confirmed", kAnnaMail, "garden-request",
-                              "unsubscription confirmation request (0000ABCD)\n\nOK",
-                              "unsubscribe garden@lists.example.org anna@example.com"},
-                             {"archive_confirmed", kAnnaMail, "board-request",
-                              "archive authentication confirmation request (0000ABCD)\n\nOK",
-                              "anna@example.com:hash"},
-                         }),
-                         [](const auto& row) { return std::string(row.param.name); });
+                         ::testing::ValuesIn(ReadTable("tables/requests.txt",
+                                                       "dialogues with faults")),
+                         [](const auto& row) { return row.param.at(0); });
 
 }  // namespace dl::testing

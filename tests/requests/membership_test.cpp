@@ -46,48 +46,24 @@ class Membership : public Site
 
 TEST_F(Membership, AddWritesTheValueThatTheListWants)
 {
-    struct Row {
-        std::string member;
-        bool digest;
-        const char* attributes;
-        std::string value;  // empty: refused
-    };
-    const char* free = "AutoSubscription: YES\n";
-    const char* blocked = "AutoSubscription: YES\npostingpermission: block\n";
-    const std::string fits = std::string(501 - 12, 'p') + "@example.org";
-    const Row rows[] = {
-        {kPaul, false, free, "Immediate;paul@example.org"},
-
-        {kPaul, false, blocked, "Immediate;Blocked;paul@example.org"},
-
-        {"\"a;b (c)\"@example.org", true, free, "Digest;\"a;b (c)\"@example.org"},
-        {fits, false, free, "Immediate;" + fits},
-        {"p" + fits, false, free, ""},
-        {"<>", false, free, ""},
-        {"", false, free, ""},
-
-        {"paul@example.org\nlistmember: Immediate;eve@example.org", false, free, ""},
-
-        {"Blocked;paul@example.org", false, free, ""},
-        {"paul@example.org)(objectclass=*", false, free, ""},
-        {std::string("paul@example.org\0x", 18), false, free, ""},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.member);
-        const Incoming message = With({"Immediate;bert@example.net"}, row.attributes);
-        EXPECT_EQ(Add(message, row.member, row.digest), 1);
+    for (const auto& row : ReadTable("tables/requests.txt", "members that are added")) {
+        SCOPED_TRACE(row.at(0));
+        const bool digest = row.at(1) == "true";
+        const Incoming message =
+            With({"Immediate;bert@example.net"},
+                 "AutoSubscription: YES\n" + (row.at(2) == "-" ? "" : row.at(2) + "\n"));
+        EXPECT_EQ(Add(message, row.at(0), digest), 1);
         Values want = {"Immediate;bert@example.net"};
-        if (!row.value.empty())
-            want.push_back(row.value);
+        if (!row.at(3).empty())
+            want.push_back(row.at(3));
         EXPECT_EQ(Members(kGarden), want);
-        const std::string shown = EscapeForLog(row.member.c_str());
-        EXPECT_EQ(Log(),
-                  (row.value.empty()
-                       ? "6 Unable to add new member (" + shown +
-                             ") to the mailing list garden@lists.example.org\n"
-                       : "6 Added " + shown + (row.digest ? ", mode=Digest" : ", mode=Immediate") +
-                             " to garden@lists.example.org\n") +
-                      kOwnerFound);
+        const std::string shown = EscapeForLog(row.at(0).c_str());
+        EXPECT_EQ(Log(), (row.at(3).empty() ? "6 Unable to add new member (" + shown +
+                                                  ") to the mailing list garden@lists.example.org\n"
+                                            : "6 Added " + shown +
+                                                  (digest ? ", mode=Digest" : ", mode=Immediate") +
+                                                  " to garden@lists.example.org\n") +
+                             kOwnerFound);
         EXPECT_EQ(Brief(),
                   "garden-owner@lists.example.org -> garden-boss@example.org: subscription "
                   "confirmation to garden-request@lists.example.org (fwd)\n");

@@ -1,7 +1,6 @@
 #include "schedule/due_file.h"
 #include "platform/config/data_path.h"
 
-#include <climits>
 #include <filesystem>
 
 #include "tests/support/fixture.h"
@@ -38,29 +37,16 @@ TEST_F(DueFiles, KeepsOneNumberWithoutLineEnd)
 
 TEST_F(DueFiles, ReadsWhatStandsAtTheBeginning)
 {
-    const struct {
-        const char *name, *content;
-        std::time_t moment;
-        const char* overwritten;  // with 1200000000
-    } rows[] = {
-        {"empty", "", 0, "1200000000"},
-        {"no number", "soon", 0, "1200000000"},
-        {"line end", "1100000000\r\n", 1'100'000'000, "1200000000\r\n"},
-
-        {"negative", "-5", -5, "1200000000"},
-        {"longer than the new one", "1100000000 tail", 1'100'000'000, "1200000000 tail"},
-        {"beyond all time", "99999999999999999999", LONG_MAX, "12000000009999999999"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const std::string path = Write("digest.dt", row.content);
+    for (const auto& row : ReadTable("tables/platform.txt", "due files")) {
+        SCOPED_TRACE(row.at(0));
+        const std::string path = Write("digest.dt", row.at(1));
         {
             DueFile file(path);
             ASSERT_TRUE(file.IsOpen());
-            EXPECT_EQ(file.Read(), row.moment);
+            EXPECT_EQ(file.Read(), std::stol(row.at(2)));
             EXPECT_TRUE(file.Overwrite(1'200'000'000));
         }
-        EXPECT_EQ(ReadFile(path), row.overwritten);
+        EXPECT_EQ(ReadFile(path), row.at(3));
     }
 }
 

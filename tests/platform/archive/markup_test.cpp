@@ -54,20 +54,9 @@ TEST(Html, ToText)
 // A quadratic step would take minutes here.
 TEST(Html, HugeInputsAreQuick)
 {
-    const char* pieces[] = {"<",
-                            "<a ",
-                            "<!--",
-                            "<script>",
-                            "</",
-                            "&",
-                            "<a href='x",
-                            "<blockquote>",
-                            "<a href=\"http://x\">",
-                            "\"@",
-                            "@",
-                            "http://",
-                            ">"};
-    for (const char* piece : pieces) {
+    for (const char* piece :
+         {"<", "<a ", "<!--", "<script>", "</", "&", "<a href='x", "<blockquote>",
+          "<a href=\"http://x\">", "\"@", "@", "http://", ">"}) {
         SCOPED_TRACE(piece);
         std::string text;
         while (text.size() < 1'000'000)
