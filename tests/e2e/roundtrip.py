@@ -72,18 +72,7 @@ class Intake(Site):
         # The posting, the owner's copy, and the answer that there is no such list.
         self.assertEqual(len(self.settle(before + 3)), before + 3)
 
-    def test_4_a_queue_that_cannot_be_written_is_tried_again(self):
-        lab = self.lab
-        lab.start_dlmanager()
-        before = len(self.settle(0))
-        messages = lab.dir / "spool/queue/msg"
-        messages.rename(lab.dir / "spool/queue/away")
-        lab.post(ANNA, [LIST], mails.posting("later"))
-        wait_for("the deferral", lambda: "451 4.3.0 The queue cannot take the message" in lab.output("postfix"))
-        (lab.dir / "spool/queue/away").rename(messages)
-        self.settle(before + 1)
-
-    def test_5_intake_away(self):
+    def test_4_intake_away(self):
         lab = self.lab
         lab.start_dlmanager()
         before = len(self.settle(0))
@@ -94,7 +83,7 @@ class Intake(Site):
         lab.start_intake()
         self.settle(before + 1)
 
-    def test_6_too_big_is_bounced(self):
+    def test_5_too_big_is_bounced(self):
         lab = self.lab
         conf = lab.dir / "conf/qvms.conf"
         conf.write_text(conf.read_text() + "[Intake]\nMaxMessageBytes = 1000000\n")
@@ -105,7 +94,7 @@ class Intake(Site):
         wait_for("the bounce", lambda: len(lab.mailbox("anna")) == before + 1)
         self.assertIn(b"Status: 5.3.4", lab.mailbox("anna")[-1].read_bytes())
 
-    def test_7_samples_by_pipe(self):
+    def test_6_samples_by_pipe(self):
         seen = False
         for _, commands in documented_commands():
             for command in commands:

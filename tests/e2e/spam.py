@@ -53,7 +53,6 @@ class Spam(unittest.TestCase):
     def test_marked_postings(self):
         marked, listed = "X-Spam-Status: Yes, score=9", "X-kvtbl: {}/198.51.100.7"
         rows = [  # list, header, sender, outcome, reason of the bounce
-            (STRICT, "Subject: a mark in the body alone", SENDER, "delivered", ""),
             (PLAIN, marked, SENDER, "delivered", ""),
             (STRICT, marked, SENDER, "discarded", ""),
             (STRICT, "Subject: [SPAM] buy", SENDER, "discarded", ""),
@@ -61,9 +60,7 @@ class Spam(unittest.TestCase):
             (KIND, marked, FRIEND, "delivered", ""),
             (PLAIN, listed.format("nobody.knows.example"), SENDER, "discarded", ""),
             (STRICT, listed.format("dialup.example"), SENDER, "delivered", ""),
-            (PLAIN, listed.format("dialup.example,open.example"), SENDER, "discarded", ""),
             (PLAIN, listed.format("proxy.example"), SENDER, "bounced", "Please stop sending spam message to me."),
-            (KIND, listed.format("OPEN.example"), SENDER, "delivered", ""),
             (KIND, listed.format("own.example"), SENDER, "bounced", "Listed by own.example."),
             (KIND, "X-kvtbl: own.example/192.0.2.5", SENDER, "delivered", ""),
             (KIND, marked, "<>", "delivered", "")]  # nobody is there to be told

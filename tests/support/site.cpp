@@ -15,6 +15,9 @@ namespace dl::testing
 namespace
 {
 
+// The queue's many syncs cost nothing in memory.
+const bool kInMemory = access("/dev/shm", W_OK) == 0 && setenv("TMPDIR", "/dev/shm", 0) == 0;
+
 constexpr char kDomain[] = "@lists.example.org";
 constexpr char kDomainEntry[] = ",dc=lists,dc=example,dc=org\n";
 
@@ -52,24 +55,11 @@ std::string Queued::Brief() const
     return sender + " -> " + all + ": " + Header("Subject") + "\n";
 }
 
-FoldersInMemory::FoldersInMemory()
-{
-    if (const char* folder = std::getenv("TMPDIR"))
-        before_ = folder;
-    else if (access("/dev/shm", W_OK) == 0)
-        setenv("TMPDIR", "/dev/shm", 1);
-}
-
-FoldersInMemory::~FoldersInMemory()
-{
-    if (before_)
-        setenv("TMPDIR", before_->c_str(), 1);
-    else
-        unsetenv("TMPDIR");
-}
-
 Site::Site()
 {
+    if (const char* folder = std::getenv("TMPDIR"))
+        temp_before_ = folder;
+    (void)kInMemory;
     std::filesystem::create_directories(Path("tmp"));
     setenv("TMPDIR", Path("tmp").c_str(), 1);
     Configure("[Connection]\nGatewayHostName = mail\nGatewayDomain = example.org\n[Ldap]\nFile = " +
@@ -84,6 +74,7 @@ Site::~Site()
     CloseChannel();
     queue.reset();
     ListCache().DeleteCache();
+    temp_before_ ? setenv("TMPDIR", temp_before_->c_str(), 1) : unsetenv("TMPDIR");
 }
 
 void Site::CloseChannel()

@@ -36,18 +36,7 @@ struct Queued {
     [[nodiscard]] std::string Brief() const;
 };
 
-// Keeps the tests' folders in memory, where the queue's many syncs cost nothing; restores TMPDIR.
-class FoldersInMemory
-{
- protected:
-    FoldersInMemory();
-    ~FoldersInMemory();
-
- private:
-    std::optional<std::string> before_;
-};
-
-class Site : private FoldersInMemory, public Fixture
+class Site : public Fixture
 {
  protected:
     Site();
@@ -105,6 +94,7 @@ class Site : private FoldersInMemory, public Fixture
  private:
     void CloseChannel();
 
+    std::optional<std::string> temp_before_;
     std::vector<std::pair<std::string, std::string>> lists_;
     std::set<unsigned long> submitted_;
     MQContext* channel_ = nullptr;

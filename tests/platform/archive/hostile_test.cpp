@@ -81,7 +81,7 @@ TEST_F(HostileArchive, NothingFromMailIsMarkup)
 }
 
 struct Row {
-    const char* name;
+    std::string name;
     std::string message;
 };
 
@@ -100,37 +100,19 @@ TEST_F(HostileArchive, NothingIsTooLargeOrTooDeep)
     for (int i = 0; i < 300; ++i)
         nested += "Content-Type: multipart/alternative; boundary=b" + std::to_string(i) +
                   "\r\n\r\n--b" + std::to_string(i) + "\r\n";
-    const std::vector<Row> rows = {
-        {"4,000-character words", "Subject: " + word + "\r\nFrom: " + word + " <" + word +
-                                      "@example.com>\r\n\r\n" + word + "\r\n"},
-        {"a megabyte in one line", "Subject: x\r\n\r\n" + Repeat("long", 250'000) + "\r\n"},
-        {"a subject of a megabyte", "Subject: " + Repeat("a ", 500'000) + "\r\n\r\nx\r\n"},
-        {"100,000 references", "References: " + Repeat("<a@b> ", 100'000) + "\r\n\r\nx\r\n"},
-        {"50,000 recipients",
-         "To: " + Repeat("a@example.org, ", 50'000) + "z@example.org\r\n\r\nx\r\n"},
-        {"2,000 attachments", "Content-Type: multipart/mixed; boundary=b\r\n\r\n" +
-                                  Repeat("--b\r\nContent-Type: image/png\r\n\r\nx\r\n", 2000) +
-                                  "--b--\r\n"},
+    std::vector<Row> rows = {
         {"300 levels", nested + "\r\n\r\ndeep\r\n"},
-        {"100,000 quoted lines", "Subject: q\r\n\r\n" + Repeat("> q\r\n", 100'000)},
-        {"50,000 quotations", "Subject: q\r\n\r\n" + Repeat("> q\r\na\r\n", 50'000)},
-        {"nothing but line ends", "Subject: n\r\n\r\n" + Repeat("\r\n", 100'000)},
-        {"date before time", "Date: Thu, 1 Jan 0001 00:00:00 +0000\r\n\r\nx\r\n"},
-
-        {"date beyond numbers",
-         "Date: Fri, 31 Dec 99999999999999999999 99:99:99 +9999\r\n\r\nx\r\n"},
-        {"no header", "\r\nx\r\n"},
-
-        {"only bytes", std::string(2000, '\xFF')},
         {"HTML bombs", HtmlPosting(Repeat("<blockquote><a href='http://x'>", 30'000))},
         {"a name that fills a line",
          WithAttachment(Repeat("../", 1000) + word + ".html", "text/html")},
     };
+    for (const auto& row : testing::ReadTable("tables/mime.txt", "large and odd postings"))
+        rows.push_back({row.at(0), row.at(1)});
     unsigned long id = 1;
     const auto start = std::chrono::steady_clock::now();
     for (const Row& row : rows)
         PostRaw(id++, row.message);
-    log.ExpectError("leaves out 0000000E.msg");  // only bytes
+    log.ExpectError("leaves out 00000010.msg");  // only bytes
     Generate();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
     CheckPages();
