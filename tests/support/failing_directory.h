@@ -53,9 +53,9 @@ class FailingDirectory : public Faults<DirectoryCall>
         {
             if (!owner_->Fails(DirectoryCall::kSearch))
                 return real_->Search(base, scope, attributes_only, filter);
-            SearchReq result;
-            result.failed = true;
-            return result;
+            SearchReq nothing;
+            nothing.failed = true;
+            return nothing;
         }
         ModifyResult Modify(const std::string& entry,
                             const std::vector<AttributeChange>& changes) override

@@ -137,7 +137,7 @@ TEST_F(DeliveryTest, KeepsWhatBecameOfEachRecipient)
     ASSERT_EQ(channel->Read(id, &record), QueueAnswer::kYes);
     EXPECT_EQ(record.envelope.Sender(), "list-owner@example.org");
     ASSERT_EQ(record.envelope.Count(), static_cast<std::size_t>(kMany));
-    for (const std::size_t i : {0, 9, 10, 99'999})
+    for (const std::size_t i : {0U, 9U, 10U, 99'999U})
         EXPECT_TRUE(record.envelope.Recipient(i).starts_with("r" + std::to_string(i) + "@"));
     EXPECT_EQ(record.tries, 1);
     EXPECT_EQ(record.problem, "421 busy");
