@@ -96,9 +96,9 @@ class Container(unittest.TestCase):
             kill -TERM $!
             wait $!"""
         # With processes of its own, all of which end with it, whatever happens, and a process 1 that reaps.
-        container = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--propagation", "unchanged",
-                                      "sh", "-c", '"$@"; exit $?', "sh",
-                                      *self.buildah_command(*self.inside("sh", "-c", script))], stdin=subprocess.DEVNULL)
+        container = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", "unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--propagation", "unchanged",
+             "sh", "-c", '"$@"; exit $?', "sh", *self.buildah_command(*self.inside("sh", "-c", script))], stdin=subprocess.DEVNULL)
         self.addCleanup(container.wait, 30)
         self.addCleanup(container.kill)
 

@@ -70,8 +70,9 @@ class Machine(Host):
     @staticmethod
     def command(accelerator, *more, system=""):
         # What the machine has handed to its disk is with this host then, and stays when the machine is killed: no wait for the platter.
-        return ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-accel", accelerator,
-                "-cpu", {"kvm": "host", "tcg": "qemu64"}[accelerator], "-m", "1024", "-nic", "none", "-display", "none", "-no-reboot", "-device", "virtio-rng-pci", "-drive", "file=disk,if=virtio,format=raw,cache=unsafe",
+        cpu = {"kvm": "host", "tcg": "qemu64"}[accelerator]
+        return ["setpriv", "--pdeathsig", "KILL", "qemu-system-x86_64", "-accel", accelerator, "-cpu", cpu, "-m", "1024", "-nic", "none",
+                "-display", "none", "-no-reboot", "-device", "virtio-rng-pci", "-drive", "file=disk,if=virtio,format=raw,cache=unsafe",
                 "-kernel", "vmlinuz", "-initrd", "initrd.img", "-append", f"root=/dev/vda rw console=ttyS0 quiet panic=-1 {system}", *more]
 
     def fastest(self):
