@@ -154,7 +154,7 @@ TEST_F(DeliveryTest, KeepsWhatBecameOfEachRecipient)
     ASSERT_EQ(channel->Read(id, &record), QueueAnswer::kYes);
     EXPECT_EQ(record.envelope.Sender(), "list-owner@example.org");
     ASSERT_EQ(record.envelope.Count(), static_cast<std::size_t>(kMany));
-    for (const std::size_t i : {0, 9, 10, 99'999})
+    for (const std::size_t i : {0U, 9U, 10U, 99'999U})
         EXPECT_EQ(record.envelope.Recipient(i), "r" + std::to_string(i) + "@example.org");
     EXPECT_EQ(record.tries, 1);
     EXPECT_EQ(record.problem, "421 busy");
