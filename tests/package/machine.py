@@ -57,7 +57,7 @@ def make_image(base, packages, prepare, folder):
 class Machine(Host):
     def __init__(self, base, packages, prepare):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="dl-machine.", dir="/var/tmp"))
-        self.child = self.wire = None
+        self.child = self.wire = self.connection = None
         try:
             make_image(base, packages, prepare, self.folder)
             self.accelerator = self.fastest()
@@ -125,12 +125,17 @@ class Machine(Host):
         """Shuts down in good order."""
         self.run("systemctl poweroff --no-block")
         self.child.wait(timeout * self.patience)
-        self.wire.close()
+        self.hang_up()
 
     def lose_power(self):
         self.child.send_signal(signal.SIGKILL)
         self.child.wait(30)
-        self.wire.close()
+        self.hang_up()
+
+    def hang_up(self):
+        for side in (self.wire, self.connection):
+            if side:
+                side.close()
 
     def end(self):
         if self.child and self.child.poll() is None:
