@@ -106,6 +106,7 @@ class Session
     bool NoteReply(Plan* plan, std::size_t command, const Reply& reply);
     void FollowData(Plan* plan);
     void SendMessage(Plan* plan);
+    void NoteEarlyReplies(Plan* plan, Reply reply);
 
     Relay relay_;
     Connection connection_;
