@@ -88,6 +88,7 @@ TEST(DlsendRules, ReadsAnswersAndMakesThemFields)
         {"", 0, "5.0.0", "4.4.7", ""},
         {"550", 550, "5.0.0", "4.4.7", ""},
         {"550 5..1 x", 550, "5.0.0", "4.4.7", "5..1 x"},
+        {"550 5.1.1000 x", 550, "5.0.0", "4.4.7", "5.1.1000 x"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.line);
