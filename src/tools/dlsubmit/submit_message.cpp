@@ -34,21 +34,26 @@ std::string Usable(const std::string& address)
     return usable ? parsed.addresses[0].full : "";
 }
 
-// Copies the message, each line end as CRLF. False when it cannot be read or written whole.
+// Copies the message, each line end as CRLF, with the CRs before it; any others become a blank, as
+// in the text of LMTP. False when it cannot be read or written whole.
 bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
 {
     std::string block(kBlock, '\0');
     std::string text;
-    char last = '\0';
+    bool cr = false;  // some were read that are not written yet
     for (;;) {
         const std::size_t got = std::fread(block.data(), 1, block.size(), in);
         if (got == 0)
             break;
         text.clear();
-        for (std::size_t i = 0; i < got; ++i) {
-            if (block[i] == '\n' && last != '\r')
+        for (const char c : std::string_view(block).substr(0, got)) {
+            if (c == '\n')
                 text += '\r';
-            text += last = block[i];
+            else if (cr && c != '\r')
+                text += ' ';
+            if (c != '\r')
+                text += c;
+            cr = c == '\r';
         }
         message_id->Read(text);
         if (!out->Write(text))
