@@ -23,7 +23,7 @@ constexpr std::size_t kBlock = 65536;
 
 bool IsNullSender(const std::string& sender)
 {
-    return sender.empty() || sender == "<>";
+    return sender.empty() || sender == "<>" || sender == "MAILER-DAEMON";
 }
 
 // The address without angle brackets; empty when it cannot be used.

@@ -9,7 +9,9 @@ namespace dl
 {
 
 struct SubmitJob {
-    std::string sender;  // "" and "<>" are the null reverse-path (RFC 5321, 4.5.5)
+    // "" and "<>" are the null reverse-path (RFC 5321, 4.5.5), and so is "MAILER-DAEMON", which
+    // Postfix's pipe gives for it unless it is told otherwise.
+    std::string sender;
     std::vector<std::string> recipients;
     std::string channel = "dl";
 };
