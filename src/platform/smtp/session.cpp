@@ -58,28 +58,26 @@ RecipientResult ResultOf(Outcome outcome, const Reply& reply)
 bool Session::Open(const Relay& relay, std::string* problem)
 {
     relay_ = relay;
-    parser_ = ReplyParser();
-    output_.clear();
-    written_ = 0;
     more_ = nullptr;
-    abilities_ = {};
     needs_reset_ = false;
     transactions_ = 0;
-    failure_.clear();
-    const bool connected =
+    const auto greets = [&] { return Greet(problem); };
+    const bool open =
         relay.socket.empty()
-            ? connection_.OpenTcp(relay.host, relay.port, relay.connect_timeout, problem)
-            : connection_.OpenUnix(relay.socket, relay.connect_timeout, problem);
-    if (!connected)
-        return false;
-    if (Greet(problem))
-        return true;
-    connection_.Close();
-    return false;
+            ? connection_.OpenTcp(relay.host, relay.port, relay.connect_timeout, greets, problem)
+            : connection_.OpenUnix(relay.socket, relay.connect_timeout, problem) && greets();
+    if (!open)
+        connection_.Close();
+    return open;
 }
 
 bool Session::Greet(std::string* problem)
 {
+    parser_ = ReplyParser();
+    output_.clear();
+    written_ = 0;
+    abilities_ = {};
+    failure_.clear();
     Reply reply;
     const auto refused = [&] {
         *problem =
