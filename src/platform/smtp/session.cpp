@@ -125,6 +125,8 @@ void Session::ReadAbilities(const std::string& text)
 
 bool Session::NextReply(Reply* reply, std::chrono::milliseconds timeout)
 {
+    // A reply has the time as a whole, however many pieces it comes in; sending begins it anew.
+    auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         switch (parser_.Next(reply)) {
             case ReplyParser::Result::kReply:
@@ -138,8 +140,14 @@ bool Session::NextReply(Reply* reply, std::chrono::milliseconds timeout)
         if (!IsOpen() || !Refill())
             return false;
         input_.clear();
-        const Connection::Event event = connection_.Exchange(output_, &written_, &input_, timeout);
+        const std::size_t sent = written_;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        const Connection::Event event = connection_.Exchange(
+            output_, &written_, &input_, std::max(left, std::chrono::milliseconds(0)));
         parser_.Add(input_);
+        if (written_ != sent)
+            deadline = std::chrono::steady_clock::now() + timeout;
         if (event != Connection::Event::kProgress) {
             Fail(Words(event));
             return false;
