@@ -144,6 +144,9 @@ TEST_F(Monitoring, TheIntakeServerIsSeen)
     } rows[] = {
         {"echo x | " + dlsubmit + " -f MAILER-DAEMON garden@lists.example.org", EX_OK},
         {dlsubmit + " -f a@example.com garden@lists.example.org <&-", EX_TEMPFAIL},
+        {"printf 'From me now\nFrom : a@b\n\n' | " + dlsubmit + " -f a@b.c g@example.org &&" +
+             " ! grep -r '^From me' " + Path("queue") + " && grep -qr '^From : a' " + Path("queue"),
+         EX_OK},
         {"ulimit -f 1; echo x | " + dlsubmit + " -f a@example.com g@example.org", EX_TEMPFAIL},
     };
     for (const auto& row : rows)

@@ -34,6 +34,18 @@ std::string Usable(const std::string& address)
     return usable ? parsed.addresses[0].full : "";
 }
 
+// The bytes of the line "From SENDER DATE" that mail servers put before what they hand to a
+// program, as in a mailbox file; 0 when the message begins with its header. "From : a@b" is a
+// header field.
+std::size_t MailboxLineSize(std::string_view text)
+{
+    const std::size_t end = text.find('\n');
+    const std::size_t word = text.find_first_not_of(" \t", 5);
+    const bool is_one = text.starts_with("From ") && end != std::string_view::npos &&
+                        word != std::string_view::npos && text[word] != ':';
+    return is_one ? end + 1 : 0;
+}
+
 // Copies the message, each line end as CRLF, with the CRs before it; any others become a blank, as
 // in the text of LMTP. False when it cannot be read or written whole.
 bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
@@ -41,12 +53,16 @@ bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
     std::string block(kBlock, '\0');
     std::string text;
     bool cr = false;  // some were read that are not written yet
+    bool begins = true;
     for (;;) {
         const std::size_t got = std::fread(block.data(), 1, block.size(), in);
         if (got == 0)
             break;
         text.clear();
-        for (const char c : std::string_view(block).substr(0, got)) {
+        std::string_view piece = std::string_view(block).substr(0, got);
+        if (std::exchange(begins, false))
+            piece.remove_prefix(MailboxLineSize(piece));
+        for (const char c : piece) {
             if (c == '\n')
                 text += '\r';
             else if (cr && c != '\r')

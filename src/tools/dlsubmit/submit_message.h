@@ -16,6 +16,7 @@ struct SubmitJob {
     std::string channel = "dl";
 };
 
+// A line "From SENDER DATE" before the header is left out, line ends become CRLF.
 // Exit codes of sysexits.h. 0: stored, and durable; 65: an address cannot be used; 75: try again.
 // Says why on standard error.
 [[nodiscard]] int SubmitMessage(const SubmitJob& job, std::FILE* in);
