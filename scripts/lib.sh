@@ -53,3 +53,10 @@ build() {
         fail "the preset $preset does not build, see $log"
     }
 }
+
+# clean_root: a minimal Debian in build/clean-root, kept from one run to the next.
+clean_root() {
+    say "making a clean Debian"
+    timeout 900 python3 -B -c 'import sys; sys.path.insert(0, "tests/package"); import sandbox; sandbox.clean_root(sys.argv[1])' \
+        build/clean-root || fail "no clean Debian, see build/clean-root.log"
+}

@@ -43,10 +43,14 @@ class Documents(unittest.TestCase):
         cls.box = Sandbox(cls.root, cls.packages)
         cls.addClassCleanup(cls.box.end)
         cls.box.run("apt-get update -q", network=True)
-        # What install.md fetches, so that its own commands need no network but the one in here.
-        cls.box.run("apt-get install -y -q --no-install-recommends --download-only -o APT::Keep-Downloaded-Packages=true "
-                    f"/package/{cls.package} postfix slapd ldap-utils", network=True, timeout=600)
-        cls.box.run(f"cp /package/{cls.package} /root/")
+        cls.fetch(cls.box)
+
+    @classmethod
+    def fetch(cls, box):
+        """What install.md fetches, so that its own commands need no network but the one in here."""
+        box.run("apt-get install -y -q --no-install-recommends --download-only -o APT::Keep-Downloaded-Packages=true "
+                f"/package/{cls.package} postfix slapd ldap-utils", network=True, timeout=600)
+        box.run(f"cp /package/{cls.package} /root/")
 
     def run_page(self, page):
         output = self.box.run(as_one_script(page), timeout=400)

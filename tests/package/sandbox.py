@@ -69,7 +69,20 @@ def clean_root(folder):
     return folder
 
 
-class Sandbox:
+class Host:
+    """What runs scripts."""
+
+    patience = 1  # times the bounds of time
+
+    def wait_for(self, script, seconds=60):
+        end = time.monotonic() + seconds * self.patience
+        while self.run(f"{script} && echo yes || true", timeout=30).rstrip().rpartition("\n")[2] != "yes":
+            if time.monotonic() > end:
+                raise TimeoutError(f"not within {seconds} s: {script}")
+            time.sleep(0.5)
+
+
+class Sandbox(Host):
     def __init__(self, base, packages):
         """`packages`: a folder that is /package inside."""
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="dl-sandbox.", dir="/tmp"))
@@ -108,13 +121,6 @@ class Sandbox:
         if check and done.returncode != 0:
             raise RuntimeError(f"exit status {done.returncode} of\n{script}\n{output}")
         return output
-
-    def wait_for(self, script, seconds=60):
-        end = time.monotonic() + seconds
-        while self.run(f"{script} && echo yes || true", timeout=30).rstrip().rpartition("\n")[2] != "yes":
-            if time.monotonic() > end:
-                raise TimeoutError(f"not within {seconds} s: {script}")
-            time.sleep(0.5)
 
     def end(self):
         self.child.kill()  # its child, process 1, goes with it, and all others with that

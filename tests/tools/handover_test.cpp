@@ -139,7 +139,8 @@ TEST_F(HandoverTest, TooManyRecipientsGoIntoFurtherTransactions)
 
 TEST_F(HandoverTest, OneReportTellsTheSenderOfAllWhoAreRefused)
 {
-    const std::string text = "Received: by x\r\nSubject: frost\n\r\n--bogus\r\nCover it.\r\n";
+    const std::string text = "X: " + std::string(1000, 'x') +
+                             "\r\nReceived: by x\r\nSubject: frost\n\r\n--bogus\r\nCover it.\r\n";
     ScriptedRelay relay(ToRecipients({{"m10@", "550-5.1.1 no\r\n550 5.1.1 such\x1b[31m user"},
                                       {"m149@", "553 \xC3\xA4 bad name"}}));
     std::vector<std::string> members = Addresses(250);
@@ -167,6 +168,9 @@ TEST_F(HandoverTest, OneReportTellsTheSenderOfAllWhoAreRefused)
           "Diagnostic-Code: x-local; 5.1.3 the address cannot be used\r\n",
           "\r\nReceived: by x\r\nSubject: frost\r\n\r\n--=_dl_"})
         EXPECT_NE(report.find(part), std::string::npos) << part << "\n" << report;
+    EXPECT_NE(report.find(std::string(897, 'x') + "\r\n " + std::string(103, 'x') + "\r\n"),
+              std::string::npos)
+        << "a relay may refuse a longer line";
     EXPECT_EQ(CountOf(report, "Final-Recipient:"), 3U);
     EXPECT_EQ(CountOf(report, "Cover it"), 0U);
     EXPECT_EQ(report.find("\r\nBcc:"), std::string::npos);

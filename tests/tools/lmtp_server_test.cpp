@@ -229,6 +229,7 @@ TEST_F(LmtpServing, WhereToListen)
         {"127.0.0.1", "neither ADDRESS:PORT nor the path of a local socket"},
         {":24", "neither ADDRESS:PORT"},
         {"127.0.0.1:", "neither ADDRESS:PORT"},
+        {"127.0.0.1:65536", "neither ADDRESS:PORT"},
         {Path("no/folder"), "No such file or directory"},
         {Path(std::string(120, 'x')), "the path of a local socket may have 107 bytes"},
         {Write("file", "kept"), "Address already in use"},

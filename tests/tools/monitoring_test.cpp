@@ -127,9 +127,19 @@ TEST_F(Monitoring, TheIntakeServerIsSeen)
     second.Signal(SIGUSR1);
     second.Signal(SIGTERM);
     EXPECT_EQ(second.Wait(), 0);
-    EXPECT_EQ(RunProgram({"/bin/sh", "-c",
-                          "echo x | " + dlsubmit + " -f a@example.com garden@lists.example.org"}),
-              0);
+    const struct {
+        std::string command;
+        int want;
+    } rows[] = {
+        {"echo x | " + dlsubmit + " -f MAILER-DAEMON garden@lists.example.org", EX_OK},
+        {dlsubmit + " -f a@example.com garden@lists.example.org <&-", EX_TEMPFAIL},
+        {"printf 'From me now\nFrom : a@b\n\n' | " + dlsubmit + " -f a@b.c g@example.org &&" +
+             " ! grep -r '^From me' " + Path("queue") + " && grep -qr '^From : a' " + Path("queue"),
+         EX_OK},
+        {"ulimit -f 1; echo x | " + dlsubmit + " -f a@example.com g@example.org", EX_TEMPFAIL},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(RunProgram({"/bin/sh", "-c", row.command}), row.want) << row.command;
     EXPECT_EQ(status().at("pid"), server.Pid()) << "the first is still seen";
     (void)Dlctl({"metrics"});
     EXPECT_NE(output.find("_up{program=\"dlsubmit\"} 1\n"), std::string::npos);

@@ -119,6 +119,7 @@ std::string Header(const Host& host, const BounceDescription& description)
         "Subject: unable to deliver mail\r\n"
         "Auto-Submitted: auto-replied\r\n"
         "Mime-version: 1.0\r\n"
+        "Content-transfer-encoding: 8bit\r\n"
         "Content-type: multipart/report; report-type=delivery-status;\r\n"
         "  boundary=\"KVT.Boundary.%s\"\r\n\r\n",
         host.name.c_str(), host.entry.c_str(), host.date.c_str(), host.entry.c_str(),

@@ -47,8 +47,9 @@ struct IconvCloser {
 
 std::unique_ptr<void, IconvCloser> OpenConverter(const std::string& from, const std::string& to)
 {
-    iconv_t converter =
-        iconv_open(g_mime_charset_iconv_name(to.c_str()), g_mime_charset_iconv_name(from.c_str()));
+    // What calls itself GB2312 is often GBK and is read so; what is written must be GB2312.
+    const char* target = to == "gb2312" ? "EUC-CN" : g_mime_charset_iconv_name(to.c_str());
+    iconv_t converter = iconv_open(target, g_mime_charset_iconv_name(from.c_str()));
     if (reinterpret_cast<std::intptr_t>(converter) == -1)
         converter = nullptr;
     return std::unique_ptr<void, IconvCloser>(converter);

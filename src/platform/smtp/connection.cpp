@@ -30,7 +30,7 @@ std::string Words(int error)
 }  // namespace
 
 bool Connection::OpenTcp(const std::string& host, int port, std::chrono::milliseconds timeout,
-                         std::string* problem)
+                         const std::function<bool()>& usable, std::string* problem)
 {
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
@@ -47,7 +47,9 @@ bool Connection::OpenTcp(const std::string& host, int port, std::chrono::millise
         if (Connect(one->ai_family, one->ai_addr, one->ai_addrlen, timeout, problem)) {
             const int on = 1;
             (void)setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // it works without
-            return true;
+            if (usable())
+                return true;
+            Close();
         }
     return false;
 }

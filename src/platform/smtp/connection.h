@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <string>
 
 namespace dl::smtp
@@ -19,10 +20,11 @@ class Connection
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // Tries the addresses of `host` one after another, each for `timeout`. False, with plain words
-    // in `problem`.
+    // Tries the addresses of `host` one after another (RFC 5321, 5.1), each for `timeout`, until
+    // one is connected and `usable` says so. False, with plain words in `problem`, where `usable`
+    // puts its own.
     [[nodiscard]] bool OpenTcp(const std::string& host, int port, std::chrono::milliseconds timeout,
-                               std::string* problem);
+                               const std::function<bool()>& usable, std::string* problem);
     [[nodiscard]] bool OpenUnix(const std::string& path, std::chrono::milliseconds timeout,
                                 std::string* problem);
     void Close();

@@ -58,28 +58,26 @@ RecipientResult ResultOf(Outcome outcome, const Reply& reply)
 bool Session::Open(const Relay& relay, std::string* problem)
 {
     relay_ = relay;
-    parser_ = ReplyParser();
-    output_.clear();
-    written_ = 0;
     more_ = nullptr;
-    abilities_ = {};
     needs_reset_ = false;
     transactions_ = 0;
-    failure_.clear();
-    const bool connected =
+    const auto greets = [&] { return Greet(problem); };
+    const bool open =
         relay.socket.empty()
-            ? connection_.OpenTcp(relay.host, relay.port, relay.connect_timeout, problem)
-            : connection_.OpenUnix(relay.socket, relay.connect_timeout, problem);
-    if (!connected)
-        return false;
-    if (Greet(problem))
-        return true;
-    connection_.Close();
-    return false;
+            ? connection_.OpenTcp(relay.host, relay.port, relay.connect_timeout, greets, problem)
+            : connection_.OpenUnix(relay.socket, relay.connect_timeout, problem) && greets();
+    if (!open)
+        connection_.Close();
+    return open;
 }
 
 bool Session::Greet(std::string* problem)
 {
+    parser_ = ReplyParser();
+    output_.clear();
+    written_ = 0;
+    abilities_ = {};
+    failure_.clear();
     Reply reply;
     const auto refused = [&] {
         *problem =
@@ -127,6 +125,8 @@ void Session::ReadAbilities(const std::string& text)
 
 bool Session::NextReply(Reply* reply, std::chrono::milliseconds timeout)
 {
+    // A reply has the time as a whole, however many pieces it comes in; sending begins it anew.
+    auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         switch (parser_.Next(reply)) {
             case ReplyParser::Result::kReply:
@@ -140,8 +140,14 @@ bool Session::NextReply(Reply* reply, std::chrono::milliseconds timeout)
         if (!IsOpen() || !Refill())
             return false;
         input_.clear();
-        const Connection::Event event = connection_.Exchange(output_, &written_, &input_, timeout);
+        const std::size_t sent = written_;
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        const Connection::Event event = connection_.Exchange(
+            output_, &written_, &input_, std::max(left, std::chrono::milliseconds(0)));
         parser_.Add(input_);
+        if (written_ != sent)
+            deadline = std::chrono::steady_clock::now() + timeout;
         if (event != Connection::Event::kProgress) {
             Fail(Words(event));
             return false;

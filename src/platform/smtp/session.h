@@ -29,8 +29,9 @@ struct Relay {
     bool lmtp = false;
     std::string helo = "localhost";
     std::chrono::milliseconds connect_timeout{30'000};
-    std::chrono::milliseconds answer_timeout{300'000};  // for each step of progress
-    std::chrono::milliseconds data_timeout{600'000};    // the same while the message is sent
+    std::chrono::milliseconds answer_timeout{300'000};  // for each answer
+    std::chrono::milliseconds data_timeout{600'000};    // the same at the message's end, and for
+                                                        // each step of progress in sending it
 };
 
 enum class Outcome {
@@ -106,6 +107,7 @@ class Session
     bool NoteReply(Plan* plan, std::size_t command, const Reply& reply);
     void FollowData(Plan* plan);
     void SendMessage(Plan* plan);
+    void NoteEarlyReplies(Plan* plan, Reply reply);
 
     Relay relay_;
     Connection connection_;

@@ -261,6 +261,21 @@ void Session::FollowData(Plan* plan)
     }
 }
 
+// In LMTP each reply is one recipient's: of those who have none yet, nothing is known.
+void Session::NoteEarlyReplies(Plan* plan, Reply reply)
+{
+    const RecipientResult untold{Outcome::kLater, 0, "", failure_};
+    const auto result = [&] {
+        return reply.Is(4) || reply.Is(5) ? ResultOf(ByCode(reply), reply) : untold;
+    };
+    plan->Settle(plan->accepted, relay_.lmtp && reply.code != 421 ? untold : result());
+    bool more = relay_.lmtp && reply.code != 421;
+    for (std::size_t i = 0; more && i < plan->accepted.size(); ++i) {
+        plan->result.recipients[plan->accepted[i]] = result();
+        more = NextReply(&reply, std::chrono::milliseconds(0));  // that have come already
+    }
+}
+
 void Session::SendMessage(Plan* plan)
 {
     plan->result.data_sent = true;
@@ -281,10 +296,7 @@ void Session::SendMessage(Plan* plan)
         if (!sent_whole()) {
             // It answers before it has seen the end: it does not want the rest.
             Fail("the relay did not take the message whole");
-            if (reply.Is(2) || reply.Is(3))
-                break;
-            plan->Settle(plan->accepted, ResultOf(ByCode(reply), reply));
-            return;
+            return NoteEarlyReplies(plan, reply);
         }
         if (reply.Is(3)) {
             Fail("the relay sent a reply that cannot be understood");

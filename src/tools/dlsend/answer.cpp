@@ -11,6 +11,8 @@ namespace dl
 namespace
 {
 
+constexpr std::size_t kMostField = 900;  // bytes; a line may have 998 (RFC 5322, 2.1.1)
+
 bool IsDigit(char c)
 {
     return c >= '0' && c <= '9';
@@ -26,11 +28,12 @@ std::string_view Behind(std::string_view text, std::string_view word)
     return text.substr(std::min(text.size(), word.size() + 1));
 }
 
-// Digits and two dots, the class first.
+// Digits and two dots, the class first, then two numbers of at most three digits (RFC 3463, 2).
 bool IsEnhanced(std::string_view word)
 {
-    return word.size() >= 5 && (word[0] == '2' || word[0] == '4' || word[0] == '5') &&
-           word[1] == '.' && std::count(word.begin(), word.end(), '.') == 2 && IsDigit(word[2]) &&
+    return word.size() >= 5 && word.rfind('.') <= 5 && word.size() - word.rfind('.') <= 4 &&
+           (word[0] == '2' || word[0] == '4' || word[0] == '5') && word[1] == '.' &&
+           std::count(word.begin(), word.end(), '.') == 2 && IsDigit(word[2]) &&
            IsDigit(word.back()) &&
            std::all_of(word.begin(), word.end(), [](char c) { return IsDigit(c) || c == '.'; });
 }
@@ -116,10 +119,10 @@ std::string AddressField(std::string_view address)
     const bool ascii = std::all_of(address.begin(), address.end(),
                                    [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     if (ascii)
-        return "rfc822; " + CleanAscii(address, 500);
+        return "rfc822; " + CleanAscii(address, kMostField);
     std::string field = "utf-8; ";
-    const std::string clean = CleanText(address, 500);
-    for (std::string_view rest = clean; !rest.empty();) {
+    const std::string clean = CleanText(address, kMostField);
+    for (std::string_view rest = clean; !rest.empty() && field.size() < kMostField;) {
         const std::string_view character = rest.substr(0, CharacterSize(rest));
         const std::uint32_t point = CodePoint(character);
         if (point > ' ' && point < 0x7F && point != '\\' && point != '+' && point != '=')

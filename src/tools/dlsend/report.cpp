@@ -17,6 +17,7 @@ namespace
 constexpr char kMark[] = "X-DL-Delivery-Report:";
 constexpr std::size_t kMarkReach = 65'536;  // bytes of a message that are looked at
 constexpr std::size_t kMostHeaders = 65'536;
+constexpr std::size_t kMostLine = 900;   // bytes; RFC 5322 allows 998
 constexpr std::size_t kMostNamed = 100;  // recipients in the part for people
 constexpr std::size_t kMostText = 500;
 
@@ -48,7 +49,8 @@ bool WriteHeader(FileWriter& out, const ReportFacts& facts, const std::string& b
            out.Print("Subject: Undelivered mail\r\n") &&
            out.Print("Auto-Submitted: auto-replied\r\n%s %08lX\r\n", kMark, facts.id) &&
            out.Print(
-               "MIME-Version: 1.0\r\nContent-Type: multipart/report;"
+               "MIME-Version: 1.0\r\nContent-Transfer-Encoding: 8bit\r\nContent-Type: "
+               "multipart/report;"
                " report-type=delivery-status;\r\n\tboundary=\"%s\"\r\n\r\n",
                boundary.c_str());
 }
@@ -103,7 +105,8 @@ bool WriteStatus(FileWriter& out, const ReportFacts& facts, const std::string& b
            out.Print("\r\n");
 }
 
-// The header's lines as they are, but that each ends with CRLF.
+// The header's lines as they are, but that each ends with CRLF; a relay may refuse the report for
+// one that is longer than RFC 5322 allows, so such a line is folded.
 bool WriteOriginal(FileWriter& out, const ReportFacts& facts, const std::string& boundary)
 {
     if (!out.Print("--%s\r\nContent-Type: text/rfc822-headers; charset=utf-8\r\n"
@@ -112,7 +115,9 @@ bool WriteOriginal(FileWriter& out, const ReportFacts& facts, const std::string&
         return false;
     LineReader in(facts.message_path);  // a missing one leaves the part empty
     std::size_t written = 0;
-    while (const auto read = in.IsOpen() ? in.NextPiece(kMostHeaders) : std::nullopt) {
+    bool folds = false;  // the line began in the piece before
+    while (const auto read = in.IsOpen() ? in.NextPiece(kMostLine) : std::nullopt) {
+        const bool whole = read->ends_with('\n');
         std::string line(*read);
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
             line.pop_back();
@@ -120,10 +125,11 @@ bool WriteOriginal(FileWriter& out, const ReportFacts& facts, const std::string&
             if (c == '\r' || c == '\0')
                 c = ' ';
         written += line.size();
-        if (line.empty() || written > kMostHeaders)
+        if ((line.empty() && !folds) || written > kMostHeaders)
             break;
-        if (!out.Write(line + "\r\n"))
+        if (!line.empty() && !out.Write((folds ? " " : "") + line + "\r\n"))
             return false;
+        folds = !whole;
     }
     return out.Print("\r\n--%s--\r\n", boundary.c_str());
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <system_error>
 
@@ -114,7 +115,10 @@ bool Listener::OpenTcp(const std::string& where, std::string* error)
 {
     const std::size_t colon = where.rfind(':');
     std::string host = where.substr(0, colon);
-    if (colon == std::string::npos || colon == 0 || colon + 1 == where.size())
+    // The resolver would take a larger port modulo 65536.
+    const bool digits = where.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+    if (colon == std::string::npos || colon == 0 || colon + 1 == where.size() ||
+        (digits && std::strtoul(where.c_str() + colon + 1, nullptr, 10) > 65535))
         return Fail(error, where, "neither ADDRESS:PORT nor the path of a local socket");
     if (host.size() > 2 && host.front() == '[' && host.back() == ']')
         host = host.substr(1, host.size() - 2);

@@ -71,12 +71,12 @@ void TextDecoder::Put(char c, std::string* out)
         state_ = State::kLineStart;
         return;
     }
-    if (after_cr)
-        *out += ' ';
     if (c == '\r') {
         state_ = State::kCr;
         return;
     }
+    if (after_cr)
+        *out += ' ';
     state_ = State::kInLine;
     if (c == '\n')
         *out += '\r';

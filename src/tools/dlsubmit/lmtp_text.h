@@ -3,7 +3,8 @@
 // The end is CRLF "." CRLF and nothing else, and only a dot that follows CRLF was stuffed: a client
 // that takes a bare LF or CR for a line end, or for none, cannot be made to see another end than we
 // do. What comes out has CRLF at the end of each line and neither CR nor LF elsewhere: a bare LF
-// becomes CRLF, a bare CR a blank. All other bytes, NUL among them, come out as they went in.
+// becomes CRLF, CRs before a line end are left out (the empty line behind a header would else be
+// none), other bare CRs become a blank. All other bytes, NUL among them, come out as they went in.
 #pragma once
 
 #include <cstddef>

@@ -23,7 +23,7 @@ constexpr std::size_t kBlock = 65536;
 
 bool IsNullSender(const std::string& sender)
 {
-    return sender.empty() || sender == "<>";
+    return sender.empty() || sender == "<>" || sender == "MAILER-DAEMON";
 }
 
 // The address without angle brackets; empty when it cannot be used.
@@ -34,21 +34,42 @@ std::string Usable(const std::string& address)
     return usable ? parsed.addresses[0].full : "";
 }
 
-// Copies the message, each line end as CRLF. False when it cannot be read or written whole.
+// The bytes of the line "From SENDER DATE" that mail servers put before what they hand to a
+// program, as in a mailbox file; 0 when the message begins with its header. "From : a@b" is a
+// header field.
+std::size_t MailboxLineSize(std::string_view text)
+{
+    const std::size_t end = text.find('\n');
+    const std::size_t word = text.find_first_not_of(" \t", 5);
+    const bool is_one = text.starts_with("From ") && end != std::string_view::npos &&
+                        word != std::string_view::npos && text[word] != ':';
+    return is_one ? end + 1 : 0;
+}
+
+// Copies the message, each line end as CRLF, with the CRs before it; any others become a blank, as
+// in the text of LMTP. False when it cannot be read or written whole.
 bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
 {
     std::string block(kBlock, '\0');
     std::string text;
-    char last = '\0';
+    bool cr = false;  // some were read that are not written yet
+    bool begins = true;
     for (;;) {
         const std::size_t got = std::fread(block.data(), 1, block.size(), in);
         if (got == 0)
             break;
         text.clear();
-        for (std::size_t i = 0; i < got; ++i) {
-            if (block[i] == '\n' && last != '\r')
+        std::string_view piece = std::string_view(block).substr(0, got);
+        if (std::exchange(begins, false))
+            piece.remove_prefix(MailboxLineSize(piece));
+        for (const char c : piece) {
+            if (c == '\n')
                 text += '\r';
-            text += last = block[i];
+            else if (cr && c != '\r')
+                text += ' ';
+            if (c != '\r')
+                text += c;
+            cr = c == '\r';
         }
         message_id->Read(text);
         if (!out->Write(text))

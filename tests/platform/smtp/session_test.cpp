@@ -359,13 +359,18 @@ TEST_F(SessionTest, TenThousandRecipientsInOneTransaction)
 TEST_F(SessionTest, HearsARefusalInTheMiddleOfTheMessage)
 {
     Open(std::string(990, 'x') + "\n" + std::string(8'000'000, 'y'));
-    ScriptedRelay relay(When("DATA", {"354 go on\r\n552 5.3.4 too much", false, true}));
-    Session session;
-    Connect(&session, At(relay));
-    const TransactionResult result = Send(session, {"a@example.org"});
-    EXPECT_EQ(result.recipients[0].Line(), "552 5.3.4 too much");
-    EXPECT_EQ(Outcomes(result), "R");
-    EXPECT_TRUE(result.lost);
+    for (const bool lmtp : {false, true}) {
+        ScriptedRelay::Options options;
+        options.lmtp = lmtp;
+        ScriptedRelay relay(When("DATA", {"354 go on\r\n552 5.3.4 too much", false, true}),
+                            options);
+        Session session;
+        Connect(&session, At(relay, lmtp));
+        const TransactionResult result = Send(session, Addresses(3));
+        EXPECT_EQ(result.recipients[0].Line(), "552 5.3.4 too much");
+        EXPECT_EQ(Outcomes(result), lmtp ? "RLL" : "RRR");
+        EXPECT_TRUE(result.lost);
+    }
 }
 
 }  // namespace
