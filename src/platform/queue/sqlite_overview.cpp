@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "platform/queue/delivery.h"
 #include "platform/queue/entry_files.h"
 #include "platform/queue/queue.h"
 
@@ -44,6 +45,17 @@ bool ReadNumber(const Connection& db, const char* sql, int* value)
         return false;
     *value = sqlite3_column_int(statement.get(), 0);
     return true;
+}
+
+// With `code`, that of SQLite; the connection is there also when it could not be opened.
+Connection OpenToRead(const std::string& path, int* code)
+{
+    sqlite3* opened = nullptr;
+    *code =
+        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (opened)
+        sqlite3_busy_timeout(opened, kBusyMilliseconds);
+    return Connection(opened);
 }
 
 std::string Words(const Connection& db)
@@ -100,12 +112,8 @@ QueueOverview ReadQueueOverview(const std::string& folder)
         overview.cause = PlainError(errno);
         return overview;
     }
-    sqlite3* opened = nullptr;
-    const int code =
-        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-    const Connection db(opened);
-    if (db)
-        sqlite3_busy_timeout(db.get(), kBusyMilliseconds);
+    int code = SQLITE_OK;
+    const Connection db = OpenToRead(path, &code);
     int application = 0;
     if (code != SQLITE_OK || !ReadNumber(db, "PRAGMA user_version", &overview.format) ||
         !ReadNumber(db, "PRAGMA application_id", &application)) {
@@ -128,13 +136,10 @@ QueueOverview ReadQueueOverview(const std::string& folder)
 std::vector<EntryOverview> ReadQueueEntry(const std::string& folder, unsigned long id)
 {
     std::vector<EntryOverview> entries;
-    sqlite3* opened = nullptr;
-    const int code = sqlite3_open_v2((folder + "/index.db").c_str(), &opened,
-                                     SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
-    const Connection db(opened);
+    int code = SQLITE_OK;
+    const Connection db = OpenToRead(folder + "/index.db", &code);
     if (code != SQLITE_OK)
         return entries;
-    sqlite3_busy_timeout(db.get(), kBusyMilliseconds);
     const Statement rows = Prepare(
         db,
         "SELECT channel, origin, closed, due, recipients, tries, owner IS NOT NULL, problem, states"
@@ -159,8 +164,9 @@ std::vector<EntryOverview> ReadQueueEntry(const std::string& folder, unsigned lo
         const auto* states = static_cast<const char*>(sqlite3_column_blob(rows.get(), 8));
         const int count = sqlite3_column_bytes(rows.get(), 8);
         for (int i = 0; states && i < count; ++i) {
-            one.delivered += states[i] == 1 ? 1 : 0;
-            one.refused += states[i] == 2 ? 1 : 0;
+            const auto state = static_cast<RecipientState>(states[i]);
+            one.delivered += state == RecipientState::kDelivered ? 1 : 0;
+            one.refused += state == RecipientState::kRefused ? 1 : 0;
         }
         entries.push_back(std::move(one));
     }
