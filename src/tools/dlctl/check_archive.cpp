@@ -18,7 +18,7 @@ void CheckArchive(const std::string& list, CheckReport* report)
         if (problem.fault == ArchiveFault::kNewer)
             report->Fail(what,
                          "install the newer version again, or bring back index.db from before the "
-                         "upgrade");
+                         "upgrade and remove index.db-wal and index.db-shm");
         else if (problem.fault == ArchiveFault::kDamaged)
             report->Fail(what, "dlctl archive rebuild " + list);
         else

@@ -237,9 +237,6 @@ void AddCheckCommands(CLI::App* program, int* status)
                      "Megabytes that should be free on each disk; below a fifth is critical")
         ->default_val(100)
         ->check(CLI::NonNegativeNumber);
-    check->footer(
-        "Examples:\n  dlctl check\n  dlctl check --fix\n"
-        "  dlctl check --json | jq '.findings[].mend'");
     check->callback([=] { *status = Check(*options); });
 }
 

@@ -89,7 +89,7 @@ void CheckIndex(const std::string& queue, CheckReport* report)
         case State::kNewer:
             report->Fail("the queue " + queue + ": " + overview.cause,
                          "install the newer version again, or bring back index.db from before the "
-                         "upgrade");
+                         "upgrade and remove index.db-wal and index.db-shm");
             return;
         case State::kFailed:
             break;

@@ -12,6 +12,16 @@ namespace
 {
 
 constexpr std::pair<const char*, const char*> kExamples[] = {
+    {"status", "  dlctl status\n  dlctl status --json | jq .channels"},
+    {"check",
+     "  dlctl check\n  dlctl check --fix\n"
+     "  dlctl check --json | jq '.findings[].mend'"},
+    {"explain",
+     "  dlctl explain 6B0175F2\n  dlctl explain '<20261121.4711@example.com>'\n"
+     "  dlctl explain 6B0175F2 --log /var/log/mail.log"},
+    {"metrics",
+     "  dlctl metrics\n"
+     "  dlctl metrics --output /var/lib/prometheus/node-exporter/dlmanager.prom"},
     {"list", "  dlctl list\n  dlctl list --json | jq '.[].mail'"},
     {"list create",
      "  dlctl list create garden@lists.example.org --owner boss@example.org\n"

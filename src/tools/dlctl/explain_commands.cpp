@@ -118,9 +118,6 @@ void AddExplainCommands(CLI::App* program, int* status)
     explain->add_option("--log", options->logs,
                         "Search these logs, and their rotated ones, instead of the configured");
     explain->add_flag("--json", options->json, "As JSON");
-    explain->footer(
-        "Examples:\n  dlctl explain 6B0175F2\n  dlctl explain '<20261121.4711@example.com>'\n"
-        "  dlctl explain 6B0175F2 --log /var/log/mail.log");
     explain->callback([=] { *status = Explain(*options); });
 }
 

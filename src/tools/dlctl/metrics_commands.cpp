@@ -345,9 +345,6 @@ void AddMetricsCommands(CLI::App* program, int* status)
         program->add_subcommand("metrics", "Print metrics in the text format of Prometheus");
     command->add_option("--output", *file,
                         "Put them into this file, whole or not at all, for a textfile collector");
-    command->footer(
-        "Examples:\n  dlctl metrics\n"
-        "  dlctl metrics --output /var/lib/prometheus/node-exporter/dlmanager.prom");
     command->callback([=] { *status = Print(*file); });
 }
 

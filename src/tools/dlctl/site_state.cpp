@@ -33,6 +33,7 @@ std::vector<DigestDue> ReadDigests()
         const std::string list = folder->path().filename();
         if (!IsSafeFolderName(list))
             continue;
+        // Not as a DueFile, which is opened for writing: whoever looks may only read.
         std::FILE* file = std::fopen(DigestDuePath(list).c_str(), "rb");
         if (!file)
             continue;

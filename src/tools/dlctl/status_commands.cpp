@@ -146,7 +146,6 @@ void AddStatusCommands(CLI::App* program, int* status)
         "status",
         "Show whether the service runs and what waits. Exit status 0 when it runs, else 3");
     command->add_flag("--json", *json, "As JSON");
-    command->footer("Examples:\n  dlctl status\n  dlctl status --json | jq .channels");
     command->callback([=] { *status = Status(*json); });
 }
 
