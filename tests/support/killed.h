@@ -6,12 +6,22 @@
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 
 namespace dl::testing
 {
+
+// Puts the index `kept` in place of the file `index`, with nothing of a migration beside it.
+inline void PutIndexBack(const std::string& kept, const std::string& index)
+{
+    for (const char* end : {"", "-wal", "-shm", ".format-1", ".format-1.part"})
+        std::filesystem::remove(index + end);
+    std::filesystem::copy_file(kept, index);
+}
 
 struct KilledDeed {
     std::function<void()> prepare;  // comes before each run

@@ -175,11 +175,7 @@ TEST_F(ArchiveMigration, AKillInTheMiddleLosesNothing)
     const std::string index = ArchivePath() + "/index.db";
     const std::string kept = Path("kept.db");
     fs::copy_file(index, kept);
-    const auto prepare = [&] {
-        for (const char* end : {"", "-wal", "-shm", ".format-1", ".format-1.part"})
-            fs::remove(index + end);
-        fs::copy_file(kept, index);
-    };
+    const auto prepare = [&] { PutIndexBack(kept, index); };
     const auto file = [&] {
         CDlArchive::AddArchive(ArchivePath(), 4);
         return true;

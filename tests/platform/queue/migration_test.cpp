@@ -122,11 +122,7 @@ TEST_F(Migration, AKillInTheMiddleKeepsEveryEntryOnce)
     const std::string index = folder + "/index.db";
     const std::string kept = Path("kept.db");
     fs::copy_file(index, kept);
-    const auto prepare = [&] {
-        for (const char* end : {"", "-wal", "-shm", ".format-1", ".format-1.part"})
-            fs::remove(index + end);
-        fs::copy_file(kept, index);
-    };
+    const auto prepare = [&] { PutIndexBack(kept, index); };
     const auto look = [&] {
         EXPECT_TRUE(fs::exists(Backup()) || Sql("queue/index.db", "PRAGMA user_version") == "1\n");
         ASSERT_TRUE(MQInitAt(folder));
