@@ -311,8 +311,9 @@ TEST_F(Monitoring, ExplainFollowsAMessageThroughAllLogs)
 TEST_F(Monitoring, ExplainReadsTheQueue)
 {
     ASSERT_TRUE(MQInitAt(Path("queue")));
-    const unsigned long id =
-        Put("Subject: x\r\nMessage-ID:\r\n <three@example.com>\r\n\r\nbody\r\n", "dlout");
+    const unsigned long id = Put(
+        "Subject: on <three@example.com>\r\nMessage-ID:\r\n <three@example.com>\r\n\r\nbody\r\n",
+        "dlout");
     const auto channel = DeliveryChannel::Open("dlout");
     std::vector<DueEntry> due;
     ASSERT_TRUE(channel && channel->Take(clock.now, 10, &due));

@@ -1,4 +1,4 @@
-#include "tools/dlsubmit/message_id.h"
+#include "platform/address/message_id.h"
 
 #include "platform/address/address.h"
 

@@ -1,5 +1,5 @@
-// The Message-ID of a message that passes by in pieces, for the log: by it a postmaster asks what
-// became of a message.
+// The Message-ID (RFC 5322, 3.6.4) of a message that passes by in pieces: the intake logs it, and
+// by it a postmaster asks what became of a message.
 //
 // Only the header is looked at, and of it 256 KB at most; of the value 250 bytes are kept.
 #pragma once

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "platform/address/address.h"
+#include "platform/address/message_id.h"
 #include "platform/log/format.h"
 #include "tools/dlctl/log_words.h"
 
@@ -20,7 +20,6 @@ constexpr std::size_t kMostIds = 32;                     // that one question fo
 constexpr std::size_t kMostNamed = 20;                   // recipients, of each kind
 constexpr std::chrono::milliseconds kMessageFiles{300};  // for looking into the queue's messages
 constexpr std::size_t kHeaderBytes = 16'384;
-constexpr std::string_view kHeader = "Message-ID:";
 
 // Why the queue cannot be looked at, which is not to be told as "not in the queue"; empty when it
 // can, or there is none.
@@ -56,10 +55,11 @@ void Inquiry::Run()
     for (std::size_t i = 0; i < ids_.size(); ++i)  // Follow may add some
         Follow(std::string(ids_[i]));
     queue_problem_ = QueueProblem();
-    for (const std::string& id : queue_problem_.empty() ? ids_ : std::vector<std::string>())
-        for (EntryOverview& entry :
-             ReadQueueEntry(QueuePath(), std::strtoul(id.c_str(), nullptr, 16)))
-            queued_.emplace_back(id, std::move(entry));
+    if (queue_problem_.empty())
+        for (const std::string& id : ids_)
+            for (EntryOverview& entry :
+                 ReadQueueEntry(QueuePath(), std::strtoul(id.c_str(), nullptr, 16)))
+                queued_.emplace_back(id, std::move(entry));
     std::stable_sort(events_.begin(), events_.end(), [](const Event& a, const Event& b) {
         const auto dated = [](const Event& e) {
             return !e.time.empty() && std::isdigit(static_cast<unsigned char>(e.time[0])) != 0;
@@ -110,18 +110,11 @@ void Inquiry::LookIntoQueue()
         std::fclose(file);
         const std::string_view read = std::string_view(header).substr(0, got);
         const std::string_view head = read.substr(0, read.find("\r\n\r\n"));
-        const std::size_t at = head.find(core);
-        if (at == std::string_view::npos)
+        if (head.find(core) == std::string_view::npos)
             continue;
-        // The line, and the one before when it is folded.
-        std::size_t begin = head.rfind('\n', at);
-        begin = begin == std::string_view::npos ? 0 : begin + 1;
-        if (begin > 1 && (head[begin] == ' ' || head[begin] == '\t')) {
-            begin = head.rfind('\n', begin - 2);
-            begin = begin == std::string_view::npos ? 0 : begin + 1;
-        }
-        const std::string_view line = head.substr(begin, head.find('\n', at) - begin);
-        if (StartsWithNoCase(line, kHeader) && IsMessageId(line.substr(kHeader.size()), core))
+        MessageIdFinder finder;  // the text may stand in other headers before it
+        finder.Read(read);
+        if (IsMessageId(finder.Text(), core))
             Add(IdBehind(std::filesystem::path(path).filename().string(), ""));
     }
 }

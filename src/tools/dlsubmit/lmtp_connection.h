@@ -10,9 +10,9 @@
 #include <optional>
 #include <string>
 
+#include "platform/address/message_id.h"
 #include "tools/dlsubmit/intake_entry.h"
 #include "tools/dlsubmit/lmtp_session.h"
-#include "tools/dlsubmit/message_id.h"
 
 namespace dl
 {

@@ -6,13 +6,13 @@
 #include <utility>
 
 #include "platform/address/address.h"
+#include "platform/address/message_id.h"
 #include "platform/files/files.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
 #include "platform/metrics/metrics.h"
 #include "platform/queue/queue.h"
 #include "tools/dlsubmit/intake_log.h"
-#include "tools/dlsubmit/message_id.h"
 
 namespace dl
 {
