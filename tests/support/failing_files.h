@@ -50,7 +50,7 @@ class FailingFiles : public FileBackend, public Faults<FileCall>
         if (watched && Fails(writes ? FileCall::kCreate : FileCall::kOpen, writes ? ENOSPC : EIO))
             return nullptr;
         if (watched && !writes && Fails(FileCall::kRead, 0))
-            return PosixFiles().Open("/", mode);  // a folder opens, and reading it fails
+            return PosixFiles().Open("/proc/self/mem", mode);  // its first byte is an EIO
         std::FILE* file = PosixFiles().Open(path, mode);
         if (file && watched && writes) {
             const std::lock_guard<std::mutex> guard(mutex_);

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "platform/address/address.h"
+#include "platform/files/machine_fault.h"
 
 namespace dl
 {
@@ -34,6 +35,7 @@ std::atomic<FileBackend*> installed{nullptr};
 
 std::string Cause(const std::string& what)
 {
+    NoteMachineFault(errno);
     return what + ": " + std::error_code(errno, std::generic_category()).message();
 }
 
@@ -115,7 +117,7 @@ void CFileUtil::Copy(const std::string& from, const std::string& to, unsigned lo
             error = Cause(module_ + ": cannot write " + to);
     }
     if (error.empty() && std::ferror(in))
-        error = module_ + ": cannot read " + from;
+        error = Cause(module_ + ": cannot read " + from);
     std::fclose(in);
     if (!out.Close() && error.empty())
         error = Cause(module_ + ": cannot write " + to);
@@ -133,8 +135,10 @@ std::string KVTGetTempFileName(const char* folder, const char* prefix)
     path += prefix;
     path += "XXXXXX";
     const int fd = mkostemp(path.data(), O_CLOEXEC);
-    if (fd < 0)
+    if (fd < 0) {
+        NoteMachineFault(errno);
         return "";
+    }
     ::close(fd);
     return path;
 }
@@ -181,7 +185,11 @@ bool SyncPath(const std::string& path)
     if (fd < 0)
         return false;
     const bool done = ::fsync(fd) == 0;
+    const int error = errno;
     ::close(fd);
+    errno = error;
+    if (!done)
+        NoteMachineFault(error);
     return done;
 }
 
@@ -197,6 +205,7 @@ bool ReplaceFile(const std::string& path, std::string_view bytes, mode_t mode)
                          ::chmod(temp.c_str(), mode) == 0 && SyncPath(temp) &&
                          Files().Rename(temp.c_str(), path.c_str());
     if (!written) {
+        NoteMachineFault(errno);
         (void)Files().Remove(temp.c_str());  // the failure that is reported came before
         return false;
     }

@@ -1,8 +1,10 @@
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <utility>
 
 #include "platform/files/files.h"
+#include "platform/files/machine_fault.h"
 #include "platform/log/format.h"
 
 namespace dl
@@ -14,7 +16,11 @@ constexpr std::size_t kChunk = 65536;
 
 }  // namespace
 
-LineReader::LineReader(const std::string& path) : file_(Files().Open(path.c_str(), "rb")) {}
+LineReader::LineReader(const std::string& path) : file_(Files().Open(path.c_str(), "rb"))
+{
+    if (!file_)
+        NoteMachineFault(errno);
+}
 
 LineReader::LineReader(std::FILE* file) : file_(file) {}
 
@@ -42,9 +48,14 @@ bool LineReader::Fill()
     // A long line doubles the buffer, so that finding its end stays linear.
     const std::size_t more = kept > kChunk ? kept : kChunk;
     buffer_.resize(kept + more);
+    errno = 0;
     const std::size_t got = std::fread(buffer_.data() + kept, 1, more, file_);
+    const int error = errno;
     buffer_.resize(kept + got);
-    failed_ = failed_ || std::ferror(file_) != 0;
+    if (std::ferror(file_) != 0) {
+        NoteMachineFault(error);
+        failed_ = true;
+    }
     return got > 0;
 }
 
@@ -84,6 +95,8 @@ std::optional<std::string_view> LineReader::NextPiece(std::size_t limit)
 FileWriter::FileWriter(const std::string& path, const char* mode)
     : file_(Files().Open(path.c_str(), mode)), ok_(file_ != nullptr)
 {
+    if (!file_)
+        NoteMachineFault(errno);
 }
 
 FileWriter::FileWriter(FileWriter&& other) noexcept
@@ -102,7 +115,11 @@ FileWriter::~FileWriter()
 
 bool FileWriter::Write(std::string_view bytes)
 {
-    ok_ = ok_ && file_ && Files().Write(file_, bytes.data(), bytes.size());
+    if (ok_ && file_ && !Files().Write(file_, bytes.data(), bytes.size())) {
+        NoteMachineFault(errno);
+        ok_ = false;
+    }
+    ok_ = ok_ && file_;
     last_ = bytes.empty() ? last_ : bytes.back();
     written_ += ok_ ? static_cast<std::int64_t>(bytes.size()) : 0;
     return ok_;
@@ -124,8 +141,10 @@ bool FileWriter::PrintList(const char* format, va_list args)
 
 bool FileWriter::Close()
 {
-    if (file_ && !Files().Close(std::exchange(file_, nullptr)))
+    if (file_ && !Files().Close(std::exchange(file_, nullptr))) {
+        NoteMachineFault(errno);
         ok_ = false;
+    }
     return ok_;
 }
 
