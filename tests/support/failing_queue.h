@@ -23,6 +23,8 @@ enum class QueueCall {
     kInsert,
     kEnvelope,
     kClose,
+    kPrepare,
+    kCommit,
     kTake,
     kRemove,
     kReadEnvelope,
@@ -40,7 +42,8 @@ class FailingQueue : public QueueBackend, public Faults<QueueCall>
     ~FailingQueue() override { SetQueueBackend(nullptr); }
 
     // The calls so far that change the queue, as "create insert(dlout,255) envelope close"; also
-    // "discard" and "remove". A failed one stands there too.
+    // "discard", "remove" and, of a work, "commit(...)" with what its parts publish and remove. A
+    // failed one stands there too.
     [[nodiscard]] std::string Calls() const { return calls_; }
     void ClearCalls() { calls_.clear(); }
 
@@ -71,10 +74,30 @@ class FailingQueue : public QueueBackend, public Faults<QueueCall>
         Note("discard");
         real_->Abandon(id);
     }
-
-    std::int64_t BeginReader(const std::string& channel) override
+    bool Prepare(const std::vector<PendingEntry*>& entries) override
     {
-        return real_->BeginReader(channel);
+        return !Fails(QueueCall::kPrepare, "") && real_->Prepare(entries);
+    }
+    bool Commit(const std::vector<const WorkPart*>& parts) override
+    {
+        std::string text;
+        for (const WorkPart* part : parts) {
+            text += (text.empty() ? "" : ", ") + std::to_string(part->published.size());
+            text += part->removed.empty() ? "" : " remove";
+            text += part->postponed.empty() ? "" : " postpone";
+            for (const WorkPart::Mark& mark : part->marks)
+                text += (mark.value ? " mark " : " unmark ") + mark.name;
+        }
+        return !Fails(QueueCall::kCommit, "commit(" + text + ")") && real_->Commit(parts);
+    }
+    bool ReadMarks(const std::string& prefix, std::map<std::string, std::string>* marks) override
+    {
+        return real_->ReadMarks(prefix, marks);
+    }
+
+    std::int64_t BeginReader(const std::string& channel, std::int64_t longest_pause) override
+    {
+        return real_->BeginReader(channel, longest_pause);
     }
     bool EndReader(std::int64_t reader) override { return real_->EndReader(reader); }
     void BeginPass(std::int64_t reader) override { real_->BeginPass(reader); }
@@ -86,6 +109,17 @@ class FailingQueue : public QueueBackend, public Faults<QueueCall>
     {
         return !Fails(QueueCall::kRemove, "remove") && real_->Remove(reader, id);
     }
+    bool IsSuspect(std::int64_t reader, std::uint32_t id) override
+    {
+        return real_->IsSuspect(reader, id);
+    }
+    bool Blame(std::int64_t reader, std::uint32_t id) override
+    {
+        Note("blame");
+        return real_->Blame(reader, id);
+    }
+    bool HasRoomFor(std::int64_t bytes) override { return real_->HasRoomFor(bytes); }
+    void NeedRoomAt(const std::string& folder) override { real_->NeedRoomAt(folder); }
     Found ReadEnvelope(std::uint32_t id, std::string* encoded) override
     {
         return Fails(QueueCall::kReadEnvelope, "") ? Found::kFailed

@@ -14,10 +14,11 @@ DeliveryChannel::DeliveryChannel(std::shared_ptr<QueueBackend> queue, std::int64
 {
 }
 
-std::unique_ptr<DeliveryChannel> DeliveryChannel::Open(const std::string& channel)
+std::unique_ptr<DeliveryChannel> DeliveryChannel::Open(const std::string& channel,
+                                                       std::int64_t longest_pause)
 {
     std::shared_ptr<QueueBackend> queue = OpenedQueue();
-    const std::int64_t reader = queue ? queue->BeginReader(channel) : -1;
+    const std::int64_t reader = queue ? queue->BeginReader(channel, longest_pause) : -1;
     if (reader < 0)
         return nullptr;
     return std::unique_ptr<DeliveryChannel>(new DeliveryChannel(std::move(queue), reader));

@@ -2,8 +2,8 @@
 //
 // A DeliveryChannel is a reader of one channel. Take gives entries whose time has come, in the
 // order of the channel, and keeps them from other readers until a Record ends them: put back with a
-// new due time, given back as they were, held, or finished. Of an entry that was taken only a
-// reader that dies counts as a failed hand-out (see queue.h); an end by Record does not. What
+// new due time, given back as they were, held, or finished. An entry that was in flight when its
+// reader died (see queue.h) comes after all others, one at a time, until a Record ends it. What
 // Record was given is on disk when it returns true. Any thread may call; the queue logs the cause
 // of a failure in one level 1 line. The states belong to the entry: it is delivered from one
 // channel only.
@@ -104,9 +104,12 @@ class DeliveryBackend
 class DeliveryChannel
 {
  public:
-    // Null when the queue cannot be read.
-    [[nodiscard]] static std::unique_ptr<DeliveryChannel> Open(const std::string& channel);
-    // Gives back what is still taken; that then counts as a failed hand-out.
+    // Entries that are put back wait no longer than `longest_pause` seconds, whatever the clock
+    // does meanwhile. Null when the queue cannot be read.
+    [[nodiscard]] static std::unique_ptr<DeliveryChannel> Open(const std::string& channel,
+                                                               std::int64_t longest_pause = 365 *
+                                                                                            86'400);
+    // Gives back what is still taken.
     ~DeliveryChannel();
     DeliveryChannel(const DeliveryChannel&) = delete;
     DeliveryChannel& operator=(const DeliveryChannel&) = delete;

@@ -8,6 +8,7 @@
 #include "platform/config/config.h"
 #include "platform/log/log.h"
 #include "platform/queue/queue_private.h"
+#include "platform/queue/work.h"
 
 namespace dl
 {
@@ -61,6 +62,14 @@ bool IsEntry(const MQContext* context)
     return context && !context->reader;
 }
 
+// The context's current message, which it is no longer.
+std::optional<WorkPart::Message> TakeCurrent(MQContext* channel)
+{
+    if (!channel || !channel->reader || !channel->current)
+        return std::nullopt;
+    return WorkPart::Message{*channel->reader, *std::exchange(channel->current, std::nullopt)};
+}
+
 }  // namespace
 
 std::shared_ptr<QueueBackend> OpenedQueue()
@@ -110,7 +119,7 @@ MQContext* OpenMQChannel(const std::string& name)
     std::shared_ptr<QueueBackend> queue = OpenedQueue();
     if (!queue)
         return nullptr;
-    const std::int64_t reader = queue->BeginReader(name);
+    const std::int64_t reader = queue->BeginReader(name, kLongestPostponement);
     if (reader < 0)
         return nullptr;
     auto* channel = new MQContext(std::move(queue));
@@ -162,10 +171,37 @@ void FreeMQEnvelope(std::unique_ptr<stEnvelope> envelope)
 
 bool RemoveMQChannel(MQContext* channel)
 {
-    if (!channel || !channel->reader || !channel->current)
+    const std::optional<WorkPart::Message> message = TakeCurrent(channel);
+    if (!message)
         return false;
-    const std::uint32_t id = *std::exchange(channel->current, std::nullopt);
-    return channel->backend->Remove(*channel->reader, id);
+    if (MQWork* work = MQWork::Current()) {
+        work->Noting(channel->backend).removed.push_back(*message);
+        return true;
+    }
+    return channel->backend->Remove(message->reader, message->id);
+}
+
+bool IsSuspectMessage(MQContext* channel)
+{
+    return channel && channel->reader && channel->current &&
+           channel->backend->IsSuspect(*channel->reader, *channel->current);
+}
+
+bool PostponeMQMessage(MQContext* channel, std::int64_t due, const std::string& problem)
+{
+    const std::optional<WorkPart::Message> message = TakeCurrent(channel);
+    if (!message)
+        return false;
+    WorkPart alone;
+    MQWork* work = MQWork::Current();
+    (work ? work->Noting(channel->backend) : alone).postponed.push_back({*message, due, problem});
+    return work || channel->backend->Commit({&alone});
+}
+
+bool BlameMQMessage(MQContext* channel)
+{
+    const std::optional<WorkPart::Message> message = TakeCurrent(channel);
+    return message && channel->backend->Blame(message->reader, message->id);
 }
 
 bool CloseMQChannel(MQContext* channel)
@@ -195,6 +231,18 @@ unsigned long GetMQId(const MQContext* context)
     return context->reader ? context->current.value_or(0) : context->entry.id;
 }
 
+bool HasMQRoomFor(std::int64_t bytes)
+{
+    const std::shared_ptr<QueueBackend> queue = OpenedQueue();
+    return queue && queue->HasRoomFor(bytes);
+}
+
+void MQNeedsRoomAt(const std::string& folder)
+{
+    if (const std::shared_ptr<QueueBackend> queue = OpenedQueue())
+        queue->NeedRoomAt(folder);
+}
+
 MQContext* CreateMQEntry()
 {
     std::shared_ptr<QueueBackend> queue = OpenedQueue();
@@ -222,6 +270,8 @@ bool CloseMQEntry(MQContext* entry)
     if (!IsEntry(entry))
         return false;
     const std::unique_ptr<MQContext> owned(entry);
+    if (MQWork* work = MQWork::Current())
+        return work->NoteEntry(entry->backend, std::move(entry->entry));
     return entry->backend->Publish(entry->entry);
 }
 

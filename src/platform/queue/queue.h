@@ -3,15 +3,20 @@
 // A new entry goes through CreateMQEntry, the writing of its ".msg" file, InsertMQChannel,
 // PutMQEnvelope and CloseMQEntry, in that order. Its creator owns it up to CloseMQEntry or
 // DiscardMQEntry; no reader sees it before it is closed, and then it is on disk. A channel's reader
-// takes entries in the order in which they were closed; an entry whose last hand-out ended without
-// its removal comes after all others, and after Queue/MaxAttempts (default 5) such hand-outs it is
-// moved to channel "dlhold". Any number of processes may do both at once. Null, false and
-// kQueueFailed say that the queue failed: the queue has then logged the cause in one level 1 line
-// ("the disk is full"), the caller owns the line that says what this means for the message. Why a
-// channel cannot be read is logged once, and once that it can be again. The queue logs nothing else
-// but what it moves to "dlhold", at level 1. The contexts are used by one
-// thread at a time, different contexts by different threads. MQInit is called after the last fork;
-// a child of fork() cannot use the queue that its parent opened.
+// takes entries in the order in which they were closed. Any number of processes may do both at
+// once.
+//
+// A delivery attempt counts only for the entry that was being worked on when its reader died, or
+// that BlameMQMessage names. When several were in flight none counts, but all are suspects: they
+// come after all others, and a reader that handles them one by one finds the guilty one. After
+// Queue/MaxAttempts (default 5) attempts an entry is moved to channel "dlhold".
+//
+// Null, false and kQueueFailed say that the queue failed: the queue has then logged the cause in
+// one level 1 line ("the disk is full"), the caller owns the line that says what this means for the
+// message. Why a channel cannot be read is logged once, and once that it can be again. The queue
+// logs nothing else but what it moves to "dlhold", at level 1. The contexts are used by one thread
+// at a time, different contexts by different threads. MQInit is called after the last fork; a child
+// of fork() cannot use the queue that its parent opened.
 #pragma once
 
 #include <cstddef>
@@ -28,8 +33,7 @@ namespace dl
 
 class MQContext;  // a channel that is read, or a new entry that is written
 
-inline constexpr long kNoMessage =
-    -1;  // the channel is empty, or all of it was handed out in this pass
+inline constexpr long kNoMessage = -1;    // the channel is empty, or this pass has taken all of it
 inline constexpr long kQueueFailed = -2;  // the index could not be read or written
 
 inline constexpr char kDefaultQueuePath[] = "/var/spool/dlmanager/queue";
@@ -50,9 +54,9 @@ void MQEnd();
 // Reading. Null when the queue cannot be read.
 [[nodiscard]] MQContext* OpenMQChannel(const std::string& name);
 // The identifier of the first (next) message, which becomes the context's current one; kNoMessage,
-// kQueueFailed. GetFirstMessage begins a pass; a pass hands out each entry at most once, and keeps
-// what it handed out from other readers. kQueueFailed also when the disk has no room for what a
-// reader writes of a message, some copies of it. `peek` is false in every call.
+// kQueueFailed. GetFirstMessage begins a pass over what the channel holds then: it takes each entry
+// at most once, and keeps what it took from other readers. kQueueFailed also when the disk has no
+// room for what a reader writes of a message, some copies of it. `peek` is false in every call.
 [[nodiscard]] long GetFirstMessage(MQContext* channel, bool peek);
 [[nodiscard]] long GetNextMessage(MQContext* channel, bool peek);
 
@@ -67,8 +71,18 @@ void FreeMQEnvelope(std::unique_ptr<stEnvelope> envelope);
 // queue. An entry without an envelope goes to "dlhold" instead. Survives the end of the process at
 // once, a power loss after the next CloseMQEntry: a power loss may hand a message out again, never
 // lose one. False when there is no current message or the index cannot be written; the removal is
-// then tried again before the next pass, and the message is not handed out again before.
+// then tried again before the next pass, and the message is not taken again before.
 bool RemoveMQChannel(MQContext* channel);
+// Whether the current message was in flight when a reader died: it is to be handled by itself.
+[[nodiscard]] bool IsSuspectMessage(MQContext* channel);
+// Leaves the current message in the channel and gives it to no reader before `due`, seconds since
+// 1970-01-01 UTC, at most kLongestPostponement seconds off; `problem` says why, in one line.
+inline constexpr std::int64_t kLongestPostponement = 60;
+[[nodiscard]] bool PostponeMQMessage(MQContext* channel, std::int64_t due,
+                                     const std::string& problem);
+// Leaves the current message in the channel and counts an attempt: it was the message's own fault
+// that it could not be handled.
+bool BlameMQMessage(MQContext* channel);
 // Ends the context, also when it returns false.
 [[nodiscard]] bool CloseMQChannel(MQContext* channel);
 
@@ -79,6 +93,12 @@ bool RemoveMQChannel(MQContext* channel);
 [[nodiscard]] std::string GetMQPathName(unsigned long id, const char* extension);
 // Identifier of the new entry, or of the channel's current message.
 [[nodiscard]] unsigned long GetMQId(const MQContext* context);
+
+// Whether a message of so many bytes may be taken in: beside it there is room for what the service
+// and dlsend need to drain what waits. False also when the queue cannot be read.
+[[nodiscard]] bool HasMQRoomFor(std::int64_t bytes);
+// Readers take nothing either while the disk of `folder` has no room for copies of it.
+void MQNeedsRoomAt(const std::string& folder);
 
 // Writing.
 [[nodiscard]] MQContext* CreateMQEntry();
@@ -130,7 +150,8 @@ struct QueueItem {
     std::int64_t bytes = 0;
     std::int64_t closed = 0;  // seconds since 1970-01-01 UTC
     std::string origin;       // of an entry in "dlhold": the channel that it was moved from
-    int attempts = 0;         // hand-outs that ended without removal
+    int attempts = 0;         // delivery attempts that the entry itself has ended
+    bool suspect = false;     // was in flight when a reader died
     bool taken = false;       // a living reader has it now
     // Of an entry that is handed over in parts (see delivery.h):
     std::int64_t due = 0;  // put back until then; 0: it may be taken
@@ -175,11 +196,11 @@ struct EntryOverview {
 // Empty when it is not there, or the index cannot be read.
 [[nodiscard]] std::vector<EntryOverview> ReadQueueEntry(const std::string& folder,
                                                         unsigned long id);
-inline constexpr int kQueueFormat = 2;  // what this program writes
+inline constexpr int kQueueFormat = 3;  // what this program writes
 [[nodiscard]] QueueOverview ReadQueueOverview(const std::string& folder);
 
 // kTaken: a living reader has it, nothing was changed. kDone: it is so on disk. A moved item comes
-// last in its new channel, with no hand-outs counted.
+// last in its new channel, with no attempts counted.
 enum class QueueChange { kDone, kNotThere, kTaken, kFailed };
 [[nodiscard]] QueueChange RemoveMQItem(unsigned long id);
 [[nodiscard]] QueueChange MoveMQItem(unsigned long id, const std::string& from,

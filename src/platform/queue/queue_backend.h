@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +25,28 @@ struct PendingEntry {
     std::string envelope;                               // encoded; empty when none was put
     std::string sender;
     std::uint32_t recipients = 0;
+    std::int64_t bytes = -1;  // of the message; -1 before Prepare
+};
+
+// One part of a work: what becomes so together or not at all.
+struct WorkPart {
+    struct Message {
+        std::int64_t reader = 0;
+        std::uint32_t id = 0;
+    };
+    struct Postponement {
+        Message message;
+        std::int64_t due = 0;  // seconds since 1970-01-01 UTC
+        std::string problem;
+    };
+    struct Mark {
+        std::string name;
+        std::optional<std::string> value;  // none: the mark goes
+    };
+    std::vector<PendingEntry> published;
+    std::vector<Message> removed;
+    std::vector<Postponement> postponed;
+    std::vector<Mark> marks;
 };
 
 class DeliveryBackend;
@@ -52,15 +75,31 @@ class QueueBackend
     // Removes the files of a reserved entry and ends the claim.
     virtual void Abandon(std::uint32_t id) = 0;
 
+    // Puts the messages of the entries on disk, with the waits of one, and fills `bytes`.
+    virtual bool Prepare(const std::vector<PendingEntry*>& entries) = 0;
+    // One durable transaction of all parts, whose entries are prepared. The claims end. When this
+    // fails nothing is changed, and the entries stay claimed.
+    virtual bool Commit(const std::vector<const WorkPart*>& parts) = 0;
+    virtual bool ReadMarks(const std::string& prefix,
+                           std::map<std::string, std::string>* marks) = 0;
+
     // A reader of `channel`; taken entries belong to it until Remove, its next pass or its end.
-    // Negative on failure.
-    virtual std::int64_t BeginReader(const std::string& channel) = 0;
+    // Entries wait no longer than `longest_pause` seconds, whatever their due time says: the clock
+    // may have been set back. Negative on failure.
+    virtual std::int64_t BeginReader(const std::string& channel, std::int64_t longest_pause) = 0;
     // Gives back what it still has. The reader ends also when this returns false: a later reader
     // frees it then.
     virtual bool EndReader(std::int64_t reader) = 0;
     virtual void BeginPass(std::int64_t reader) = 0;
     virtual long Take(std::int64_t reader) = 0;  // an identifier, kNoMessage, kQueueFailed
     virtual bool Remove(std::int64_t reader, std::uint32_t id) = 0;
+    // Whether the entry, which `reader` has, was in flight when some reader died.
+    virtual bool IsSuspect(std::int64_t reader, std::uint32_t id) = 0;
+    // Gives the entry back and counts an attempt.
+    virtual bool Blame(std::int64_t reader, std::uint32_t id) = 0;
+    // See HasMQRoomFor and MQNeedsRoomAt.
+    virtual bool HasRoomFor(std::int64_t bytes) = 0;
+    virtual void NeedRoomAt(const std::string& folder) = 0;
 
     enum class Found { kYes, kNo, kFailed };
     virtual Found ReadEnvelope(std::uint32_t id, std::string* encoded) = 0;
@@ -74,7 +113,7 @@ class QueueBackend
     virtual QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) = 0;
 };
 
-// Where what cannot be handed out is kept for the postmaster.
+// Where what cannot be handled is kept for the postmaster.
 inline constexpr char kHoldChannel[] = "dlhold";
 
 // Null, with the reason logged at level 1, when the folder or the index cannot be opened. `module`

@@ -1,21 +1,11 @@
-#include <sys/statvfs.h>
-
 #include <algorithm>
 
 #include "platform/metrics/metrics.h"
+#include "platform/queue/room.h"
 #include "platform/queue/sqlite_queue_private.h"
 
 namespace dl
 {
-
-namespace
-{
-
-constexpr std::int64_t kMostWoken = 1000;  // of those due, at a time: a long list must not hold
-                                           // the index for long
-constexpr unsigned long kLeastRoom = 1U << 20;  // bytes: some dozen commits and a report
-
-}  // namespace
 
 QueueAnswer SqliteQueue::AnythingDue(std::int64_t reader, std::int64_t now)
 {
@@ -27,9 +17,10 @@ QueueAnswer SqliteQueue::AnythingDue(std::int64_t reader, std::int64_t now)
     Query query(index_,
                 "SELECT EXISTS (SELECT 1 FROM chan INDEXED BY chan_ready WHERE channel = ?1 AND"
                 " owner IS NULL AND due = 0) OR EXISTS (SELECT 1 FROM chan INDEXED BY chan_due"
-                " WHERE channel = ?1 AND due > 0 AND due <= ?2) OR EXISTS (SELECT 1 FROM chan"
-                " INDEXED BY chan_owner WHERE owner IS NOT NULL AND channel = ?1 AND owner <> ?3)",
-                place->second.channel, now, reader);
+                " WHERE channel = ?1 AND due > 0 AND (due <= ?2 OR due > ?2 + ?4)) OR EXISTS"
+                " (SELECT 1 FROM chan INDEXED BY chan_owner WHERE owner IS NOT NULL AND"
+                " channel = ?1 AND owner <> ?3)",
+                place->second.channel, now, reader, place->second.longest_pause);
     if (query.Row())
         return query.Int(0) != 0 ? QueueAnswer::kYes : QueueAnswer::kNo;
     Complain("Channel %s of the message queue cannot be read: %s", place->second.channel.c_str(),
@@ -49,14 +40,8 @@ bool SqliteQueue::TakeDue(std::int64_t reader, std::int64_t now, std::size_t lim
     bool done = false;
     {
         Transaction transaction(index_, Durable::kProcess);
-        done =
-            transaction.Begun() && FreeDeadReaders() &&
-            Query(index_,
-                  "UPDATE chan SET due = 0 WHERE seq IN (SELECT seq FROM chan INDEXED BY"
-                  " chan_due WHERE channel = ?1 AND due > 0 AND due <= ?2 ORDER BY due LIMIT ?3)",
-                  place->second.channel, now, kMostWoken)
-                .Done() &&
-            TakeRows(place->second, limit, &taken, entries) && transaction.Commit();
+        done = transaction.Begun() && FreeDeadReaders() && WakeDue(place->second, now) &&
+               TakeRows(place->second, limit, &taken, entries) && transaction.Commit();
     }
     if (!done) {
         entries->resize(before);
@@ -69,13 +54,16 @@ bool SqliteQueue::TakeDue(std::int64_t reader, std::int64_t now, std::size_t lim
     return true;
 }
 
+// Suspects come behind all others, and one at a time.
 bool SqliteQueue::TakeRows(const Reader& reader, std::size_t limit, std::vector<Taken>* taken,
                            std::vector<DueEntry>* entries)
 {
+    bool suspects = !HasSuspect(reader);
     for (std::size_t count = 0; count < limit;) {
-        const Taken one = TakeRow(reader);
+        const Taken one = TakeRow(reader, suspects);
         if (one.how == Taken::kNone || one.how == Taken::kFailed)
             return one.how == Taken::kNone;
+        suspects = suspects && !(one.how == Taken::kMessage && one.suspect);
         taken->push_back(one);
         if (one.how == Taken::kHeld)
             continue;
@@ -227,14 +215,22 @@ bool SqliteQueue::RecordStep(std::int64_t reader, const DeliveryStep& step, Remo
     return false;
 }
 
-// A hand-out that ended in order is none that failed.
+// What was given back in order is no suspect any more.
 bool SqliteQueue::ReturnRow(std::int64_t reader, std::uint32_t id, std::int64_t due)
 {
     return Query(index_,
-                 "UPDATE chan SET owner = NULL, due = ?3, attempts = max(attempts - 1, 0)"
+                 "UPDATE chan SET owner = NULL, due = ?3, attempts = 0, suspect = 0"
                  " WHERE entry = ?1 AND owner = ?2",
                  id, reader, due)
         .Done();
+}
+
+bool SqliteQueue::HasSuspect(const Reader& reader)
+{
+    Query query(index_,
+                "SELECT 1 FROM chan INDEXED BY chan_owner WHERE owner = ?1 AND suspect = 1 LIMIT 1",
+                reader.number);
+    return query.Row();
 }
 
 bool SqliteQueue::RecordAnswers(std::uint32_t id, const DeliveryStep& step)
@@ -319,9 +315,7 @@ bool SqliteQueue::WaitForNews(std::chrono::milliseconds longest)
 
 bool SqliteQueue::HasRoom() const
 {
-    struct statvfs disk {
-    };
-    return statvfs(folder_.c_str(), &disk) != 0 || disk.f_bavail >= kLeastRoom / disk.f_bsize;
+    return HasRoomAt(folder_, kSendRoom);
 }
 
 }  // namespace dl

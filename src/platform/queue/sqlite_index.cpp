@@ -23,20 +23,23 @@ constexpr char kSettings[] =
 // entry      one row per queued message
 // envelope   its encoded envelope, apart, so that looking through the entries stays quick
 // chan       one row per channel that it is in; seq is the order of closing; owner is the reader
-// that has it;
-//            due is 0 when it may be handed out, else the time from which on
+//            that has it; due is 0 when it may be taken, else the time from which on; suspect is 1
+//            when it was in flight as a reader died; attempts are those that count
 // counter    "reader": the last reader's number; "sync": only written to
 // delivery   what became of the recipients of an entry that is handed over in parts: one byte each
 // answer     and what was answered for those whose answer is still wanted
+// mark       facts by name that became so with a commit
 constexpr const char* kTables[] = {
     "CREATE TABLE entry (id INTEGER PRIMARY KEY, sender TEXT NOT NULL, recipients INTEGER NOT NULL,"
     " bytes INTEGER NOT NULL, closed INTEGER NOT NULL)",
     "CREATE TABLE envelope (entry INTEGER PRIMARY KEY, data BLOB NOT NULL)",
     "CREATE TABLE chan (seq INTEGER PRIMARY KEY AUTOINCREMENT, channel TEXT NOT NULL,"
     " entry INTEGER NOT NULL, priority INTEGER NOT NULL, origin TEXT NOT NULL DEFAULT '',"
-    " attempts INTEGER NOT NULL DEFAULT 0, due INTEGER NOT NULL DEFAULT 0, owner INTEGER)",
+    " attempts INTEGER NOT NULL DEFAULT 0, due INTEGER NOT NULL DEFAULT 0, owner INTEGER,"
+    " suspect INTEGER NOT NULL DEFAULT 0)",
     "CREATE UNIQUE INDEX chan_entry ON chan (entry, channel, origin)",
-    "CREATE INDEX chan_ready ON chan (channel, attempts, seq) WHERE owner IS NULL AND due = 0",
+    "CREATE INDEX chan_ready ON chan (channel, suspect, attempts, seq)"
+    " WHERE owner IS NULL AND due = 0",
     "CREATE INDEX chan_due ON chan (channel, due) WHERE due > 0",
     "CREATE INDEX chan_owner ON chan (owner) WHERE owner IS NOT NULL",
     "CREATE TABLE counter (name TEXT PRIMARY KEY, value INTEGER NOT NULL)",
@@ -45,6 +48,8 @@ constexpr const char* kTables[] = {
     " problem TEXT NOT NULL DEFAULT '', states BLOB NOT NULL)",
     "CREATE TABLE answer (entry INTEGER NOT NULL, recipient INTEGER NOT NULL, text TEXT NOT NULL,"
     " PRIMARY KEY (entry, recipient)) WITHOUT ROWID",
+    kMarkTable,
+    kLargeIndex,
 };
 
 // Not SQLite's own waiting, which goes up to 100 ms a step and lets one process wait for many
@@ -98,39 +103,50 @@ bool Index::UseLog()
     return false;
 }
 
-bool Index::CheckFormat(const std::function<bool()>& may_be_new, std::string* cause)
+// Whether the index has tables, and of this program's format; a mere look, which waits for nobody.
+bool Index::HasTables(std::string* cause)
 {
-    Transaction transaction(*this, Durable::kPower);
     std::int64_t format = -1;
     std::int64_t application = -1;
     std::int64_t tables = -1;
     const auto read = [&](const char* sql, std::int64_t* value) {
         Query query(*this, sql);
-        if (transaction.Begun() && query.Row())
+        if (query.Row())
             *value = query.Int(0);
     };
     read("PRAGMA user_version", &format);
     read("PRAGMA application_id", &application);
     read("SELECT count(*) FROM sqlite_schema", &tables);
-    if (Failed()) {
+    if (Failed())
         *cause = Cause();
-        return false;
-    }
-    if (format > kFormat && application == kApplication)
+    else if (format > kFormat && application == kApplication)
         *cause = "the index was written by a newer version of this program (format " +
                  std::to_string(format) + ", this one knows formats up to " +
                  std::to_string(kFormat) + ")";
     else if (tables > 0 && (format != kFormat || application != kApplication))
         *cause = "the file is not the index of a message queue";
-    else if (tables == 0 && !may_be_new())
+    return tables > 0;
+}
+
+bool Index::CheckFormat(const std::function<bool()>& may_be_new, std::string* cause)
+{
+    ClearFailure();
+    (void)Execute("BEGIN");  // what it reads belongs together
+    const bool has_tables = HasTables(cause);
+    (void)Execute("COMMIT");
+    if (has_tables || !cause->empty())
+        return cause->empty();
+    Transaction transaction(*this, Durable::kPower);
+    if (!transaction.Begun())
+        *cause = Cause();
+    else if (HasTables(cause) && cause->empty())
+        return true;  // another process was first
+    if (cause->empty() && !may_be_new())
         *cause =
             "the index is missing or empty, but there are message files: put the index back, or "
-            "move the"
-            " files away";
+            "move the files away";
     if (!cause->empty())
         return false;
-    if (tables > 0)
-        return true;
     bool made = true;
     for (const char* sql : kTables)
         made = made && Execute(sql);

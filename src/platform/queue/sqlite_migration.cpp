@@ -2,6 +2,7 @@
 //
 //   1  entries, envelopes and channels; some have the tables for delivery in parts already
 //   2  delivery in parts: due times, the recipients' states, kept answers
+//   3  suspects, whose attempts alone count; marks; large messages are found by their size
 
 #include <unistd.h>
 
@@ -41,7 +42,7 @@ bool Index::BringUpToDate(const std::string& path, int application, std::string*
     const std::string backup = path + ".format-" + std::to_string(format);
     if (!CopyTo(backup, cause))
         return false;
-    if (!MigrateFrom1()) {
+    if (!MigrateFrom(format)) {
         *cause = "the index of format " + std::to_string(format) +
                  " cannot be brought up to date: " + Cause();
         return false;
@@ -87,28 +88,43 @@ bool Index::CopyTo(const std::string& backup, std::string* cause)
     return done;
 }
 
-bool Index::MigrateFrom1()
+bool Index::MigrateFrom(std::int64_t format)
 {
     Transaction transaction(*this, Durable::kPower);
+    return transaction.Begun() && (format >= 2 || ToFormat2()) && ToFormat3() &&
+           Execute(("PRAGMA user_version=" + std::to_string(kQueueFormat)).c_str()) &&
+           transaction.Commit();
+}
+
+bool Index::ToFormat2()
+{
     std::int64_t has_due = 0;
     {
         Query column(*this, "SELECT count(*) FROM pragma_table_info('chan') WHERE name = 'due'");
-        if (!transaction.Begun() || !column.Row())
+        if (!column.Row())
             return false;
         has_due = column.Int(0);
     }
     return (has_due != 0 ||
             Execute("ALTER TABLE chan ADD COLUMN due INTEGER NOT NULL DEFAULT 0")) &&
            Execute(
-               "DROP INDEX IF EXISTS chan_ready; CREATE INDEX chan_ready ON chan"
-               " (channel, attempts, seq) WHERE owner IS NULL AND due = 0;"
                "CREATE INDEX IF NOT EXISTS chan_due ON chan (channel, due) WHERE due > 0;"
                "CREATE TABLE IF NOT EXISTS delivery (entry INTEGER PRIMARY KEY, tries INTEGER"
                " NOT NULL DEFAULT 0, problem TEXT NOT NULL DEFAULT '', states BLOB NOT NULL);"
                "CREATE TABLE IF NOT EXISTS answer (entry INTEGER NOT NULL, recipient INTEGER"
-               " NOT NULL, text TEXT NOT NULL, PRIMARY KEY (entry, recipient)) WITHOUT ROWID;"
-               "PRAGMA user_version=2") &&
-           transaction.Commit();
+               " NOT NULL, text TEXT NOT NULL, PRIMARY KEY (entry, recipient)) WITHOUT ROWID");
+}
+
+// Formats before counted every time that an entry was taken and not removed: those begin again, as
+// suspects.
+bool Index::ToFormat3()
+{
+    return Execute("ALTER TABLE chan ADD COLUMN suspect INTEGER NOT NULL DEFAULT 0") &&
+           Execute("UPDATE chan SET suspect = 1, attempts = 0 WHERE attempts > 0") &&
+           Execute(
+               "DROP INDEX IF EXISTS chan_ready; CREATE INDEX chan_ready ON chan"
+               " (channel, suspect, attempts, seq) WHERE owner IS NULL AND due = 0") &&
+           Execute(kMarkTable) && Execute(kLargeIndex);
 }
 
 }  // namespace dl

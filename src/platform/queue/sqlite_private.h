@@ -19,6 +19,14 @@
 namespace dl
 {
 
+// What format 3 has brought; a new index and a migrated one get the same.
+inline constexpr char kMarkTable[] =
+    "CREATE TABLE mark (name TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID";
+// Messages of more bytes are found by their size.
+inline constexpr std::int64_t kLargeMessage = 1 << 20;
+inline constexpr char kLargeIndex[] =
+    "CREATE INDEX entry_large ON entry (bytes) WHERE bytes > 1048576";
+
 class Index
 {
  public:
@@ -58,7 +66,10 @@ class Index
     bool BringUpToDate(const std::string& path, int application, std::string* cause);
     bool CopyTo(const std::string& backup, std::string* cause);
     bool ReadOlderFormat(int application, std::int64_t* format);
-    bool MigrateFrom1();
+    bool MigrateFrom(std::int64_t format);
+    bool ToFormat2();
+    bool ToFormat3();
+    bool HasTables(std::string* cause);
     bool CheckFormat(const std::function<bool()>& may_be_new, std::string* cause);
 
     sqlite3* db_ = nullptr;

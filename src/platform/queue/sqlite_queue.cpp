@@ -123,8 +123,13 @@ void SqliteQueue::FinishEntry(const PendingEntry& entry, bool done, const std::s
         files_.RemoveMessage(entry.id);
     files_.Release(entry.id);  // not before: a sweep takes what is neither claimed nor in the index
     if (!done && !entry.channels.empty())
-        Complain("Message %08X was not put into the message queue: %s",
-                 static_cast<unsigned>(entry.id), cause.c_str());
+        TellUnpublished(entry, cause);
+}
+
+void SqliteQueue::TellUnpublished(const PendingEntry& entry, const std::string& cause) const
+{
+    Complain("Message %08X was not put into the message queue: %s", static_cast<unsigned>(entry.id),
+             cause.c_str());
 }
 
 bool SqliteQueue::CommitEntry(const PendingEntry& entry, std::int64_t bytes)
@@ -173,13 +178,15 @@ EntryFiles::Known SqliteQueue::Indexed(std::uint32_t id)
 
 // Only what nobody writes and the index does not have, looked at in this order: a writer ends its
 // claim after its commit, so whoever gets the claim sees the commit.
-void SqliteQueue::EraseFile(std::uint32_t id, const std::string& name)
+// False when somebody has the claim at this moment.
+bool SqliteQueue::EraseFile(std::uint32_t id, const std::string& name)
 {
     if (files_.HasClaim(id) || !files_.Claim(id))
-        return;
+        return false;
     if (Indexed(id) == EntryFiles::Known::kNo)
         files_.RemoveNamed(name);
     files_.Release(id);
+    return true;
 }
 
 void SqliteQueue::EraseRemoved(bool synced)
@@ -191,9 +198,10 @@ void SqliteQueue::EraseRemoved(bool synced)
                  Cause().c_str());
         return;
     }
-    for (const std::uint32_t id : removed_)
-        EraseFile(id, EntryFiles::FileName(id, kMessage));
-    removed_.clear();
+    // The writer may not have ended its claim yet, when the reader was quick: the next time then.
+    std::erase_if(removed_, [this](std::uint32_t id) {
+        return EraseFile(id, EntryFiles::FileName(id, kMessage));
+    });
 }
 
 // Puts all earlier commits on disk. A full disk may have no room for a commit more, but for a
@@ -230,7 +238,7 @@ bool SqliteQueue::Sweep(bool alone)
     if (left.empty() || !SyncIndex())
         return true;  // what stays is no more than wasted space
     for (const EntryFiles::Name& file : left)
-        EraseFile(file.id, file.name);
+        (void)EraseFile(file.id, file.name);  // one that is claimed is being written
     return true;
 }
 

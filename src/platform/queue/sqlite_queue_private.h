@@ -34,6 +34,9 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     bool Publish(const PendingEntry& entry) override;
     std::vector<bool> PublishMany(const std::vector<const PendingEntry*>& entries) override;
     void Abandon(std::uint32_t id) override;
+    bool Prepare(const std::vector<PendingEntry*>& entries) override;
+    bool Commit(const std::vector<const WorkPart*>& parts) override;
+    bool ReadMarks(const std::string& prefix, std::map<std::string, std::string>* marks) override;
 
     DeliveryBackend* Deliveries() override { return this; }
     QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now) override;
@@ -49,11 +52,15 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     bool HasRoom() const override;
     bool WaitForNews(std::chrono::milliseconds longest) override;
 
-    std::int64_t BeginReader(const std::string& channel) override;
+    std::int64_t BeginReader(const std::string& channel, std::int64_t longest_pause) override;
     bool EndReader(std::int64_t reader) override;
     void BeginPass(std::int64_t reader) override;
     long Take(std::int64_t reader) override;
     bool Remove(std::int64_t reader, std::uint32_t id) override;
+    bool IsSuspect(std::int64_t reader, std::uint32_t id) override;
+    bool Blame(std::int64_t reader, std::uint32_t id) override;
+    bool HasRoomFor(std::int64_t bytes) override;
+    void NeedRoomAt(const std::string& folder) override;
 
     Found ReadEnvelope(std::uint32_t id, std::string* encoded) override;
     std::string PathName(std::uint32_t id, const char* extension) const override;
@@ -68,9 +75,10 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     struct Reader {
         std::int64_t number;
         std::string channel;
+        std::int64_t longest_pause;
         bool pass_open = false;
-        std::vector<std::uint32_t>
-            unwritten;        // removals that failed; never handed out again from here
+        std::int64_t last = 0;                 // of what this pass takes, in the order of closing
+        std::vector<std::uint32_t> unwritten;  // removals that failed; not taken again from here
         std::string problem;  // why the last Take failed; told once, until it is over
     };
     struct Removals {
@@ -82,6 +90,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
         enum How { kMessage, kNone, kHeld, kNoRoom, kFailed } how;
         std::uint32_t id;
         int attempts = 0;  // of a held one; 0: its message file is missing
+        bool suspect = false;
     };
     struct Recording {  // one call of Record
         std::int64_t reader;
@@ -106,10 +115,15 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     void SyncGroup(std::vector<GroupEntry>* group) const;
     bool CommitGroup(std::vector<GroupEntry>* group);
     void FinishEntry(const PendingEntry& entry, bool done, const std::string& cause);
+    void TellUnpublished(const PendingEntry& entry, const std::string& cause) const;
+
+    // Works (sqlite_work.cpp).
+    bool WritePart(const WorkPart& part, Removals* removals);
+    static std::string Named(const std::vector<const WorkPart*>& parts);
 
     // Files (sqlite_queue.cpp).
     EntryFiles::Known Indexed(std::uint32_t id);
-    void EraseFile(std::uint32_t id, const std::string& name);
+    bool EraseFile(std::uint32_t id, const std::string& name);
     void EraseRemoved(bool synced);
     bool SyncIndex();
     bool Sweep(bool alone);
@@ -117,13 +131,16 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     // Reading (sqlite_reader.cpp); all but OpenPass and TakeOne inside a transaction, false when a
     // query failed.
     bool OpenPass(Reader& reader);
+    bool WakeDue(const Reader& reader, std::int64_t now);
     Taken TakeOne(const Reader& reader);
-    Taken TakeRow(const Reader& reader);
-    bool HasRoomFor(std::uint32_t id);
+    Taken TakeRow(const Reader& reader, bool suspects);
+    bool HasSuspect(const Reader& reader);
+    bool HasRoomToHandle(std::uint32_t id);
     long TellUnread(Reader& reader, const std::string& cause) const;
     void TellRead(Reader& reader) const;
     void TellHeld(const Reader& reader, const Taken& taken) const;
     bool FreeDeadReaders();
+    bool FreeReader(std::int64_t reader);
     bool GiveBack(Reader& reader, Removals* removals);
     bool RemoveRow(const Reader& reader, std::uint32_t id, Removals* removals);
     bool ForgetEntry(std::uint32_t id);
@@ -165,6 +182,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     EntryFiles files_;
     std::map<std::int64_t, Reader> readers_;
     std::vector<std::uint32_t> removed_;  // files that may go after the next durable commit
+    std::string room_at_;  // a folder of the service's whose disk must have room, too
 };
 
 }  // namespace dl

@@ -1,9 +1,11 @@
-#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "platform/clock/clock.h"
 #include "platform/metrics/metrics.h"
+#include "platform/queue/room.h"
 #include "platform/queue/sqlite_queue_private.h"
 
 namespace dl
@@ -13,14 +15,12 @@ namespace
 {
 
 constexpr std::size_t kMostWaitingFiles = 256;
-// What a reader may want to write of one message: copies of it, and a bounce when those cannot be
-// written. On a disk without this room it would lose the message.
-constexpr std::uint64_t kLeastRoom = 256U << 10;  // bytes, beside the copies
-constexpr std::uint64_t kCopies = 4;
+constexpr std::int64_t kMostWoken = 1000;  // of those due, at a time: a long list must not hold
+                                           // the index for long
 
 }  // namespace
 
-std::int64_t SqliteQueue::BeginReader(const std::string& channel)
+std::int64_t SqliteQueue::BeginReader(const std::string& channel, std::int64_t longest_pause)
 {
     if (!Usable())
         return -1;
@@ -38,7 +38,11 @@ std::int64_t SqliteQueue::BeginReader(const std::string& channel)
         }
         // Claimed before anything can bear the number.
         if (!index_.Failed() && number >= 0 && files_.ClaimReader(number) && transaction.Commit()) {
-            readers_[number] = {number, channel, false, {}, {}};
+            readers_[number] = {.number = number,
+                                .channel = channel,
+                                .longest_pause = longest_pause,
+                                .unwritten = {},
+                                .problem = {}};
             return number;
         }
     }
@@ -89,12 +93,30 @@ bool SqliteQueue::OpenPass(Reader& reader)
     Removals removals;
     Transaction transaction(index_, Durable::kProcess);
     if (!transaction.Begun() || !FreeDeadReaders() || !GiveBack(reader, &removals) ||
-        !transaction.Commit())
+        !WakeDue(reader, Now()))
+        return false;
+    Query last(index_, "SELECT max(seq) FROM chan");
+    if (!last.Row())
+        return false;
+    reader.last = last.Int(0);
+    (void)last.Done();
+    if (!transaction.Commit())
         return false;
     reader.unwritten.clear();
     reader.pass_open = true;
     Finish(removals);
     return true;
+}
+
+// A due time farther off than any pause was written before the clock was set back.
+bool SqliteQueue::WakeDue(const Reader& reader, std::int64_t now)
+{
+    return Query(index_,
+                 "UPDATE chan SET due = 0 WHERE seq IN (SELECT seq FROM chan INDEXED BY chan_due"
+                 " WHERE channel = ?1 AND due > 0 AND (due <= ?2 OR due > ?2 + ?3) ORDER BY due"
+                 " LIMIT ?4)",
+                 reader.channel, now, reader.longest_pause, kMostWoken)
+        .Done();
 }
 
 long SqliteQueue::Take(std::int64_t reader)
@@ -146,8 +168,8 @@ SqliteQueue::Taken SqliteQueue::TakeOne(const Reader& reader)
     {
         Transaction transaction(index_, Durable::kProcess);
         if (transaction.Begun())
-            taken = TakeRow(reader);
-        if (taken.how == Taken::kMessage && !HasRoomFor(taken.id))
+            taken = TakeRow(reader, true);
+        if (taken.how == Taken::kMessage && !HasRoomToHandle(taken.id))
             taken.how = Taken::kNoRoom;
         if (taken.how == Taken::kNone || taken.how == Taken::kNoRoom)
             return taken;
@@ -158,32 +180,54 @@ SqliteQueue::Taken SqliteQueue::TakeOne(const Reader& reader)
     return taken;
 }
 
-bool SqliteQueue::HasRoomFor(std::uint32_t id)
+bool SqliteQueue::HasRoomToHandle(std::uint32_t id)
 {
-    struct statvfs disk {
-    };
     Query entry(index_, "SELECT bytes FROM entry WHERE id = ?1", id);
-    if (!entry.Row() || statvfs(folder_.c_str(), &disk) != 0)
+    if (!entry.Row())
         return true;
-    const std::uint64_t wanted = kLeastRoom + kCopies * static_cast<std::uint64_t>(entry.Int(0));
-    return disk.f_bavail >= wanted / disk.f_bsize;
+    const Room wanted = ServiceRoom(static_cast<std::uint64_t>(entry.Int(0)));
+    return HasRoomAt(folder_, wanted) && (room_at_.empty() || HasRoomAt(room_at_, wanted));
 }
 
-SqliteQueue::Taken SqliteQueue::TakeRow(const Reader& reader)
+bool SqliteQueue::HasRoomFor(std::int64_t bytes)
+{
+    if (!Usable())
+        return false;
+    const std::lock_guard<std::mutex> guard(mutex_);
+    index_.ClearFailure();
+    Query largest(index_, "SELECT max(bytes) FROM entry INDEXED BY entry_large WHERE bytes > ?1",
+                  kLargeMessage);
+    const std::int64_t waiting = largest.Row() && !largest.IsNull(0) ? largest.Int(0) : 0;
+    return HasRoomAt(
+        folder_,
+        IntakeRoom(static_cast<std::uint64_t>(bytes),
+                   static_cast<std::uint64_t>(std::max(waiting, std::int64_t{kLargeMessage}))));
+}
+
+void SqliteQueue::NeedRoomAt(const std::string& folder)
+{
+    const std::lock_guard<std::mutex> guard(mutex_);
+    room_at_ = folder;
+}
+
+SqliteQueue::Taken SqliteQueue::TakeRow(const Reader& reader, bool suspects)
 {
     std::int64_t seq = 0;
     std::uint32_t id = 0;
     int attempts = 0;
+    bool suspect = false;
     {
         Query first(index_,
-                    "SELECT seq, entry, attempts FROM chan INDEXED BY chan_ready WHERE channel = ?1"
-                    " AND owner IS NULL AND due = 0 ORDER BY attempts, seq LIMIT 1",
-                    reader.channel);
+                    "SELECT seq, entry, attempts, suspect FROM chan INDEXED BY chan_ready WHERE"
+                    " channel = ?1 AND owner IS NULL AND due = 0 AND suspect <= ?3 AND"
+                    " (?2 = 0 OR seq <= ?2) ORDER BY suspect, attempts, seq LIMIT 1",
+                    reader.channel, reader.last, suspects ? 1 : 0);
         if (!first.Row())
             return {first.Failed() ? Taken::kFailed : Taken::kNone, 0};
         seq = first.Int(0);
         id = static_cast<std::uint32_t>(first.Int(1));
         attempts = static_cast<int>(first.Int(2));
+        suspect = first.Int(3) != 0;
     }
     const bool missing = !files_.HasMessage(id);
     const bool hold = reader.channel != kHoldChannel && (missing || attempts >= max_attempts_);
@@ -193,12 +237,10 @@ SqliteQueue::Taken SqliteQueue::TakeRow(const Reader& reader)
                     std::string(kHoldChannel))
             .Done();
     else
-        (void)Query(index_, "UPDATE chan SET owner = ?2, attempts = attempts + 1 WHERE seq = ?1",
-                    seq, reader.number)
-            .Done();
+        (void)Query(index_, "UPDATE chan SET owner = ?2 WHERE seq = ?1", seq, reader.number).Done();
     if (index_.Failed())
         return {Taken::kFailed, 0};
-    return {hold ? Taken::kHeld : Taken::kMessage, id, missing ? 0 : attempts};
+    return {hold ? Taken::kHeld : Taken::kMessage, id, missing ? 0 : attempts, suspect};
 }
 
 void SqliteQueue::TellHeld(const Reader& reader, const Taken& taken) const
@@ -210,9 +252,9 @@ void SqliteQueue::TellHeld(const Reader& reader, const Taken& taken) const
         Complain("Message %08X has no message file, moved from channel %s to %s",
                  static_cast<unsigned>(taken.id), reader.channel.c_str(), kHoldChannel);
     else
-        Complain(
-            "Message %08X was handed out %d times and never finished, moved from channel %s to %s",
-            static_cast<unsigned>(taken.id), taken.attempts, reader.channel.c_str(), kHoldChannel);
+        Complain("Message %08X could not be handled in %d attempts, moved from channel %s to %s",
+                 static_cast<unsigned>(taken.id), taken.attempts, reader.channel.c_str(),
+                 kHoldChannel);
 }
 
 bool SqliteQueue::Remove(std::int64_t reader, std::uint32_t id)
@@ -262,8 +304,7 @@ SqliteQueue::Found SqliteQueue::ReadEnvelope(std::uint32_t id, std::string* enco
     return Found::kFailed;
 }
 
-// What readers that died had, anyone may have now. Numbers are looked up one by one, not row by
-// row.
+// Releases the entries of dead readers. Numbers are looked up one by one, not row by row.
 bool SqliteQueue::FreeDeadReaders()
 {
     std::int64_t last = -1;
@@ -273,10 +314,32 @@ bool SqliteQueue::FreeDeadReaders()
         if (!next.Row() || next.IsNull(0))
             return !next.Failed();
         last = next.Int(0);
-        if (!IsAlive(last) &&
-            !Query(index_, "UPDATE chan SET owner = NULL WHERE owner = ?1", last).Done())
+        if (!IsAlive(last) && !FreeReader(last))
             return false;
     }
+}
+
+// What a reader that died had in flight is suspect. Where it had one entry, or one suspect among
+// others, that is the one that counts an attempt.
+bool SqliteQueue::FreeReader(std::int64_t reader)
+{
+    std::int64_t count = 0;
+    std::int64_t suspects = 0;
+    {
+        Query query(
+            index_,
+            "SELECT count(*), sum(suspect) FROM chan INDEXED BY chan_owner WHERE owner = ?1",
+            reader);
+        if (!query.Row())
+            return false;
+        count = query.Int(0);
+        suspects = query.Int(1);
+    }
+    return Query(index_,
+                 "UPDATE chan SET owner = NULL, suspect = 1, attempts = attempts +"
+                 " (?2 = 1 OR (?3 = 1 AND suspect = 1)) WHERE owner = ?1",
+                 reader, count, suspects)
+        .Done();
 }
 
 bool SqliteQueue::GiveBack(Reader& reader, Removals* removals)

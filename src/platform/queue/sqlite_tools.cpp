@@ -11,14 +11,14 @@ namespace
 // The columns of both are those that ReadItems takes.
 constexpr char kOfChannel[] =
     "SELECT chan.entry, channel, sender, recipients, bytes, closed, origin, attempts, owner, due,"
-    " tries, problem FROM chan JOIN entry ON entry.id = chan.entry"
+    " tries, problem, suspect FROM chan JOIN entry ON entry.id = chan.entry"
     " LEFT JOIN delivery ON delivery.entry = chan.entry"
-    " WHERE ?1 = '' OR channel = ?1 ORDER BY channel, attempts, seq LIMIT ?2";
+    " WHERE ?1 = '' OR channel = ?1 ORDER BY channel, suspect, attempts, seq LIMIT ?2";
 constexpr char kOfEntry[] =
     "SELECT chan.entry, channel, sender, recipients, bytes, closed, origin, attempts, owner, due,"
-    " tries, problem FROM chan JOIN entry ON entry.id = chan.entry"
+    " tries, problem, suspect FROM chan JOIN entry ON entry.id = chan.entry"
     " LEFT JOIN delivery ON delivery.entry = chan.entry"
-    " WHERE chan.entry = ?1 ORDER BY channel, attempts, seq";
+    " WHERE chan.entry = ?1 ORDER BY channel, suspect, attempts, seq";
 
 }  // namespace
 
@@ -62,11 +62,11 @@ bool SqliteQueue::ReadItems(Query* query, std::vector<QueueItem>* items)
             if (is_new)
                 place->second = IsAlive(place->first);
             item.taken = place->second;
-            item.attempts -= item.taken ? 1 : 0;  // its present hand-out has not ended
         }
         item.due = query->Int(9);
         item.tries = static_cast<int>(query->Int(10));
         item.problem = query->Bytes(11);
+        item.suspect = query->Int(12) != 0;
         items->push_back(std::move(item));
     }
     if (!query->Failed())

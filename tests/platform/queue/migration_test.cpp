@@ -3,6 +3,7 @@
 #include <set>
 
 #include "platform/queue/delivery.h"
+#include "platform/queue/work.h"
 #include "tests/platform/queue/queue_fixture.h"
 #include "tests/support/child.h"
 #include "tests/support/killed.h"
@@ -15,11 +16,14 @@ namespace
 class Migration : public QueueFixture
 {
  protected:
-    void SetUp() override
+    void SetUp() override { PutOld(1); }
+    void PutOld(int format)
     {
+        std::filesystem::remove_all(folder);
         Write("queue/msg/4190AB01.msg", "first");
         Write("queue/msg/4190AB02.msg", "second");
-        ASSERT_EQ(Sql("queue/index.db", ".read " + DataPath("queue/format1.sql")), "wal\n");
+        const std::string sql = "queue/format" + std::to_string(format) + ".sql";
+        ASSERT_EQ(Sql("queue/index.db", ".read " + DataPath(sql)), "wal\n");
     }
     // What the database's own program answers.
     [[nodiscard]] std::string Sql(const std::string& file, const std::string& command) const
@@ -33,37 +37,54 @@ class Migration : public QueueFixture
 
 TEST_F(Migration, AnOlderIndexIsCopiedAndBroughtUpToDate)
 {
-    const QueueOverview before = ReadQueueOverview(folder);
-    EXPECT_EQ(before.state, QueueOverview::State::kRead);
-    EXPECT_EQ(before.format, 1);
-    EXPECT_EQ(before.channels.size(), 2U);
-    EXPECT_FALSE(std::filesystem::exists(Backup())) << "looking changes nothing";
+    for (int format = 1; format < kQueueFormat; ++format) {
+        SCOPED_TRACE(format);
+        const std::string old = std::to_string(format);
+        const std::string now = std::to_string(kQueueFormat);
+        const std::string backup = Path("queue/index.db.format-" + old);
+        PutOld(format);
+        const QueueOverview before = ReadQueueOverview(folder);
+        EXPECT_EQ(before.state, QueueOverview::State::kRead);
+        EXPECT_EQ(before.format, format);
+        EXPECT_EQ(before.channels.size(), 2U);
+        EXPECT_FALSE(std::filesystem::exists(backup)) << "looking changes nothing";
 
-    ASSERT_TRUE(MQInitAt(folder));
-    EXPECT_TRUE(log.HasPart("was brought from format 1 to 2, the old one is kept as " + Backup()));
-    EXPECT_EQ(Sql("queue/index.db.format-1", "PRAGMA user_version; SELECT count(*) FROM chan"),
-              "1\n2\n");
-    EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version"), "2\n");
+        ASSERT_TRUE(MQInitAt(folder));
+        EXPECT_TRUE(log.HasPart("was brought from format " + old + " to " + now +
+                                ", the old one is kept as " + backup));
+        EXPECT_EQ(
+            Sql("queue/index.db.format-" + old, "PRAGMA user_version; SELECT count(*) FROM chan"),
+            old + "\n2\n");
+        EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; PRAGMA integrity_check"),
+                  now + "\nok\n");
 
-    // What was waiting is handed out, and what the old format could not do can be done.
-    EXPECT_EQ(Drain("dl"), std::vector<std::string>{"first"});
-    const auto channel = DeliveryChannel::Open("dlout");
-    std::vector<DueEntry> due;
-    ASSERT_TRUE(channel && channel->Take(100, 10, &due));
-    ASSERT_EQ(due.size(), 1U);
-    DeliveryStep step;
-    step.id = due[0].id;
-    step.answers = {{0, RecipientState::kDelivered, ""}, {1, RecipientState::kWaiting, "later"}};
-    step.end = DeliveryStep::End::kPutBack;
-    step.due = 500;
-    ASSERT_TRUE(channel->Record({&step, 1}));
-    std::int64_t next = 0;
-    EXPECT_EQ(channel->Waiting(&next), QueueAnswer::kYes);
-    EXPECT_EQ(next, 500);
+        // What was waiting is taken, and what the old format could not do can be done.
+        EXPECT_EQ(Drain("dl"), std::vector<std::string>{"first"});
+        EXPECT_TRUE(SetMQMark("mark", "set"));
+        EXPECT_TRUE(HasMQRoomFor(1));
+        const QueueItem waiting = QueueItems("dlout").at(0);
+        EXPECT_EQ(waiting.attempts, 0) << "earlier formats counted what was nobody's fault";
+        EXPECT_TRUE(waiting.suspect);
+        EXPECT_EQ(waiting.tries, format == 1 ? 0 : 2);
+        const auto channel = DeliveryChannel::Open("dlout");
+        std::vector<DueEntry> due;
+        ASSERT_TRUE(channel && channel->Take(100, 10, &due));
+        ASSERT_EQ(due.size(), 1U);
+        DeliveryStep step;
+        step.id = due[0].id;
+        step.answers = {{0, RecipientState::kDelivered, ""},
+                        {1, RecipientState::kWaiting, "later"}};
+        step.end = DeliveryStep::End::kPutBack;
+        step.due = 500;
+        ASSERT_TRUE(channel->Record({&step, 1}));
+        std::int64_t next = 0;
+        EXPECT_EQ(channel->Waiting(&next), QueueAnswer::kYes);
+        EXPECT_EQ(next, 500);
 
-    log.Clear();
-    ASSERT_TRUE(MQInitAt(folder));
-    EXPECT_FALSE(log.HasPart("format")) << "once is enough";
+        log.Clear();
+        ASSERT_TRUE(MQInitAt(folder));
+        EXPECT_FALSE(log.HasPart("format")) << "once is enough";
+    }
 }
 
 TEST_F(Migration, WithoutACopyNothingIsChanged)
@@ -94,13 +115,13 @@ TEST_F(Migration, WhatIsThereAlreadyIsNoObstacle)
 
 TEST_F(Migration, ANewerIndexIsRefusedAndLeftAlone)
 {
-    ASSERT_EQ(Sql("queue/index.db", "PRAGMA user_version=3"), "");
+    ASSERT_EQ(Sql("queue/index.db", "PRAGMA user_version=4"), "");
     log.ExpectError(
-        "was written by a newer version of this program (format 3, this one knows "
-        "formats up to 2)");
+        "was written by a newer version of this program (format 4, this one knows "
+        "formats up to 3)");
     EXPECT_FALSE(MQInitAt(folder));
     EXPECT_EQ(ReadQueueOverview(folder).state, QueueOverview::State::kNewer);
-    EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; SELECT count(*) FROM chan"), "3\n2\n");
+    EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; SELECT count(*) FROM chan"), "4\n2\n");
     EXPECT_FALSE(std::filesystem::exists(Backup()));
     EXPECT_EQ(Files(), 2U);
 }
@@ -136,7 +157,7 @@ TEST_F(Migration, AKillInTheMiddleKeepsEveryEntryOnce)
         EXPECT_FALSE(fs::exists(Backup() + ".part"));
         EXPECT_EQ(Sql("queue/index.db.format-1", "PRAGMA user_version; SELECT count(*) FROM chan"),
                   "1\n" + std::to_string(kMore + 2) + "\n");
-        EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; PRAGMA integrity_check"), "2\nok\n");
+        EXPECT_EQ(Sql("queue/index.db", "PRAGMA user_version; PRAGMA integrity_check"), "3\nok\n");
     };
     const auto migrate = [&] { return MQInitAt(folder); };
     const auto copied = [&] { return fs::exists(Backup()); };

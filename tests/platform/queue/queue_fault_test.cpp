@@ -43,7 +43,7 @@ class SmallDisk
     explicit SmallDisk(std::string path) : path_(std::move(path))
     {
         std::filesystem::create_directories(path_);
-        mounted_ = mount("none", path_.c_str(), "tmpfs", 0, "size=1m") == 0;
+        mounted_ = mount("none", path_.c_str(), "tmpfs", 0, "size=4m") == 0;
     }
     ~SmallDisk()
     {
@@ -106,7 +106,7 @@ TEST_F(QueueFault, WhatCannotBeOpenedSaysWhyInOneLine)
              std::filesystem::create_directory(folder + "/index.db");
          }},
         {"a newer index", "index.db: the index was written by a newer version of this program",
-         [&] { Overwrite(folder + "/index.db", 60, std::string("\0\0\0\3", 4)); }},
+         [&] { Overwrite(folder + "/index.db", 60, std::string("\0\0\0\x7f", 4)); }},
         {"another program's database", "index.db: the file is not the index of a message queue",
          [&] { Overwrite(folder + "/index.db", 68, "abcd"); }},
         {"no index, but messages",

@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <set>
 #include <thread>
 
+#include "platform/queue/delivery.h"
 #include "tests/platform/queue/queue_fixture.h"
 #include "tests/support/child.h"
 
@@ -88,19 +90,71 @@ TEST_F(Queue, WhatIsInNoChannelIsDropped)
     EXPECT_FALSE(CloseMQEntry(nullptr));
 }
 
-TEST_F(Queue, AnEntryThatWasNotFinishedComesAfterAllOthersAndThenIsHeld)
+// What readers had in flight as they died, having given the rest back in order, and what the next
+// one finds: each message's attempts, "?" for a suspect, in the order in which they come now.
+TEST_F(Queue, OnlyTheGuiltyOneCountsAnAttempt)
+{
+    const struct {
+        const char* name;
+        std::vector<Texts> deaths;  // what was in flight at each
+        Texts want;
+    } rows[] = {
+        {"one", {{"a"}}, {"b 0", "c 0", "a 1?"}},
+        {"several: which one is not known", {{"a", "b"}}, {"c 0", "a 0?", "b 0?"}},
+        {"then one by one", {{"a", "b"}, {"a"}}, {"b 0", "c 0", "a 1?"}},
+        {"again and again", {{"a"}, {"a"}, {"a"}}, {"b 0", "c 0", "a 3?"}},
+        {"a suspect among others", {{"a"}, {"b", "a"}}, {"c 0", "b 0?", "a 2?"}},
+        {"suspects together", {{"a", "b"}, {"a", "b"}}, {"c 0", "a 0?", "b 0?"}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        for (const char* text : {"a", "b", "c"})
+            Put(text);
+        for (const Texts& flight : row.deaths) {
+            auto other = OpenSqliteQueue(folder, 5);  // stands for a process of its own
+            const std::int64_t reader = other->BeginReader("dl", 60);
+            std::vector<std::uint32_t> returned;
+            for (long id = other->Take(reader); id >= 0; id = other->Take(reader))
+                if (std::find(flight.begin(), flight.end(), Text(id)) == flight.end())
+                    returned.push_back(static_cast<std::uint32_t>(id));
+            for (const std::uint32_t id : returned) {
+                DeliveryStep step;
+                step.id = id;
+                step.end = DeliveryStep::End::kGiveBack;
+                EXPECT_TRUE(other->Deliveries()->Record(reader, {&step, 1}, nullptr));
+            }
+            other.reset();  // without EndReader
+        }
+        MQContext* channel = OpenMQChannel("dl");
+        ASSERT_GT(GetFirstMessage(channel, false), 0);  // frees what the dead one had
+        EXPECT_TRUE(CloseMQChannel(channel));
+        Texts found;
+        for (const QueueItem& item : QueueItems("dl"))
+            found.push_back(Text(item.id) + " " + std::to_string(item.attempts) +
+                            (item.suspect ? "?" : ""));
+        EXPECT_EQ(found, row.want);
+        Drain("dl");
+    }
+}
+
+TEST_F(Queue, AfterTooManyAttemptsAnEntryIsHeld)
 {
     Configure("[Queue]\nPath = " + folder + "\nMaxAttempts = 2\n");
     ASSERT_TRUE(MQInit("localhost", "DL Manager"));
     const unsigned long poison = Put("poison");
-    MQContext* channel = OpenMQChannel("dl");
-    EXPECT_EQ(Pass(channel, false), Texts{"poison"});
-    EXPECT_EQ(GetNextMessage(channel, false), kNoMessage);  // once in a pass
     Put("fine");
-    EXPECT_EQ(Pass(channel, false), (Texts{"fine", "poison"}));
-    log.ExpectError("was handed out 2 times and never finished, moved from channel dl to dlhold");
-    Put("last");
-    EXPECT_EQ(Pass(channel, true), (Texts{"last", "fine"}));
+    MQContext* channel = OpenMQChannel("dl");
+    ASSERT_EQ(GetFirstMessage(channel, false), static_cast<long>(poison));
+    EXPECT_FALSE(IsSuspectMessage(channel));
+    EXPECT_TRUE(BlameMQMessage(channel));
+    EXPECT_EQ(Pass(channel, false), (Texts{"fine", "poison"})) << "behind all others";
+    EXPECT_EQ(Pass(channel, false), (Texts{"fine", "poison"})) << "an orderly end counts nothing";
+    ASSERT_GT(GetFirstMessage(channel, false), 0);
+    ASSERT_EQ(GetNextMessage(channel, false), static_cast<long>(poison));
+    EXPECT_TRUE(IsSuspectMessage(channel));
+    EXPECT_TRUE(BlameMQMessage(channel));
+    log.ExpectError("could not be handled in 2 attempts, moved from channel dl to dlhold");
+    EXPECT_EQ(Pass(channel, true), (Texts{"fine"}));
     ASSERT_EQ(log.Lines().size(), 1U);
     EXPECT_EQ(log.Lines()[0].module, "DL Manager");
     EXPECT_TRUE(CloseMQChannel(channel));
@@ -111,24 +165,63 @@ TEST_F(Queue, AnEntryThatWasNotFinishedComesAfterAllOthersAndThenIsHeld)
     EXPECT_EQ(items[0].origin, "dl");
     EXPECT_EQ(items[0].attempts, 2);
     EXPECT_EQ(MoveMQItem(poison, "dlhold", "dl"), QueueChange::kDone);
+    EXPECT_EQ(QueueItems("dl").at(0).attempts, 0);
     EXPECT_EQ(Drain("dl"), Texts{"poison"});
 }
 
-TEST_F(Queue, HandOutsAreCountedWhateverEndsThem)
+TEST_F(Queue, AnOrderlyEndCountsNoAttempt)
 {
     Put("message");
     for (int round = 1; round <= 3; ++round) {
         MQContext* channel = OpenMQChannel("dl");
         ASSERT_GT(GetFirstMessage(channel, false), 0);
         EXPECT_TRUE(QueueItems().at(0).taken);
-        EXPECT_EQ(QueueItems().at(0).attempts, round - 1);
         if (round == 2)
             MQEnd();  // a stop of the service in the middle
         EXPECT_TRUE(CloseMQChannel(channel));
         ASSERT_TRUE(MQInitAt(folder));
         EXPECT_FALSE(QueueItems().at(0).taken);
-        EXPECT_EQ(QueueItems().at(0).attempts, round);
+        EXPECT_FALSE(QueueItems().at(0).suspect);
+        EXPECT_EQ(QueueItems().at(0).attempts, 0);
     }
+}
+
+TEST_F(Queue, APostponedMessageWaitsAndTheOthersGoOn)
+{
+    Put("early");
+    Put("late");
+    MQContext* channel = OpenMQChannel("dl");
+    ASSERT_GT(GetFirstMessage(channel, false), 0);
+    EXPECT_TRUE(PostponeMQMessage(channel, clock.now + 10, "the directory is away"));
+    EXPECT_FALSE(PostponeMQMessage(channel, clock.now + 10, "")) << "it is not current any more";
+    EXPECT_EQ(Pass(channel, true), Texts{"late"});
+    const QueueItem item = QueueItems("dl").at(0);
+    EXPECT_EQ(item.due, clock.now + 10);
+    EXPECT_EQ(item.tries, 1);
+    EXPECT_EQ(item.problem, "the directory is away");
+    EXPECT_EQ(item.attempts, 0);
+    clock.now += 9;
+    EXPECT_EQ(Pass(channel, false), Texts{});
+    clock.now += 1;
+    EXPECT_EQ(Pass(channel, false), Texts{"early"});
+    ASSERT_GT(GetFirstMessage(channel, false), 0);
+    EXPECT_TRUE(PostponeMQMessage(channel, clock.now + 20, "again"));
+    clock.now -= 86'400;  // the clock is set back: nothing waits for a day because of it
+    EXPECT_EQ(Pass(channel, true), Texts{"early"});
+    EXPECT_TRUE(CloseMQChannel(channel));
+}
+
+// What comes during a pass waits for the next one, so that a pass ends whatever the load.
+TEST_F(Queue, APassIsOverWhatWasThereAtItsBeginning)
+{
+    Put("1");
+    MQContext* channel = OpenMQChannel("dl");
+    ASSERT_GT(GetFirstMessage(channel, false), 0);
+    ASSERT_TRUE(RemoveMQChannel(channel));
+    Put("2");
+    EXPECT_EQ(GetNextMessage(channel, false), kNoMessage);
+    EXPECT_EQ(Pass(channel, true), Texts{"2"});
+    EXPECT_TRUE(CloseMQChannel(channel));
 }
 
 TEST_F(Queue, AnEntryWithoutAnEnvelopeIsHeldNotLost)
@@ -157,7 +250,7 @@ TEST_F(Queue, ReadersShareAChannelAndTheDeadOnesGiveBack)
         Put(text);
     MQContext* mine = OpenMQChannel("dl");
     auto other = OpenSqliteQueue(folder, 5);  // stands for another process: its claims are its own
-    const std::int64_t reader = other->BeginReader("dl");
+    const std::int64_t reader = other->BeginReader("dl", 60);
     EXPECT_EQ(Text(GetFirstMessage(mine, false)), "1");
     EXPECT_EQ(Text(other->Take(reader)), "2");
     EXPECT_EQ(Text(GetNextMessage(mine, false)), "3");
@@ -181,7 +274,6 @@ TEST_F(Queue, AFileOutlivesItsRemovalUntilThatIsOnDisk)
     EXPECT_FALSE(std::filesystem::exists(GetMQPathName(first, ".msg")));
     ASSERT_GT(GetNextMessage(channel, false), 0);
     ASSERT_TRUE(RemoveMQChannel(channel));
-    ASSERT_GT(GetNextMessage(channel, false), 0);
     EXPECT_TRUE(std::filesystem::exists(GetMQPathName(second, ".msg")));
     EXPECT_EQ(GetNextMessage(channel, false), kNoMessage);
     EXPECT_FALSE(std::filesystem::exists(GetMQPathName(second, ".msg")));
