@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/config/config.h"
+#include "platform/log/log_hold.h"
 #include "platform/log/spdlog_private.h"
 
 namespace dl
@@ -82,6 +83,9 @@ void FlushLog()
 
 int LogMessage(int level, const char* module, const char* text)
 {
+    LogHold* hold = LogHold::Current();
+    if (hold && hold->Keep(level, module, text))
+        return static_cast<int>(std::strlen(text));
     const std::string escaped = EscapeForLog(text);
     if (const ErrorListener listener = level <= 1 ? error_listener.load() : nullptr)
         listener(escaped);
