@@ -1,5 +1,7 @@
 #include "schedule/due_file.h"
 
+#include <unistd.h>
+
 #include "platform/config/data_path.h"
 #include "platform/files/files.h"
 #include "platform/log/format.h"
@@ -27,7 +29,10 @@ bool DueFile::Overwrite(std::time_t moment)
     char text[32];
     const int length = std::snprintf(text, sizeof text, "%ld", static_cast<long>(moment));
     std::rewind(file_);
-    return Files().Write(file_, text, static_cast<std::size_t>(length)) && std::fflush(file_) == 0;
+    // Cut: what a damaged file had more would be read as a part of the number for ever.
+    return Files().Write(file_, text, static_cast<std::size_t>(length)) &&
+           std::fflush(file_) == 0 && ftruncate(fileno(file_), length) == 0 &&
+           fdatasync(fileno(file_)) == 0;
 }
 
 bool DueFile::Create(const std::string& path, std::time_t moment)

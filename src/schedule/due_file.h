@@ -2,7 +2,8 @@
 // of the server.
 //
 // Content: one decimal number of seconds since 1970-01-01 UTC, no line end, rewritten in place from
-// the first byte. A file that holds no number counts as 0, due at once. Nothing here logs.
+// the first byte and brought to the disk. A file that holds no number counts as 0, due at once; one
+// beyond what a time can be, as the latest. Nothing here logs.
 #pragma once
 
 #include <cstdio>

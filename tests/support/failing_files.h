@@ -28,6 +28,7 @@ enum class FileCall {
     kClose,  // of a file that was written
     kRemove,
     kRename,
+    kLink,
 };
 
 class FailingFiles : public FileBackend, public Faults<FileCall>
@@ -41,6 +42,7 @@ class FailingFiles : public FileBackend, public Faults<FileCall>
     // So many calls more are good, all others fail, as in a process that is killed there; a part of
     // the bytes of the last may have come to the disk.
     void DieAfter(int calls) { left_ = calls; }
+    void Revive() { left_.reset(); }
     [[nodiscard]] bool Died() const { return left_ && *left_ < 0; }
 
     std::FILE* Open(const char* path, const char* mode) override
@@ -78,6 +80,10 @@ class FailingFiles : public FileBackend, public Faults<FileCall>
     bool Rename(const char* from, const char* to) override
     {
         return !(Watched(to) && Fails(FileCall::kRename, EIO)) && PosixFiles().Rename(from, to);
+    }
+    bool Link(const char* from, const char* to) override
+    {
+        return !(Watched(to) && Fails(FileCall::kLink, EPERM)) && PosixFiles().Link(from, to);
     }
 
  private:

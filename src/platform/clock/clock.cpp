@@ -36,6 +36,11 @@ void SleepFor(std::chrono::milliseconds time)
     (void)nanosleep(&wait, nullptr);  // a signal may shorten it; callers look at their flags then
 }
 
+bool ClockIsReplaced()
+{
+    return installed.load() != nullptr;
+}
+
 ScopedClock::ScopedClock(Clock* clock)
 {
     installed.store(clock);

@@ -29,6 +29,9 @@ std::int64_t NowMicroseconds();
 // Returns after `time`, or earlier when a signal arrives.
 void SleepFor(std::chrono::milliseconds time);
 
+// Whether a ScopedClock lives: then nobody may wait for the system's time.
+bool ClockIsReplaced();
+
 // Puts `clock` in the system clock's place while it lives. Not nested.
 class ScopedClock
 {

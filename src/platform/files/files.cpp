@@ -29,6 +29,7 @@ class Posix : public FileBackend
     bool Close(std::FILE* file) override { return std::fclose(file) == 0; }
     bool Remove(const char* path) override { return ::unlink(path) == 0; }
     bool Rename(const char* from, const char* to) override { return std::rename(from, to) == 0; }
+    bool Link(const char* from, const char* to) override { return ::link(from, to) == 0; }
 };
 
 std::atomic<FileBackend*> installed{nullptr};

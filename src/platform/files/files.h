@@ -33,6 +33,7 @@ class FileBackend
     virtual bool Close(std::FILE* file) = 0;  // false when buffered bytes could not be written
     virtual bool Remove(const char* path) = 0;
     virtual bool Rename(const char* from, const char* to) = 0;
+    virtual bool Link(const char* from, const char* to) = 0;
 };
 
 FileBackend& Files();

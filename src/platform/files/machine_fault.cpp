@@ -1,7 +1,5 @@
 #include "platform/files/machine_fault.h"
 
-#include <cerrno>
-
 namespace dl
 {
 namespace
@@ -25,6 +23,7 @@ bool IsMachineFault(int error)
         case ESTALE:
         case ENXIO:
         case ENODEV:
+        case kToldFault:
             return true;
         default:
             return false;

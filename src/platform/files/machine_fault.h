@@ -6,11 +6,16 @@
 // the machine was at fault while it did. Notes stay until ForgetMachineFault. Nothing here logs.
 #pragma once
 
+#include <cerrno>
+
 namespace dl
 {
 
-// Whether errno `error` is a fault of the machine. A missing file, a missing permission and a
-// folder where a file should be are not.
+// For who has told the cause itself, as the queue does and whoever loses the directory.
+inline constexpr int kToldFault = ECANCELED;
+
+// Whether errno `error` is a fault of the machine, or kToldFault. A missing file, a missing
+// permission and a folder where a file should be are not.
 [[nodiscard]] bool IsMachineFault(int error);
 
 // Notes errno `error` for this thread when it is a fault of the machine; else does nothing.
