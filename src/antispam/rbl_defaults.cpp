@@ -110,11 +110,13 @@ void RblDefaults::ReloadWhenDue(const std::string& local_name)
     const int interval =
         GetPrivateProfileInt("Kestrune", "ReloadInterval", kDefaultInterval, kGatewayConfig);
     const std::time_t now = Now();
-    if (loaded_ != -1 && now - loaded_ < static_cast<std::time_t>(interval) * 60)
+    // A moment of loading that is still to come is one of a clock that has been set back.
+    if (loaded_ != -1 && now >= loaded_ && now - loaded_ < static_cast<std::time_t>(interval) * 60)
         return;
     KestruneLog(5, "Loading RBL default settings");
     hosts_.clear();
     cursor_ = hosts_.end();
+    failed_ = true;
     ldapClient client;
     if (!Open(&client))
         return;
@@ -135,6 +137,7 @@ void RblDefaults::ReloadWhenDue(const std::string& local_name)
         }
     }
     loaded_ = now;
+    failed_ = false;
     KestruneLog(5, "Done");
 }
 

@@ -4,7 +4,8 @@
 // Owned by the spam checker, which asks it to reload before each check; it does when
 // "Kestrune"/"ReloadInterval" minutes of "qvmta.ini" (default 15) have passed since the last
 // successful load. A load that fails leaves no defaults: every blacklist counts as unknown, which
-// discards, until one succeeds. Logs with the tag "Kestrune".
+// discards, until one succeeds; LoadFailed tells that from a blacklist that is unknown indeed. Logs
+// with the tag "Kestrune".
 #pragma once
 
 #include <ctime>
@@ -30,6 +31,8 @@ class RblDefaults
 {
  public:
     void ReloadWhenDue(const std::string& local_name);
+    // The last load failed.
+    [[nodiscard]] bool LoadFailed() const { return failed_; }
 
     [[nodiscard]] int Action(const std::string& host) const;  // 1 (discard) for an unknown one
     [[nodiscard]] int Mode(const std::string& host) const;    // 0 for an unknown one
@@ -45,6 +48,7 @@ class RblDefaults
     std::list<RblHost> hosts_;
     std::list<RblHost>::const_iterator cursor_ = hosts_.end();
     std::time_t loaded_ = -1;
+    bool failed_ = false;
 };
 
 }  // namespace dl

@@ -33,6 +33,8 @@ SpamVerdict SpamChecker::Check(const std::string& sender, const std::string& use
     const SpamDecision decision = DecideOnSpam(marks, *settings_, defaults_);
     if (decision.white_listed_ip)
         return SpamVerdict::kWhiteListedIP;
+    if (decision.unknown)
+        return SpamVerdict::kUnknown;
     switch (decision.action) {
         case kSpamIgnore:
             return SpamVerdict::kIgnored;

@@ -26,6 +26,7 @@ enum class SpamVerdict {
     kBounced = 6,
     kWhiteListedSender = 7,
     kWhiteListedIP = 8,
+    kUnknown = 9,  // the directory, which knows the server's defaults, does not answer
 };
 
 class SpamChecker

@@ -101,6 +101,7 @@ SpamDecision DecideOnSpam(const SpamMarks& marks, const AntiSpamConfig& settings
     }
     for (const std::string& host : BlacklistHosts(blacklists)) {
         Apply(defaults.Action(host), folder, reason, &decision);
+        decision.unknown = defaults.LoadFailed() && !settings.HasHostAction(host);
         if (settings.HasHostAction(host))
             Apply(settings.HostAction(host), settings.HostFolder(host),
                   settings.HostBounceReason(host), &decision);

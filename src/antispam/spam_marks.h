@@ -38,6 +38,7 @@ struct SpamMarks {
 
 struct SpamDecision {
     bool white_listed_ip = false;
+    bool unknown = false;  // what decides could not be loaded from the directory
     int action = kSpamIgnore;
     std::string folder;  // of kSpamFile
     std::string reason;  // of kSpamBounce

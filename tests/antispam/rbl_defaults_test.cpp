@@ -82,8 +82,8 @@ TEST_F(RblDefaultsTest, ReloadsWhenTheIntervalHasPassed)
         const char* interval;
         int seconds;
         bool again;
-    } rows[] = {
-        {"", 899, false}, {"", 900, true}, {"2", 119, false}, {"2", 120, true}, {"0", 0, true}};
+    } rows[] = {{"", 899, false}, {"", 900, true}, {"2", 119, false},
+                {"2", 120, true}, {"0", 0, true},  {"2", -1, true}};  // the clock was set back
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.interval) + " " + std::to_string(row.seconds));
         Gateway(*row.interval ? std::string("[Kestrune]\nReloadInterval = ") + row.interval : "");
@@ -107,9 +107,11 @@ TEST_F(RblDefaultsTest, AFailedLoadForgetsTheOldOnesAndIsTriedAgainAtOnce)
         directory.FailNext(call);
         defaults.ReloadWhenDue("DL");
         EXPECT_EQ(Hosts(), "");
+        EXPECT_TRUE(defaults.LoadFailed());
         EXPECT_EQ(defaults.Action("a.example"), kSpamDiscard);
         defaults.ReloadWhenDue("DL");
         EXPECT_EQ(Hosts(), "a.example ");
+        EXPECT_FALSE(defaults.LoadFailed());
         clock.now += 15 * 60;
     }
 }
