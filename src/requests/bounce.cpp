@@ -65,7 +65,7 @@ int BounceToSender(const Incoming& message, const std::string& reason, const std
                                       ? FormatText("postmaster@%s.%s", bounce.Host().host.c_str(),
                                                    bounce.Host().domain.c_str())
                                       : sender;
-    const std::string boundary = bounce.Boundary();
+    const std::string boundary = bounce.Boundary({original});
     if (!WriteHeaders(bounce, boundary, sender, null_sender) ||
         !WriteBody(bounce, boundary, reason, original) || !bounce.CloseFile())
         return -1;

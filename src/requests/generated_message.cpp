@@ -3,9 +3,9 @@
 #include <cstdarg>
 #include <utility>
 
-#include "platform/clock/clock.h"
-#include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/log/log_hold.h"
+#include "requests/boundary.h"
 
 namespace dl
 {
@@ -69,9 +69,9 @@ bool GeneratedMessage::Print(const char* format, ...)
     return done;
 }
 
-std::string GeneratedMessage::Boundary(const char* format) const
+std::string GeneratedMessage::Boundary(const std::vector<std::string>& enclosed) const
 {
-    return FormatText(format ? format : kind_.boundary, static_cast<unsigned>(Now()));
+    return FreeBoundary(kind_.boundary, enclosed);
 }
 
 GeneratedMessage::Copied GeneratedMessage::CopyFile(const std::string& path, std::size_t buffer)
@@ -115,6 +115,7 @@ bool GeneratedMessage::Send(const std::string& channel, stEnvelope* envelope)
         (void)InsertMQChannel(entry_.get(), channel, kind_.priority);
         (void)PutMQEnvelope(entry_.get(), envelope);
         (void)entry_.Close();
+        PromiseLines(nullptr);
         return true;
     }
     const Submission result = Submit(std::move(entry_), channel, kind_.priority, envelope);
@@ -124,6 +125,8 @@ bool GeneratedMessage::Send(const std::string& channel, stEnvelope* envelope)
                                                             : nullptr;
     if (line)
         DlLog(1, "%s", line);
+    else
+        PromiseLines(kind_.close_failed);  // what is said from here on is true with the commit
     return result == Submission::kDone;
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/files/files.h"
 #include "platform/queue/queue.h"
@@ -65,8 +66,8 @@ class GeneratedMessage
     // Bytes written so far, and whether they end a line.
     [[nodiscard]] std::int64_t Written() const { return file_->Written(); }
     [[nodiscard]] bool EndsLine() const { return file_->EndsLine(); }
-    // Makes a boundary from the kind's format and the current second, or from another format.
-    [[nodiscard]] std::string Boundary(const char* format = nullptr) const;
+    // A boundary that occurs in none of the files which it is to enclose, from the kind's format.
+    [[nodiscard]] std::string Boundary(const std::vector<std::string>& enclosed) const;
     // Copies the file in pieces of at most `buffer` - 1 bytes, each written unchanged. kMissing: it
     // cannot be opened, and nothing was written; kUnreadable: reading it broke off; kFailed: a
     // write failed.

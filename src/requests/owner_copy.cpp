@@ -82,7 +82,7 @@ bool WriteCopy(GeneratedMessage& copy, const std::string& alias, const ListAlias
         !copy.Print("From: %s\r\n", alias.c_str()) || !copy.Print("To: %s\r\n", alias.c_str()) ||
         !WriteSubject(copy, alias, parts, reason) || !copy.Print("Mime-version: 1.0\r\n"))
         return false;
-    const std::string boundary = copy.Boundary();
+    const std::string boundary = copy.Boundary({message.MessagePath()});
     return copy.Print("Content-type: multipart/mixed; boundary=\"%s\"\r\n\r\n", boundary.c_str()) &&
            copy.Print("\r\n--%s\r\n", boundary.c_str()) &&
            copy.Print("Content-type: text/plain\r\n\r\n") &&

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include "platform/address/address.h"
 #include "platform/config/config.h"
 #include "requests/bounce.h"
 #include "requests/confirmations.h"
@@ -174,6 +175,32 @@ TEST_F(GeneratedMail, SenderStaysOnItsLine)
         EXPECT_NE(text.find("a@b.example??Bcc: all@b.example??"), std::string::npos) << text;
     }
     ASSERT_EQ(Pending().size(), 1U);  // the one that Make puts there
+}
+
+// The second that stands in it is the next one that no line of the message holds, in any case.
+TEST_F(GeneratedMail, ABoundaryIsInNothingThatItEncloses)
+{
+    const std::string far(70'000, 'x');  // behind what is read at once
+    for (const std::string& body :
+         {"--KVT.Boundary.4190AB01--\n" + far + "\n--kvt.boundary.4190ab02",
+          far + "--KVT.BOUNDARY.4190AB01\n--KVT.Boundary.4190aB02",
+          far.substr(0, 65'530 - 80) + "--KVT.Boundary.4190AB01--\n--KVT.Boundary.4190AB02"}) {
+        for (const auto& make :
+             {Copy(2), std::function<int(const Incoming&)>([](const Incoming& message) {
+                  return BounceToSender(message, "no", kOut, false);
+              })}) {
+            AddUsualLists();
+            Start();
+            clock.now = 0x4190AB01;
+            Submit("paul@example.org", {kList}, "Subject: x\n\n" + body);
+            const Incoming message = Take();
+            EXPECT_EQ(make(message), 0);
+            EXPECT_TRUE(RemoveMQChannel(message.channel));
+            const std::string text = LowerCase(On().at(0).text);
+            EXPECT_NE(text.find("boundary=\"kvt.boundary.4190ab03\""), std::string::npos)
+                << text.substr(0, 1000);
+        }
+    }
 }
 
 TEST_F(GeneratedMail, DateTellsTheZone)
