@@ -12,6 +12,7 @@
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"
+#include "platform/config/data_path.h"
 #include "platform/log/log.h"
 #include "platform/metrics/metrics.h"
 #include "platform/mime/mime.h"
@@ -24,11 +25,13 @@ namespace
 {
 
 constexpr char kModule[] = "DL Manager";
-constexpr char kInput[] = "dl";
-constexpr char kOutput[] = "dlout";
 constexpr int kDefaultInterval = 15;
 constexpr int kShortestIgnored = 5;
 constexpr std::chrono::seconds kPause{1};
+
+// While the last pass ends, the service manager is told this often to wait so long.
+constexpr std::time_t kTellSeconds = 10;
+constexpr char kWaitForUs[] = "EXTEND_TIMEOUT_USEC=60000000";
 
 volatile std::sig_atomic_t stop_requested = 0;
 
@@ -108,7 +111,7 @@ bool Service::Start()
     if (!counting)
         (void)OpenMetrics(QueuePath(), "dlmanager");  // the folder is there now; nothing needs it
     MarkStart();
-    channel_ = OpenMQChannel(kInput);
+    channel_ = OpenMQChannel(kInputChannel);
     if (!channel_) {
         DlLog(1, "Cannot Open Message Queue Channel");
         RemoveProcessInfo(kProcessName);
@@ -135,16 +138,38 @@ bool Service::Turn()
         SleepFor(kPause);
         return true;
     }
-    const int stop = ProcessQueue(channel_, kInput, kOutput, &processed_recipients_);
+    MQNeedsRoomAt(DataPath());
+    const int stop = ProcessQueue(channel_, kInputChannel, kOutputChannel, &processed_recipients_,
+                                  [this] { TellThatItEnds(); });
     freeStringChain(&processed_recipients_);
     if (stop != 0)
         return false;
     FlushLog();
-    SleepFor(kPause);
+    (void)WaitForMQNews(kPause);  // it is time to look again in any case
     RefreshWhenDue();
-    RunDigestSchedule(kOutput);
-    RunArchiveIndexSchedule();
+    RunSchedules();
     return true;
+}
+
+// The turns come as mail does, the schedules once a second.
+void Service::RunSchedules()
+{
+    const std::time_t now = Now();
+    if (now == last_schedules_)
+        return;
+    last_schedules_ = now;
+    RunDigestSchedule(kOutputChannel);
+    RunArchiveIndexSchedule();
+}
+
+// A pass that goes on after a signal may take longer than the service manager waits by itself.
+void Service::TellThatItEnds()
+{
+    const std::time_t now = Now();
+    if (stop_requested == 0 || std::abs(now - last_told_) < kTellSeconds)
+        return;
+    last_told_ = now;
+    NotifyServiceManager(kWaitForUs);
 }
 
 void Service::RefreshWhenDue()

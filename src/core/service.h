@@ -41,11 +41,15 @@ class Service
     // One turn of the loop; false when the loop is to be left.
     [[nodiscard]] bool Turn();
     void RefreshWhenDue();
+    void RunSchedules();
+    void TellThatItEnds();
     void Stop();
 
     MQContext* channel_ = nullptr;
     int interval_ = 15;  // minutes
     std::time_t last_refresh_ = 0;
+    std::time_t last_schedules_ = 0;
+    std::time_t last_told_ = 0;
     StringChain processed_recipients_;
 };
 

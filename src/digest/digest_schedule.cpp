@@ -1,6 +1,7 @@
 #include "digest/digest_schedule.h"
 
 #include <ctime>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -38,9 +39,9 @@ void SendWhenDue(const std::string& list, std::time_t now, const std::string& ch
     DlLog(6, "Time to send message digest for mailing list (%s)", list.c_str());
     // What failed has been logged; the schedule goes on, and the postings wait for the next digest.
     if (ListCache().UseMimeDigest(list))
-        (void)SendMimeDigest(list, channel);
+        (void)SendMimeDigest(list, channel, next);
     else
-        (void)SendPlainDigest(list, channel);
+        (void)SendPlainDigest(list, channel, next);
     Move(&file, list, next);
     char text[32];
     DlLog(6, "Next message digest will be sent on %.24s", ctime_r(&next, text));
@@ -51,6 +52,9 @@ void SendWhenDue(const std::string& list, std::time_t now, const std::string& ch
 void RunDigestSchedule(const std::string& channel)
 {
     const std::time_t now = Now();
+    std::set<std::string> unfinished;
+    if (!FinishSentDigests(&unfinished))
+        return;  // the pass over the queue has said that it cannot be read
     dllist& cache = ListCache();
     // Sending moves the cache's cursor, to the first of two lists of one name: all are named first.
     std::vector<std::string> lists;
@@ -58,7 +62,8 @@ void RunDigestSchedule(const std::string& channel)
         if (IsSafeFolderName(list))
             lists.emplace_back(list);
     for (const std::string& list : lists)
-        SendWhenDue(list, now, channel);
+        if (!unfinished.contains(list))
+            SendWhenDue(list, now, channel);
 }
 
 }  // namespace dl

@@ -3,6 +3,7 @@
 #include "lists/cache_shortcuts.h"
 #include "platform/address/address.h"
 #include "platform/log/log.h"
+#include "requests/boundary.h"
 
 namespace dl
 {
@@ -70,12 +71,20 @@ bool DigestWriter::Headers()
            Check(message_.Print("To: %s\r\n", list), "Error writing <To> to message digest");
 }
 
-bool DigestWriter::MimeStart()
+std::vector<std::string> DigestContent::Paths() const
+{
+    std::vector<std::string> paths;
+    for (const std::string& name : postings)
+        paths.push_back(folder.PathOf(name));
+    return paths;
+}
+
+bool DigestWriter::MimeStart(const DigestContent& content)
 {
     if (!Check(message_.Print("Mime-version: 1.0\r\n"),
                "Error writing <Mime-version> to message digest"))
         return false;
-    outer_ = message_.Boundary(kOuterBoundary);
+    outer_ = FreeBoundary(kOuterBoundary, content.Paths());
     return Check(message_.Print("Content-type: Multipart/mixed; boundary=\"%s\"\r\n\r\n",
                                 outer_.c_str()),
                  "Error writing <Content-type> to message digest") &&
@@ -85,20 +94,24 @@ bool DigestWriter::MimeStart()
                  "Error writing <Content-type> to message digest");
 }
 
-bool DigestWriter::Topics(const DigestFolder& folder)
+bool DigestWriter::Topics(const DigestContent& content)
 {
+    const auto copy = [&] {
+        const DigestFolder& folder = content.folder;
+        if (!content.whole)
+            return message_.Write(TopicsOf(folder, content.postings));
+        return message_.CopyFile(folder.Topics(), kBuffer) != GeneratedMessage::Copied::kFailed;
+    };
     return Check(
-        message_.Print("\r\nTopics of the day:\r\n\r\n") &&
-            message_.CopyFile(folder.Topics(), kBuffer) != GeneratedMessage::Copied::kFailed &&
-            message_.Print("\r\n"),
+        message_.Print("\r\nTopics of the day:\r\n\r\n") && copy() && message_.Print("\r\n"),
         "Error writing <Topics> to message digest");
 }
 
 template <typename Add>
-bool DigestWriter::EachPosting(const DigestFolder& folder, Add add)
+bool DigestWriter::EachPosting(const DigestContent& content, Add add)
 {
     const long limit = GetDigestSize(list_);
-    for (const std::string& posting : folder.Postings()) {
+    for (const std::string& posting : content.Paths()) {
         const std::int64_t size = FileSize(posting);
         if (!Check(size >= 0 && add(posting), "Error writing a posting to message digest"))
             return false;
@@ -121,13 +134,13 @@ bool DigestWriter::AddPlain(const std::string& posting)
     return !in->Failed() && message_.Print("\r\n------------------------------\r\n\r\n");
 }
 
-bool DigestWriter::Plain(const DigestFolder& folder)
+bool DigestWriter::Plain(const DigestContent& content)
 {
     const std::string rule(70, '-');
     const bool done =
         Check(message_.Print("%s\r\n\r\n", rule.c_str()),
               "Error writing a posting to message digest") &&
-        EachPosting(folder, [this](const std::string& posting) { return AddPlain(posting); });
+        EachPosting(content, [this](const std::string& posting) { return AddPlain(posting); });
     return done && Check(message_.Print("End of %s Digest (#%d-%d-%d)\r\n", list_.c_str(),
                                         number_.year, number_.month, number_.day),
                          "Error writing the end of message digest");
@@ -140,17 +153,17 @@ bool DigestWriter::AddMime(const std::string& posting)
            message_.CopyFile(posting, kBuffer) == GeneratedMessage::Copied::kDone;
 }
 
-bool DigestWriter::Mime(const DigestFolder& folder)
+bool DigestWriter::Mime(const DigestContent& content)
 {
     if (!Check(message_.Print("--%s\r\n", outer_.c_str()),
                "Error writing boundary to message digest"))
         return false;
-    inner_ = message_.Boundary(kInnerBoundary);
+    inner_ = FreeBoundary(kInnerBoundary, content.Paths());
     if (!Check(message_.Print("Content-type: Multipart/digest; boundary=\"%s\"\r\n\r\n",
                               inner_.c_str()),
                "Error writing <Content-type> to message digest"))
         return false;
-    return EachPosting(folder, [this](const std::string& posting) { return AddMime(posting); }) &&
+    return EachPosting(content, [this](const std::string& posting) { return AddMime(posting); }) &&
            Check((message_.EndsLine() || message_.Print("\r\n")) &&  // a boundary begins its line
                      message_.Print("--%s--\r\n", inner_.c_str()) &&
                      message_.Print("--%s--\r\n", outer_.c_str()),

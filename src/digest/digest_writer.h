@@ -4,8 +4,9 @@
 
 #include <ctime>
 #include <string>
+#include <vector>
 
-#include "digest/digest_folder.h"
+#include "lists/digest_folder.h"
 #include "platform/clock/clock.h"
 #include "requests/generated_message.h"
 
@@ -20,6 +21,14 @@ struct DigestNumber {
 };
 [[nodiscard]] DigestNumber NumberOf(std::time_t now);
 
+// What goes into a digest.
+struct DigestContent {
+    DigestFolder folder;
+    std::vector<std::string> postings = {};  // their names, in order
+    bool whole = true;                       // all that the folder holds
+    [[nodiscard]] std::vector<std::string> Paths() const;
+};
+
 class DigestWriter
 {
  public:
@@ -29,15 +38,15 @@ class DigestWriter
     }
     // All false when a write failed, which is logged then.
     [[nodiscard]] bool Headers();
-    [[nodiscard]] bool Topics(const DigestFolder& folder);
-    [[nodiscard]] bool Plain(const DigestFolder& folder);
-    [[nodiscard]] bool MimeStart();
-    [[nodiscard]] bool Mime(const DigestFolder& folder);
+    [[nodiscard]] bool Topics(const DigestContent& content);
+    [[nodiscard]] bool Plain(const DigestContent& content);
+    [[nodiscard]] bool MimeStart(const DigestContent& content);
+    [[nodiscard]] bool Mime(const DigestContent& content);
 
  private:
     // Adds postings with `add` until the list's size limit is reached.
     template <typename Add>
-    [[nodiscard]] bool EachPosting(const DigestFolder& folder, Add add);
+    [[nodiscard]] bool EachPosting(const DigestContent& content, Add add);
     [[nodiscard]] bool AddPlain(const std::string& posting);
     [[nodiscard]] bool AddMime(const std::string& posting);
 

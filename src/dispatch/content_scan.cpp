@@ -7,12 +7,12 @@
 namespace dl
 {
 
-bool PassContentScan(const Incoming& message, const std::string& list)
+ScanResult ScanContent(const Incoming& message, const std::string& list)
 {
     SpamChecker* checker = ListCache().GetSpamChecker();
     const AntiSpamConfig* settings = ListCache().GetSpamSettings(list);
     if (!checker || !settings)
-        return true;
+        return ScanResult::kPassed;
     DlLog(5, "Running Kestrune...");
     checker->SetListSettings(settings, list);
     checker->LoadRblDefaults();
@@ -34,7 +34,11 @@ bool PassContentScan(const Incoming& message, const std::string& list)
         Count(Metric::kRefusedSpamDiscarded);
     else if (verdict == SpamVerdict::kBounced)
         Count(Metric::kRefusedSpamBounced);
-    return verdict != SpamVerdict::kDiscarded && verdict != SpamVerdict::kBounced;
+    if (verdict == SpamVerdict::kUnknown)
+        return ScanResult::kWait;
+    return verdict == SpamVerdict::kDiscarded || verdict == SpamVerdict::kBounced
+               ? ScanResult::kSpam
+               : ScanResult::kPassed;
 }
 
 }  // namespace dl

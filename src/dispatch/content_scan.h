@@ -11,8 +11,11 @@
 namespace dl
 {
 
-// True when the posting goes on. False when it was discarded or bounced as spam: the recipient is
-// done. A posting that cannot be judged goes on.
-[[nodiscard]] bool PassContentScan(const Incoming& message, const std::string& list);
+enum class ScanResult {
+    kPassed,  // the posting goes on; so does one that cannot be judged
+    kSpam,    // it was discarded or bounced: the recipient is done
+    kWait,    // what decides is in a directory that does not answer
+};
+[[nodiscard]] ScanResult ScanContent(const Incoming& message, const std::string& list);
 
 }  // namespace dl

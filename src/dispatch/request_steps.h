@@ -5,14 +5,13 @@
 
 #include <string>
 
-#include "requests/incoming.h"
+#include "dispatch/message_work.h"
 
 namespace dl
 {
 
 // 0 when the recipient is done; else the number of the place at which the service must stop with
 // the message on its channel.
-[[nodiscard]] long HandleRequest(const Incoming& message, const std::string& request_address,
-                                 const std::string& output);
+[[nodiscard]] long HandleRequest(const Handling& it, const std::string& request_address);
 
 }  // namespace dl

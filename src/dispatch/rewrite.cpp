@@ -77,7 +77,8 @@ std::string HeaderRewriter::Next(std::string_view line)
     return Keep(line);
 }
 
-RewriteResult RewriteListMessage(unsigned long id, MQContext* entry, const std::string& list)
+RewriteResult RewriteListMessage(unsigned long id, MQContext* entry, const std::string& list,
+                                 FolderFiling* filing)
 {
     HeaderRewriter header(list, ListCache().RemoveReturnReceipt(list));
     const std::string from = GetMQPathName(id, ".msg");
@@ -112,7 +113,7 @@ RewriteResult RewriteListMessage(unsigned long id, MQContext* entry, const std::
           "Mailing list message (QID=%X, full path: %s, size: %ld bytes) has been modified "
           "successfully.",
           static_cast<unsigned>(GetMQId(entry)), to.c_str(), static_cast<long>(FileSize(to)));
-    MakeFolderCopies(list, id, to, header.Subject());
+    MakeFolderCopies(list, id, to, header.Subject(), filing);
     return RewriteResult::kDone;
 }
 

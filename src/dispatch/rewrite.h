@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "dispatch/folder_filing.h"
 #include "platform/queue/queue.h"
 
 namespace dl
@@ -47,9 +48,9 @@ class HeaderRewriter
     std::optional<std::string> subject_;
 };
 
-// Writes the file of `entry` from the message `id` for `list`, and keeps its copies for digest and
-// archive. Failures are logged at level 1; the entry stays the caller's.
+// Writes the file of `entry` from the message `id` for `list`, and gives `filing` its copies for
+// digest and archive. Failures are logged at level 1; the entry stays the caller's.
 [[nodiscard]] RewriteResult RewriteListMessage(unsigned long id, MQContext* entry,
-                                               const std::string& list);
+                                               const std::string& list, FolderFiling* filing);
 
 }  // namespace dl

@@ -105,6 +105,7 @@ const char* dllist::GetNextList()
 
 bool dllist::IsCached(const std::string& list)
 {
+    look_up_failed_ = false;
     if (CacheEmpty() && !InitCache())
         return false;
     return Find(list) >= 0 || AddCache(list);

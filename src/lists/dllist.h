@@ -50,6 +50,8 @@ class dllist
 
     // Whether the last connect and bind of InitCache, AddCache or GetListOwner succeeded.
     [[nodiscard]] bool DirectoryReachable() const { return directory_reachable_; }
+    // Whether the last IsCached, AddCache or GetListOwner asked a directory that gave no answer.
+    [[nodiscard]] bool LookUpFailed() const { return look_up_failed_; }
     // True until lists have been loaded.
     [[nodiscard]] bool CacheEmpty() const { return !loaded_; }
     [[nodiscard]] std::int32_t Count() const { return static_cast<std::int32_t>(records_.size()); }
@@ -111,6 +113,7 @@ class dllist
 
     std::unique_ptr<SpamChecker> spam_checker_;
     bool directory_reachable_ = false;
+    bool look_up_failed_ = false;
     bool loaded_ = false;  // the records exist, be there none
     std::deque<_mailinglist> records_;
     std::unordered_map<std::string, std::int32_t> index_;  // by name in lower case; the first one

@@ -81,6 +81,7 @@ void dllist::CountMembers() const
 bool dllist::Connect(ldapClient* client)
 {
     directory_reachable_ = OpenDirectory(client);
+    look_up_failed_ = !directory_reachable_;
     return directory_reachable_;
 }
 
@@ -91,6 +92,7 @@ bool dllist::FindLists(SearchReq* found)
         return false;
     *found = client.ldapClientSearch(nullptr, kSubtree, false, kAllLists);
     client.ldapClientUnbind();
+    look_up_failed_ = found->failed;
     if (found->failed)
         DlLog(1, "Could not read the mailing lists from Directory Server");
     return !found->failed;
@@ -215,6 +217,7 @@ bool dllist::AddCache(const std::string& list)
 const char* dllist::GetListOwner(const std::string& list)
 {
     const std::int32_t index = Find(list);
+    look_up_failed_ = false;
     if (index < 0)
         return nullptr;
     _mailinglist* record = &records_[static_cast<std::size_t>(index)];
@@ -237,6 +240,7 @@ bool dllist::LookUpOwner(_mailinglist* record)
                    EscapeFilterValue(local).c_str(), EscapeFilterValue(domain).c_str());
     const SearchReq found = client.ldapClientSearch(nullptr, kSubtree, false, filter);
     client.ldapClientUnbind();
+    look_up_failed_ = found.failed;
     if (found.failed) {
         // Not the same as "no alias": the postmaster would get the list's mail until the next
         // refresh.

@@ -24,6 +24,7 @@ using Kind = ConfirmationSubject::Kind;
 
 constexpr std::size_t kLine = 1023;
 constexpr std::size_t kIdDigits = 8;
+constexpr std::string_view kBegun = "begun\r\n";  // a pending file's second line
 
 // In the order in which they are looked for: the first holds the second.
 constexpr std::pair<const char*, Kind> kPhrases[] = {
@@ -70,8 +71,16 @@ bool BodySaysOk(unsigned long id)
     return ok;
 }
 
-// The one line of the pending file; none for anything that is not a plain file of exactly one line.
-std::optional<std::string> ReadPending(const std::string& path)
+// A power loss may have cut the line, or left zeros in its place.
+bool IsBegun(std::string_view line)
+{
+    return kBegun.starts_with(line) ||
+           (line.size() <= kBegun.size() && line.find_first_not_of('\0') == line.npos);
+}
+
+// The line of the pending file, and whether its change was begun; none for anything that is not a
+// plain file of such lines.
+std::optional<std::string> ReadPending(const std::string& path, bool* begun)
 {
     struct stat status {
     };
@@ -82,7 +91,9 @@ std::optional<std::string> ReadPending(const std::string& path)
     if (!line)
         return std::nullopt;
     std::string text(*line);
-    if (in.Next())
+    const auto second = in.Next();
+    *begun = second && IsBegun(*second);
+    if ((second && !*begun) || in.Next() || in.Failed())
         return std::nullopt;
     return text;
 }
@@ -103,7 +114,9 @@ bool Matches(const std::string& line, Kind kind, const std::string& list, const 
         case Kind::kArchive:
             break;
     }
-    return LowerCase(line).find(LowerCase(sender)) != std::string::npos;
+    // A request for membership names its sender, too, and would be taken for a login.
+    return !StartsWithNoCase(line, "subscribe ") && !StartsWithNoCase(line, "unsubscribe ") &&
+           LowerCase(line).find(LowerCase(sender)) != std::string::npos;
 }
 
 // The registration counts even when the archive could not take it.
@@ -156,9 +169,9 @@ ConfirmationReply ProcessConfirmationReply(const Incoming& message, const std::s
     const ConfirmationSubject subject = FindSubject(message.MessagePath());
     if (list.empty() || !subject.found || !BodySaysOk(message.id))
         return {};
-    const std::string path = PendingPath(list, subject.id);
-    const std::optional<std::string> line = ReadPending(path);
     ConfirmationReply reply;
+    reply.pending.path = PendingPath(list, subject.id);
+    const std::optional<std::string> line = ReadPending(reply.pending.path, &reply.pending.begun);
     if (!line || !Matches(*line, subject.kind, list, sender, &reply.kind.digest))
         return {};
     reply.confirmed = true;
@@ -166,9 +179,24 @@ ConfirmationReply ProcessConfirmationReply(const Incoming& message, const std::s
     reply.kind.archive = subject.kind == Kind::kArchive;
     if (reply.kind.archive)
         RegisterWithArchive(list, *line);
+    return reply;
+}
+
+bool PendingConfirmation::Begin()
+{
+    if (begun)
+        return true;
+    FileWriter out(path, "ab");
+    if (out.IsOpen() && out.Write(kBegun) && out.Close() && SyncPath(path))
+        return begun = true;
+    DlLog(1, "Unable to write file: %s", path.c_str());
+    return false;
+}
+
+void PendingConfirmation::End() const
+{
     if (!Files().Remove(path.c_str()))
         DlLog(1, "Unable to remove file: %s", path.c_str());
-    return reply;
 }
 
 }  // namespace dl

@@ -1,10 +1,11 @@
 // Confirmation requests: a request that must be confirmed waits in a pending file until its sender
 // answers "OK".
 //
-// The pending file is "<data path>/<list>/<id as %08X>.cnf" and holds one line. Its id stands in
-// the subject of the request that is mailed, and of the reply. A reply confirms only when id, list,
-// sender and kind all fit the file's line; nothing else is read or removed. Files that nobody
-// confirms are removed after "DlManager"/"CNFTimeOut" days. Main thread.
+// The pending file is "<data path>/<list>/<id as %08X>.cnf" and holds one line, and a second one
+// once its change has begun. Its id stands in the subject of the request that is mailed, and of the
+// reply. A reply confirms only when id, list, sender and kind all fit the file's line; nothing else
+// is read or removed. Files that nobody confirms are removed after "DlManager"/"CNFTimeOut" days.
+// Main thread.
 #pragma once
 
 #include <cstdint>
@@ -29,13 +30,26 @@ struct ConfirmationKind {
 int SendConfirmationRequest(const Incoming& message, const std::string& request_address,
                             const std::string& channel, const ConfirmationKind& kind);
 
+// A pending file that was confirmed. It stays until what it asks for has been done, so that a reply
+// that is handled again, after a crash, is carried out to its end.
+struct PendingConfirmation {
+    std::string path;
+    bool begun = false;  // the change was begun by an earlier attempt
+
+    // Notes durably that the change begins. False when the file cannot be written.
+    [[nodiscard]] bool Begin();
+    // The change is made and answered: removes the file; what fails is logged.
+    void End() const;
+};
+
 struct ConfirmationReply {
     bool confirmed = false;
     ConfirmationKind kind;
+    PendingConfirmation pending;
 };
-// Whether the message, from `sender` to `request_address`, confirms a pending file, which is then
-// gone. A confirmed archive registration has been handed to the archive; a failure of that is
-// logged and still counts as confirmed.
+// Whether the message, from `sender` to `request_address`, confirms a pending file. A confirmed
+// archive registration has been handed to the archive; a failure of that is logged and still counts
+// as confirmed.
 [[nodiscard]] ConfirmationReply ProcessConfirmationReply(const Incoming& message,
                                                          const std::string& sender,
                                                          const std::string& request_address);

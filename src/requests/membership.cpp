@@ -3,6 +3,7 @@
 #include "lists/directory_access.h"
 #include "lists/dllist.h"
 #include "platform/address/address.h"
+#include "platform/files/machine_fault.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
 #include "requests/owner_copy.h"
@@ -26,16 +27,20 @@ bool IsMemberValue(const std::string& value, const std::string& member)
     return false;
 }
 
-bool IsMember(ldapClient& client, const std::string& list, const std::string& member)
+enum class Membership { kMember, kNone, kUnknown };
+
+Membership FindMember(ldapClient& client, const std::string& list, const std::string& member)
 {
     const std::string filter =
         FormatText("(&(mail=%s)(objectclass=qvlist))", EscapeFilterValue(list).c_str());
     const SearchReq found = client.ldapClientSearch(nullptr, kSubtree, false, filter);
+    if (found.failed)
+        return Membership::kUnknown;
     for (const SearchEntry& entry : found.entries)
         for (const SearchAttribute& attribute : entry.attributes)
             if (attribute.name == kMemberAttribute && IsMemberValue(attribute.value, member))
-                return true;
-    return false;
+                return Membership::kMember;
+    return Membership::kNone;
 }
 
 std::string NewMemberValue(const std::string& list, const std::string& member, bool digest)
@@ -57,10 +62,17 @@ ModifyResult Change(ldapClient& client, const std::string& list, const std::stri
     return client.ldapClientModify(ListEntryName(list), {{operation, kMemberAttribute, value}});
 }
 
+// That the directory does not answer is never held against the message.
+int NoDirectory()
+{
+    NoteMachineFault(kToldFault);
+    return -1;
+}
+
 int LostDirectory()
 {
     DlLog(1, "Lost the connection to Directory Server before a membership change was answered");
-    return -1;
+    return NoDirectory();
 }
 
 int CopyToOwner(const Incoming& message, const std::string& list, const std::string& channel,
@@ -72,12 +84,16 @@ int CopyToOwner(const Incoming& message, const std::string& list, const std::str
 }  // namespace
 
 int AddListMember(const Incoming& message, const std::string& member, const std::string& list,
-                  const std::string& channel, bool digest)
+                  const std::string& channel, bool digest, PendingConfirmation* pending)
 {
     ldapClient client;
     if (!OpenDirectory(&client))
-        return -1;
-    if (IsMember(client, list, member))
+        return NoDirectory();
+    const Membership membership = FindMember(client, list, member);
+    if (membership == Membership::kUnknown)
+        return LostDirectory();
+    const bool was_added = membership == Membership::kMember && pending && pending->begun;
+    if (membership == Membership::kMember && !was_added)
         return 2;
     if (!ListCache().AllowAutoSubscription(list)) {
         client.ldapClientUnbind();
@@ -87,6 +103,10 @@ int AddListMember(const Incoming& message, const std::string& member, const std:
         DlLog(6, "Forwarded auto subscription message to %s", OwnerAddress(list).c_str());
         return 0;
     }
+    if (was_added)
+        return CopyToOwner(message, list, channel, kSubscriptionConfirmed) == -1 ? -1 : 1;
+    if (pending && !pending->Begin())
+        return -1;
     const ModifyResult result = Change(client, list, member, AttributeChange::Operation::kAdd,
                                        NewMemberValue(list, member, digest));
     client.ldapClientUnbind();
@@ -108,7 +128,7 @@ int RemoveListMember(const Incoming& message, const std::string& member, const s
                                                    "Immediate;Blocked;%s", "Digest;Blocked;%s"};
     ldapClient client;
     if (!OpenDirectory(&client))
-        return -1;
+        return NoDirectory();
     for (const char* form : kDeleteOrder) {
         const ModifyResult result =
             Change(client, list, member, AttributeChange::Operation::kDelete,

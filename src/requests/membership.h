@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "requests/confirmations.h"
 #include "requests/incoming.h"
 
 namespace dl
@@ -16,9 +17,11 @@ namespace dl
 
 // 2: the address is a member already, in any mode; 1: the change was asked for (a refusal is only
 // logged); 0: the list's owner decides, and got the request; -1: no directory, or no owner
-// copy.
+// copy. With `pending`, a member whom an earlier attempt of the same confirmation has added counts
+// as added.
 [[nodiscard]] int AddListMember(const Incoming& message, const std::string& member,
-                                const std::string& list, const std::string& channel, bool digest);
+                                const std::string& list, const std::string& channel, bool digest,
+                                PendingConfirmation* pending = nullptr);
 // 0 also when the address was no member; -1 as above.
 [[nodiscard]] int RemoveListMember(const Incoming& message, const std::string& member,
                                    const std::string& list, const std::string& channel);

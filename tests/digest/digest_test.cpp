@@ -2,6 +2,7 @@
 
 #include "digest/digest.h"
 
+#include "digest/digest_schedule.h"
 #include "lists/dllist.h"
 #include "tests/support/fault_table.h"
 
@@ -60,7 +61,7 @@ TEST_F(Digest, HasTheFormOfItsKind)
 {
     const struct {
         const char* name;
-        bool (*send)(const std::string&, const std::string&);
+        bool (*send)(const std::string&, const std::string&, std::time_t);
         const char* want;
     } kForms[] = {{"plain", SendPlainDigest, "digest/plain.want.eml"},
                   {"MIME", SendMimeDigest, "digest/mime.want.eml"}};
@@ -69,7 +70,7 @@ TEST_F(Digest, HasTheFormOfItsKind)
         Start();
         Write("note.txt", "Garden list.\n");
         PutPostings();
-        EXPECT_TRUE(form.send(kGarden, "dlout"));
+        EXPECT_TRUE(form.send(kGarden, "dlout", 0));
         const std::vector<Queued> out = On();
         ASSERT_EQ(out.size(), 1U);
         EXPECT_EQ(out[0].Brief(),
@@ -155,6 +156,87 @@ TEST_F(Digest, AnyFaultKeepsThePostings)
             EXPECT_TRUE(sent || Folder() == kAll);
             return (sent ? "sent; " : "failed; ") + Folder();
         });
+}
+
+// How often each of the postings stands in a digest that has gone out, as "Frost 1 second 1 ...".
+std::string Sent(const std::vector<Queued>& digests)
+{
+    std::string text;
+    for (const Queued& digest : digests)
+        text += digest.text;
+    std::string counts;
+    for (const std::string posting : {"Cover the roses.", "From here on, no end", "came later"}) {
+        int count = 0;
+        for (std::size_t at = 0; (at = text.find(posting, at)) != std::string::npos; ++at)
+            ++count;
+        counts += posting + " " + std::to_string(count) + "; ";
+    }
+    return counts;
+}
+
+// Whatever is broken off, by a fault or by the end of the process, is brought to its end later.
+TEST_F(Digest, EachPostingIsInOneDigest)
+{
+    const auto run_whole = [&](const std::function<void()>& arm) {
+        clock = {};
+        Start();
+        PutPostings();
+        files.Watch({Path("data/")});
+        log.ExpectError("");
+        arm();
+        RunDigestSchedule("dlout");
+        const bool died = files.Died();
+        files.Revive();
+        files.ForgetFaults();
+        queue->ForgetFaults();
+        Put(kGarden, "00000003.msg", "Subject: third\r\n\r\ncame later\r\n");
+        clock.now += 60;
+        RunDigestSchedule("dlout");
+        EXPECT_EQ(ReadFile(Path("data/garden@lists.example.org/digest/digest.dt")), "1100044800");
+        clock.now = 1'100'044'800;
+        RunDigestSchedule("dlout");
+        EXPECT_EQ(Sent(On()), "Cover the roses. 1; From here on, no end 1; came later 1; ");
+        EXPECT_EQ(Folder(), "digest.dt ");
+        return died;
+    };
+    for (int calls = 0; run_whole([&] { files.DieAfter(calls); }); ++calls)
+        ASSERT_LT(calls, 100);
+    for (const QueueCall call : {QueueCall::kPrepare, QueueCall::kCommit})
+        for (int n = 1; n <= 2; ++n)
+            run_whole([&] { queue->FailNth(call, n); });
+}
+
+// A message that is still to be handled, as after a crash, files its posting again: the digest
+// waits for that.
+TEST_F(Digest, LeavesPostingsOfWaitingMessages)
+{
+    PutPostings();
+    const unsigned long id = Submit("paul@example.org", {kGarden}, "Subject: x\n\nx\n");
+    char name[16];
+    std::snprintf(name, sizeof name, "%08lX.msg", id);
+    Put(kGarden, name, "Subject: waits\r\n\r\ncame later\r\n");
+    EXPECT_TRUE(SendMimeDigest(kGarden, "dlout"));
+    EXPECT_EQ(Sent(On()), "Cover the roses. 1; From here on, no end 1; came later 0; ");
+    EXPECT_EQ(Folder(), std::string(name) + " digest.dt subject.txt ");
+    EXPECT_EQ(ReadFile(Path("data/garden@lists.example.org/digest/subject.txt")),
+              "   1.  waits\r\n");
+}
+
+// What looks like a boundary in a posting neither ends the digest nor hides the others.
+TEST_F(Digest, HasBoundariesThatNoPostingHolds)
+{
+    for (const char* prefix : {"KVT.boundary.", "KVT.Boundary.digest."}) {
+        SCOPED_TRACE(prefix);
+        Start();
+        PutPostings();
+        const std::string taken = prefix + std::string("4190AB00");
+        Put(kGarden, "00000003.msg", "Subject: x\r\n\r\n--" + taken + "--\r\ncame later\r\n");
+        EXPECT_TRUE(SendMimeDigest(kGarden, "dlout"));
+        const std::string text = On().at(0).text;
+        EXPECT_EQ(text.find("boundary=\"" + taken), std::string::npos);
+        EXPECT_NE(text.find(std::string("boundary=\"") + prefix + "4190AB01"), std::string::npos);
+        EXPECT_EQ(clock.now, 1'100'000'000) << "nobody waits for the second";
+    }
 }
 
 }  // namespace

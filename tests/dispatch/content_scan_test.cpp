@@ -74,14 +74,39 @@ TEST_F(ContentScan, OneListsVerdictIsNotTheOthers)
               "plain-owner@lists.example.org -> anna@example.com, trader@example.net: hi\n");
 }
 
-TEST_F(ContentScan, AFailedBounceDelivers)
+// What a directory that does not answer would have said of a blacklist is asked again later; a list
+// that has said it itself need not be asked.
+TEST_F(ContentScan, NothingIsDiscardedForADirectoryThatDoesNotAnswer)
+{
+    Start();
+    const std::string mark = "X-kvtbl: ignored.example/10.9.9.9\nSubject: hi\n\nbody\n";
+    Submit("paul@example.org", {std::string("plain") + kAt}, mark);
+    Submit("paul@example.org", {std::string("own") + kAt}, mark);
+    directory.FailNext(DirectoryCall::kSearch);
+    log.ExpectError("Unable to read the RBL default settings");
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(On("dl").size(), 1U);
+    EXPECT_EQ(Brief(), "<> -> paul@example.org: unable to deliver mail\n");
+    Write("site.ldif", ReadFile(Path("site.ldif")) +
+                           "dn: cn=PreProcessor,dc=example\nobjectClass: qvconfig\n"
+                           "cn: PreProcessor\nx-kvtblaction: ignored.example,P,I\n\n");
+    clock.now += 1;
+    EXPECT_EQ(Run(), 0);
+    EXPECT_TRUE(On("dl").empty());
+    EXPECT_EQ(On().back().recipients.at(0), "anna@example.com");
+}
+
+TEST_F(ContentScan, AFailedBounceKeepsThePosting)
 {
     Start();
     Submit("paul@example.org", {std::string("polite") + kAt}, "X-Spam-Status: YES\n\nbody\n");
     queue->FailNext(QueueCall::kInsert);
-    EXPECT_EQ(Run(), 0);
-    EXPECT_EQ(On().at(0).recipients.at(0), "anna@example.com");
+    log.ExpectError("Breaking main loop at line: 640");
+    EXPECT_EQ(Run(), 1);
+    EXPECT_TRUE(On().empty());
     EXPECT_FALSE(log.HasPart("Bounced message"));
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(On().at(0).recipients.at(0), "paul@example.org");
 }
 
 }  // namespace

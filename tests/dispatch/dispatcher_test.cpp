@@ -9,6 +9,7 @@
 
 #include "dispatch/request_steps.h"
 #include "tests/support/fault_table.h"
+#include "tests/support/queued.h"
 
 namespace dl::testing
 {
@@ -149,6 +150,94 @@ TEST_F(Dispatching, BadMessageDoesNotHoldUpTheOthers)
     EXPECT_TRUE(On("dl").empty());
 }
 
+// Nobody is told "no such list" by a directory that did not answer; others do not wait for that.
+TEST_F(Dispatching, AMessageWaitsForTheDirectoryAndTheOthersGoOn)
+{
+    Start();
+    Submit(kPaul, {"nobody@lists.example.org", kClub}, kPosting);
+    Submit(kAnna, {kClub}, kPosting);
+    for (const char* line :
+         {"Could not connect to Directory Server", "Unable to connect to LDAP server"})
+        log.ExpectError(line);
+    directory.FailNth(DirectoryCall::kConnect, 1, 1000);
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(On().size(), 1U) << "none of the first message: it is handled as a whole";
+    const QueueItem waiting = QueueItems("dl").at(0);
+    EXPECT_EQ(waiting.problem, "the directory does not answer");
+    EXPECT_EQ(waiting.attempts, 0);
+    for (const int pause : {1, 2, 4, 8, 16, 32, 60, 60}) {
+        EXPECT_EQ(QueueItems("dl").at(0).due, clock.now + pause);
+        clock.now += pause;
+        EXPECT_EQ(Run(), 0);
+    }
+    directory.ForgetFaults();
+    clock.now += 60;
+    EXPECT_EQ(Run(), 0);
+    EXPECT_TRUE(On("dl").empty());
+    EXPECT_EQ(Brief(),
+              "club-owner@lists.example.org -> anna@example.com: hello\n"
+              "<> -> paul@example.org: unable to deliver mail\n"
+              "club-owner@lists.example.org -> anna@example.com: hello\n");
+}
+
+// A list whose alias names no owner: mail for the owner stops nobody, and ends in "dlhold".
+TEST_F(Dispatching, WhatAListLacksHoldsUpNobody)
+{
+    Start();
+    std::string ldif = ReadFile(Path("site.ldif"));
+    const std::size_t at = ldif.find("listowner: club-boss@example.org\n");
+    ASSERT_NE(at, std::string::npos);
+    ldif.erase(at, ldif.find('\n', at) + 1 - at);
+    Write("site.ldif", ldif);
+    Submit(kPaul, {"club-owner@lists.example.org"}, kPosting);
+    log.ExpectError("cannot be handled (329), next attempt in ");
+    log.ExpectError("could not be handled in 5 attempts, moved from channel dl to dlhold");
+    for (int i = 0; i < 6; ++i, clock.now += 60) {
+        Submit(kAnna, {kClub}, kPosting);
+        EXPECT_EQ(Run(), 0);
+        EXPECT_EQ(On().size(), static_cast<std::size_t>(i) + 1);
+    }
+    EXPECT_TRUE(On("dl").empty());
+    EXPECT_EQ(On("dlhold").size(), 1U);
+}
+
+// Messages that wait together are committed together, in their order; a commit that fails is tried
+// message by message, and the log tells of each only what is so.
+TEST_F(Dispatching, MessagesShareACommitAndFailAlone)
+{
+    Start();
+    for (int i = 0; i < 3; ++i)
+        Submit(kAnna, {kClub}, kPosting);
+    queue->ClearCalls();
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(queue->Calls().substr(queue->Calls().find("commit")),
+              "commit(1 remove, 1 remove, 1 remove)");
+    EXPECT_EQ(On().size(), 3U);
+
+    Start();
+    for (int i = 0; i < 3; ++i)
+        Submit(kAnna, {kClub}, kPosting);
+    // Of all together, and then of the second alone.
+    queue->FailNth(QueueCall::kCommit, 1);
+    queue->ClearCalls();
+    files.Watch({"club@lists.example.org/digest/4190AB01.msg"});
+    files.FailNth(FileCall::kRename, 2);
+    log.ExpectError("CloseMQEntry failed, message cannot be submitted to MQ.");
+    log.ExpectError("Unable to give its name to");
+    log.ExpectError("Breaking main loop at line: 620");
+    EXPECT_EQ(Run(), 1);
+    EXPECT_EQ(On().size(), 1U);
+    EXPECT_EQ(On("dl").size(), 2U);
+    const std::string said = Log(3);
+    EXPECT_NE(said.find("Delivered 4190AB00"), std::string::npos);
+    EXPECT_EQ(said.find("Delivered 4190AB01"), std::string::npos) << said;
+    EXPECT_EQ(said.find("Delivered 4190AB02"), std::string::npos) << said;
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(On().size(), 3U);
+    EXPECT_EQ(ReadFile(Path("data/") + kClub + "/digest/subject.txt"),
+              "   1.  hello\r\n   2.  hello\r\n   3.  hello\r\n");
+}
+
 // The directory knows what the cache does not yet know.
 TEST_F(Dispatching, MemberThatIsNewerThanTheCache)
 {
@@ -200,7 +289,9 @@ TEST_F(Dispatching, RequestOfNoListStops)
     for (const char* text : {"Subject: x\n\nsubscribe\n", "Subject: x\n\nunsubscribe\n"}) {
         Start();
         Submit(kPaul, {kRequest}, text);
-        EXPECT_EQ(HandleRequest(Take(), "-request@lists.example.org", "dlout"), 305);
+        const Incoming message = Take();
+        MessageWork work(message.channel);
+        EXPECT_EQ(HandleRequest({message, "dlout", work}, "-request@lists.example.org"), 305);
         EXPECT_TRUE(On().empty());
         EXPECT_EQ(On("dl").size(), 1U);
     }

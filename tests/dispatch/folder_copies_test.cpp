@@ -28,7 +28,12 @@ class FolderCopies : public FaultSite
     void Keep(const std::string& list, const std::optional<std::string>& subject = " hi\r\n",
               unsigned long id = 0x1A2B)
     {
-        MakeFolderCopies(list, id, rewritten_, subject);
+        FolderFiling filing;
+        MakeFolderCopies(list, id, rewritten_, subject, &filing);
+        filing.EndPart();
+        carried_out_ = filing.CarryOut(1);
+        if (carried_out_)
+            filing.Forget(1);
     }
     [[nodiscard]] std::string Of(const std::string& list, const std::string& name) const
     {
@@ -50,6 +55,7 @@ class FolderCopies : public FaultSite
     static constexpr char kNotes[] = "notes@lists.example.org";
     static constexpr char kPosting[] = "Subject: hi\r\n\r\nbody \xff\r\n";
     std::string rewritten_;
+    bool carried_out_ = false;
 };
 
 TEST_F(FolderCopies, PostingsAreKeptByteForByteAndCounted)
@@ -80,15 +86,12 @@ TEST_F(FolderCopies, EachPostingHasALineOfTopics)
         {"NUL in it", std::string(" a\0b\r\n", 6), "   5.  a\r\n"},
     };
     std::string all;
+    unsigned long id = 0;
     for (const auto& row : rows) {
-        Keep(kGarden, row.subject);
+        Keep(kGarden, row.subject, ++id);
         all += row.line;
         EXPECT_EQ(ReadFile(Of(kGarden, "digest/subject.txt")), all) << row.name;
     }
-    files.Watch({"subject.txt"});
-    files.FailNth(FileCall::kOpen, 1);
-    Keep(kGarden);
-    EXPECT_EQ(ReadFile(Of(kGarden, "digest/subject.txt")), all) << "no number can be given";
 }
 
 TEST_F(FolderCopies, AnArchivedListFilesUnderTheNewEntrysName)

@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "tests/support/queued.h"
 #include "tests/support/site.h"
 
 namespace dl::testing
@@ -30,7 +31,8 @@ class Rewriting : public Site
         EXPECT_EQ(std::fwrite(bytes.data(), 1, bytes.size(), file), bytes.size());
         EXPECT_EQ(std::fclose(file), 0);
         const NewMQEntry entry;
-        EXPECT_EQ(RewriteListMessage(id, entry.get(), list), RewriteResult::kDone);
+        FolderFiling filing;
+        EXPECT_EQ(RewriteListMessage(id, entry.get(), list, &filing), RewriteResult::kDone);
         const std::string copy = ReadFile(GetMQPathName(entry.get(), ".msg"));
         EXPECT_EQ(copy.substr(0, sizeof kTrace - 1), kTrace);
         EXPECT_EQ(Log(),
@@ -99,38 +101,57 @@ TEST_F(Rewriting, HasNoLimits)
     EXPECT_EQ(Copy(in + "\r\n"), want + "Sender: garden@lists.example.org\r\n\r\n");
 }
 
-// The reason that the sender is told. The log lines stand in the fault table of a posting.
-TEST_F(Rewriting, FailureIsAnsweredToTheSender)
+// What only this message has at fault is answered; what the machine cannot do keeps it, unanswered.
+TEST_F(Rewriting, OnlyTheMessagesOwnFaultIsAnswered)
 {
     const struct {
+        const char* name;
         FileCall call;
         int nth;
-        const char* reason;
+        const char* line;
     } rows[] = {
-        {FileCall::kOpen, 2,
-         "The original message cannot be read."},  // the content scan's is first
-        {FileCall::kCreate, 1, "Unable to create a file."},
-        {FileCall::kWrite, 1, "Unable to write data to the message file."},
-        {FileCall::kClose, 1, "Unable to write data to the message file."},
+        {"reading is an I/O error", FileCall::kOpen, 2, "Input/output error"},
+        {"no room for the file", FileCall::kCreate, 1, "No space left on device"},
+        {"no room for its bytes", FileCall::kWrite, 1, "No space left on device"},
+        {"no room at the end", FileCall::kClose, 1, "No space left on device"},
     };
     log.ExpectError("Unable to ");
+    log.ExpectError("Breaking main loop at line: 640");
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.reason);
+        SCOPED_TRACE(row.name);
+        log.ExpectError(row.line);
         Start();
         Submit("paul@example.org", {kGarden}, "From: a\nTo: b\n\nbody\n");
         files.Watch({"/queue/"});
         files.FailNth(row.call, row.nth);
+        EXPECT_EQ(Run(), 1);
+        EXPECT_TRUE(On().empty());
+        EXPECT_EQ(On("dl").size(), 1U);
+        EXPECT_EQ(QueueItems("dl").at(0).attempts, 0);
         EXPECT_EQ(Run(), 0);
-        const Queued out = On().at(0);
-        EXPECT_NE(out.text.find("\r\n\r\n\tThere was a problem occurred while processing the "
-                                "message to the mailing list: \"garden@lists.example.org\"\r\n"
-                                "Reason: " +
-                                std::string(row.reason) +
-                                "\r\nPlease resend your message again.\r\n\r\n\r\n--"),
-                  std::string::npos)
-            << out.text;
-        EXPECT_EQ(out.flags, 0);
+        EXPECT_EQ(On().size(), 1U);
+        EXPECT_TRUE(On("dl").empty());
     }
+}
+
+// The message is a folder: neither it nor a bounce with it can be read, and no other mail waits for
+// its end.
+TEST_F(Rewriting, AMessageThatCannotBeReadHoldsUpNobody)
+{
+    Start();
+    const unsigned long id = Submit("paul@example.org", {kGarden}, "From: a\n\nbody\n");
+    Submit("anna@example.com", {kGarden}, "From: a\n\nbody\n");
+    std::filesystem::remove(GetMQPathName(id, ".msg"));
+    std::filesystem::create_directory(GetMQPathName(id, ".msg"));
+    log.ExpectError("Unable to read file");
+    log.ExpectError("cannot be handled (500), next attempt in ");
+    log.ExpectError("could not be handled in 5 attempts, moved from channel dl to dlhold");
+    for (int i = 0; i < 6; ++i, clock.now += 60)
+        EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(On().size(), 1U);
+    EXPECT_TRUE(On("dl").empty());
+    EXPECT_EQ(QueueItems("dlhold").size(), 1U);
+    std::filesystem::remove(GetMQPathName(id, ".msg"));
 }
 
 }  // namespace dl::testing

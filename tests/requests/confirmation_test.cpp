@@ -55,9 +55,11 @@ class Confirmation : public Site
     {
         Submit(sender, {to}, header + "\n" + body);
         const Incoming message = Take();
-        const std::string said = Say(ProcessConfirmationReply(message, sender, to));
+        const ConfirmationReply confirmed = ProcessConfirmationReply(message, sender, to);
         EXPECT_TRUE(RemoveMQChannel(message.channel));
-        return said;
+        if (confirmed.confirmed)
+            confirmed.pending.End();
+        return Say(confirmed);
     }
 };
 
@@ -82,6 +84,36 @@ TEST_F(Confirmation, ReplyThatFitsItsFile)
         EXPECT_EQ(Reply(row.header, row.sender), "no") << "once is enough";
     }
     EXPECT_EQ(TempFiles(), 0);
+}
+
+// Its reply may come again, after a crash, until the change and its answers are committed.
+TEST_F(Confirmation, AChangeThatHasBegunStaysOpenUntilItsEnd)
+{
+    const auto reply = [this] {
+        Submit(kPaul, {kGardenRequest}, kSubject + std::string("\nOK\n"));
+        const Incoming message = Take();
+        ConfirmationReply confirmed = ProcessConfirmationReply(message, kPaul, kGardenRequest);
+        EXPECT_TRUE(RemoveMQChannel(message.channel));
+        return confirmed;
+    };
+    WritePending("0000ABCD", kLine);
+    ConfirmationReply first = reply();
+    ASSERT_TRUE(first.confirmed);
+    EXPECT_FALSE(first.pending.begun);
+    EXPECT_TRUE(first.pending.Begin());
+    EXPECT_TRUE(first.pending.Begin()) << "noted once";
+    EXPECT_EQ(ReadFile(File()), std::string(kLine) + "begun\r\n");
+    // What a power loss may leave of the second line.
+    for (const std::string& second :
+         {std::string("begun\r\n"), std::string("beg"), std::string(7, '\0')}) {
+        WritePending("0000ABCD", kLine + second);
+        const ConfirmationReply again = reply();
+        EXPECT_TRUE(again.confirmed && again.pending.begun) << second;
+        EXPECT_EQ(Pending().size(), 1U);
+    }
+    first.pending.End();
+    EXPECT_TRUE(Pending().empty());
+    EXPECT_FALSE(reply().confirmed);
 }
 
 TEST_F(Confirmation, NothingHappensToAnotherFile)
@@ -148,6 +180,13 @@ TEST_F(Confirmation, ArchiveRegistrationGoesToTheArchive)
     EXPECT_EQ(Log(), "6 no line of a password file for list garden@lists.example.org\n");
     EXPECT_EQ(ReadFile(users), "Paul@example.org:secret\n");
     EXPECT_TRUE(Pending().empty());
+    // A stranger who asks for membership writes no login by answering as for an archive.
+    for (const char* line : {"subscribe", "subscribe digest", "unsubscribe", "SUBSCRIBE"}) {
+        WritePending("0000ABCD",
+                     line + std::string(" garden@lists.example.org x:y@example.org\r\n"));
+        EXPECT_EQ(Reply(Subject("archive authentication"), "x:y@example.org"), "no") << line;
+        EXPECT_EQ(ReadFile(users), "Paul@example.org:secret\n");
+    }
 }
 
 TEST_F(Confirmation, FileThatCannotBeRemovedIsLogged)

@@ -3,6 +3,7 @@
 #include "requests/membership.h"
 
 #include "lists/dllist.h"
+#include "tests/support/queued.h"
 #include "tests/support/site.h"
 
 namespace dl::testing
@@ -91,6 +92,28 @@ TEST_F(Membership, AddFindsAMemberInAnyFormAndCase)
         EXPECT_EQ(Add(With({value}), kPaul), 1);
         EXPECT_EQ(Members(kGarden), (Values{value, "Immediate;paul@example.org"}));
     }
+}
+
+// A reply that is handled again after a crash is answered as it would have been the first time.
+TEST_F(Membership, WhoWasAddedByAnEarlierAttemptCountsAsAdded)
+{
+    const Incoming message = With({"Immediate;bert@example.net"});
+    WritePending("0000ABCD", "subscribe garden@lists.example.org paul@example.org\r\n");
+    PendingConfirmation pending{PendingPath(kGarden, 0xABCD)};
+    EXPECT_EQ(AddListMember(message, kPaul, kGarden, "dlout", false, &pending), 1);
+    EXPECT_TRUE(pending.begun);
+    EXPECT_EQ(AddListMember(message, kPaul, kGarden, "dlout", false, &pending), 1);
+    EXPECT_EQ(Members(kGarden),
+              (Values{"Immediate;bert@example.net", "Immediate;paul@example.org"}));
+    EXPECT_EQ(QueueItems("dlout").size(), 2U) << "the owner's copy belongs to it";
+    // Who was a member before the confirmation came is one already.
+    pending.begun = false;
+    EXPECT_EQ(AddListMember(message, kPaul, kGarden, "dlout", false, &pending), 2);
+    // Nothing is begun that cannot be noted.
+    pending.path = Path("data/no-folder/0000ABCD.cnf");
+    log.ExpectError("Unable to write file: " + pending.path);
+    EXPECT_EQ(AddListMember(message, "anna@example.com", kGarden, "dlout", false, &pending), -1);
+    EXPECT_EQ(Members(kGarden).size(), 2U);
 }
 
 TEST_F(Membership, RemoveDeletesTheFirstFormThatIsThere)

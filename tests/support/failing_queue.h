@@ -113,10 +113,10 @@ class FailingQueue : public QueueBackend, public Faults<QueueCall>
     {
         return real_->IsSuspect(reader, id);
     }
-    bool Blame(std::int64_t reader, std::uint32_t id) override
+    bool Blame(std::int64_t reader, std::uint32_t id, std::int64_t due) override
     {
         Note("blame");
-        return real_->Blame(reader, id);
+        return real_->Blame(reader, id, due);
     }
     bool HasRoomFor(std::int64_t bytes) override { return real_->HasRoomFor(bytes); }
     void NeedRoomAt(const std::string& folder) override { real_->NeedRoomAt(folder); }

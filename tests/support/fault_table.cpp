@@ -101,7 +101,8 @@ std::vector<FaultSite::Kind> FaultSite::Kinds()
     queued("insert", QueueCall::kInsert);
     queued("put-envelope", QueueCall::kEnvelope);
     queued("close-entry", QueueCall::kClose);
-    queued("remove-entry", QueueCall::kRemove);
+    queued("prepare", QueueCall::kPrepare);
+    queued("commit", QueueCall::kCommit);
     const auto asked = [&](const char* name, DirectoryCall call, ModifyResult result) {
         kinds.push_back({name, [=, this] { return directory.Made(call); },
                          [=, this](int n) {
@@ -125,6 +126,7 @@ std::vector<FaultSite::Kind> FaultSite::Kinds()
     filed("close", FileCall::kClose);
     filed("remove", FileCall::kRemove);
     filed("rename", FileCall::kRename);
+    filed("link", FileCall::kLink);
     return kinds;
 }
 

@@ -11,6 +11,7 @@
 #include "platform/files/files.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/log/log_hold.h"
 #include "platform/mime/mime.h"
 #include "platform/queue/queue.h"
 
@@ -19,7 +20,6 @@ namespace dl
 namespace
 {
 
-constexpr char kOutput[] = "dlout";
 // A message without an empty line is all header; a report need not carry it all.
 constexpr std::int64_t kMaxHeader = 65536;
 constexpr std::size_t kMaxLine = 900;        // bytes; RFC 5322 allows 998
@@ -236,12 +236,13 @@ int BounceMimeMessage(const std::string& base_path, const BounceDescription& des
     from.text = description.text;
     from.flags = description.flag;
     from.text2 = description.text2;
-    from.channel = kOutput;
+    from.channel = kOutputChannel;
     _envRecip to;
     to.address = recipient;
     if (!envelope.AddSender(from) || !envelope.AddRecipient(to) ||
-        Submit(std::move(entry), kOutput, 0, &envelope) != Submission::kDone)
+        Submit(std::move(entry), kOutputChannel, 0, &envelope) != Submission::kDone)
         return -1;
+    PromiseLines(nullptr);
     DlLog(3, "Bounced %s size: %ld bytes to: <%s>", id.c_str(), static_cast<long>(size),
           recipient.c_str());
     return 0;

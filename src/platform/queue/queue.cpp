@@ -5,8 +5,11 @@
 #include <optional>
 #include <utility>
 
+#include "platform/clock/clock.h"
 #include "platform/config/config.h"
+#include "platform/files/machine_fault.h"
 #include "platform/log/log.h"
+#include "platform/queue/delivery.h"
 #include "platform/queue/queue_private.h"
 #include "platform/queue/work.h"
 
@@ -60,6 +63,14 @@ long Next(MQContext* channel)
 bool IsEntry(const MQContext* context)
 {
     return context && !context->reader;
+}
+
+// A queue that fails is the machine's fault, never the message's.
+bool Noted(bool done)
+{
+    if (!done)
+        NoteMachineFault(kToldFault);
+    return done;
 }
 
 // The context's current message, which it is no longer.
@@ -139,6 +150,15 @@ long GetNextMessage(MQContext* channel, bool /*peek*/)
     return Next(channel);
 }
 
+bool WaitForMQNews(std::chrono::milliseconds longest)
+{
+    const std::shared_ptr<QueueBackend> queue = OpenedQueue();
+    if (queue && !ClockIsReplaced())
+        return queue->Deliveries()->WaitForNews(longest);
+    SleepFor(longest);
+    return false;
+}
+
 EnvelopeResult GetMQEnvelope(unsigned long id)
 {
     const std::shared_ptr<QueueBackend> queue = OpenedQueue();
@@ -159,7 +179,7 @@ EnvelopeResult GetMQEnvelope(unsigned long id)
         char line[64];
         std::snprintf(line, sizeof line, "The envelope of message %08lX is damaged", id);
         LogMessage(1, TheQueue().module.c_str(), line);
-        result.failed = true;
+        result.failed = result.damaged = true;
     }
     return result;
 }
@@ -198,10 +218,10 @@ bool PostponeMQMessage(MQContext* channel, std::int64_t due, const std::string& 
     return work || channel->backend->Commit({&alone});
 }
 
-bool BlameMQMessage(MQContext* channel)
+bool BlameMQMessage(MQContext* channel, std::int64_t due)
 {
     const std::optional<WorkPart::Message> message = TakeCurrent(channel);
-    return message && channel->backend->Blame(message->reader, message->id);
+    return message && channel->backend->Blame(message->reader, message->id, due);
 }
 
 bool CloseMQChannel(MQContext* channel)
@@ -247,8 +267,10 @@ MQContext* CreateMQEntry()
 {
     std::shared_ptr<QueueBackend> queue = OpenedQueue();
     const std::optional<std::uint32_t> id = queue ? queue->Reserve() : std::nullopt;
-    if (!id)
+    if (!id) {
+        NoteMachineFault(kToldFault);
         return nullptr;
+    }
     auto* entry = new MQContext(std::move(queue));
     entry->entry.id = *id;
     return entry;
@@ -257,12 +279,13 @@ MQContext* CreateMQEntry()
 bool InsertMQChannel(MQContext* entry, const std::string& channel, int priority)
 {
     return IsEntry(entry) && !channel.empty() &&
-           entry->backend->AddChannel(&entry->entry, channel, priority);
+           Noted(entry->backend->AddChannel(&entry->entry, channel, priority));
 }
 
 bool PutMQEnvelope(MQContext* entry, stEnvelope* envelope)
 {
-    return IsEntry(entry) && envelope && entry->backend->StoreEnvelope(&entry->entry, *envelope);
+    return IsEntry(entry) && envelope &&
+           Noted(entry->backend->StoreEnvelope(&entry->entry, *envelope));
 }
 
 bool CloseMQEntry(MQContext* entry)
@@ -272,7 +295,7 @@ bool CloseMQEntry(MQContext* entry)
     const std::unique_ptr<MQContext> owned(entry);
     if (MQWork* work = MQWork::Current())
         return work->NoteEntry(entry->backend, std::move(entry->entry));
-    return entry->backend->Publish(entry->entry);
+    return Noted(entry->backend->Publish(entry->entry));
 }
 
 std::vector<bool> CloseMQEntries(const std::vector<MQContext*>& entries)

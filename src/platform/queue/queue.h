@@ -19,6 +19,7 @@
 // of fork() cannot use the queue that its parent opened.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -35,6 +36,11 @@ class MQContext;  // a channel that is read, or a new entry that is written
 
 inline constexpr long kNoMessage = -1;    // the channel is empty, or this pass has taken all of it
 inline constexpr long kQueueFailed = -2;  // the index could not be read or written
+
+// The channels: what came in for lists, what goes out, what is kept for the postmaster.
+inline constexpr char kInputChannel[] = "dl";
+inline constexpr char kOutputChannel[] = "dlout";
+inline constexpr char kHoldChannel[] = "dlhold";
 
 inline constexpr char kDefaultQueuePath[] = "/var/spool/dlmanager/queue";
 // The folder Queue/Path of "qvms.conf".
@@ -62,10 +68,15 @@ void MQEnd();
 
 struct EnvelopeResult {
     std::unique_ptr<stEnvelope> envelope;  // null when the entry has none, or the queue failed
-    bool failed = false;  // the queue could not be read: the entry may well have one
+    bool failed = false;   // the queue could not be read: the entry may well have one
+    bool damaged = false;  // failed, because of this envelope alone
 };
 [[nodiscard]] EnvelopeResult GetMQEnvelope(unsigned long id);
 void FreeMQEnvelope(std::unique_ptr<stEnvelope> envelope);
+
+// Waits at most that long for any process to commit something; true when one did since the last
+// call. Not all news comes: look also without. One thread of the process calls.
+[[nodiscard]] bool WaitForMQNews(std::chrono::milliseconds longest);
 
 // Takes the context's current message out of the channel; with its last channel it leaves the
 // queue. An entry without an envelope goes to "dlhold" instead. Survives the end of the process at
@@ -81,8 +92,8 @@ inline constexpr std::int64_t kLongestPostponement = 60;
 [[nodiscard]] bool PostponeMQMessage(MQContext* channel, std::int64_t due,
                                      const std::string& problem);
 // Leaves the current message in the channel and counts an attempt: it was the message's own fault
-// that it could not be handled.
-bool BlameMQMessage(MQContext* channel);
+// that it could not be handled. `due` as above; 0: it may be tried again at once.
+bool BlameMQMessage(MQContext* channel, std::int64_t due = 0);
 // Ends the context, also when it returns false.
 [[nodiscard]] bool CloseMQChannel(MQContext* channel);
 

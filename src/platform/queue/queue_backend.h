@@ -95,8 +95,8 @@ class QueueBackend
     virtual bool Remove(std::int64_t reader, std::uint32_t id) = 0;
     // Whether the entry, which `reader` has, was in flight when some reader died.
     virtual bool IsSuspect(std::int64_t reader, std::uint32_t id) = 0;
-    // Gives the entry back and counts an attempt.
-    virtual bool Blame(std::int64_t reader, std::uint32_t id) = 0;
+    // Gives the entry back, for nobody before `due` (0: at once), and counts an attempt.
+    virtual bool Blame(std::int64_t reader, std::uint32_t id, std::int64_t due) = 0;
     // See HasMQRoomFor and MQNeedsRoomAt.
     virtual bool HasRoomFor(std::int64_t bytes) = 0;
     virtual void NeedRoomAt(const std::string& folder) = 0;
@@ -112,9 +112,6 @@ class QueueBackend
     virtual QueueChange Drop(std::uint32_t id) = 0;
     virtual QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) = 0;
 };
-
-// Where what cannot be handled is kept for the postmaster.
-inline constexpr char kHoldChannel[] = "dlhold";
 
 // Null, with the reason logged at level 1, when the folder or the index cannot be opened. `module`
 // tags the log lines.

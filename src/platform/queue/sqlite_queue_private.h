@@ -58,7 +58,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     long Take(std::int64_t reader) override;
     bool Remove(std::int64_t reader, std::uint32_t id) override;
     bool IsSuspect(std::int64_t reader, std::uint32_t id) override;
-    bool Blame(std::int64_t reader, std::uint32_t id) override;
+    bool Blame(std::int64_t reader, std::uint32_t id, std::int64_t due) override;
     bool HasRoomFor(std::int64_t bytes) override;
     void NeedRoomAt(const std::string& folder) override;
 
@@ -131,6 +131,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     // Reading (sqlite_reader.cpp); all but OpenPass and TakeOne inside a transaction, false when a
     // query failed.
     bool OpenPass(Reader& reader);
+    bool NothingWaits(const Reader& reader);
     bool WakeDue(const Reader& reader, std::int64_t now);
     Taken TakeOne(const Reader& reader);
     Taken TakeRow(const Reader& reader, bool suspects);

@@ -108,6 +108,21 @@ bool SqliteQueue::OpenPass(Reader& reader)
     return true;
 }
 
+// A look that takes no lock: who is woken by each commit of others must not make them wait. False
+// also when it cannot be told.
+bool SqliteQueue::NothingWaits(const Reader& reader)
+{
+    index_.ClearFailure();
+    Query query(index_,
+                "SELECT EXISTS (SELECT 1 FROM chan INDEXED BY chan_ready WHERE channel = ?1 AND"
+                " owner IS NULL AND due = 0) OR EXISTS (SELECT 1 FROM chan INDEXED BY chan_due"
+                " WHERE channel = ?1 AND due > 0 AND (due <= ?2 OR due > ?2 + ?3)) OR EXISTS"
+                " (SELECT 1 FROM chan INDEXED BY chan_owner WHERE owner IS NOT NULL AND"
+                " channel = ?1)",
+                reader.channel, static_cast<std::int64_t>(Now()), reader.longest_pause);
+    return reader.unwritten.empty() && query.Row() && query.Int(0) == 0;
+}
+
 // A due time farther off than any pause was written before the clock was set back.
 bool SqliteQueue::WakeDue(const Reader& reader, std::int64_t now)
 {
@@ -127,6 +142,11 @@ long SqliteQueue::Take(std::int64_t reader)
     const auto place = readers_.find(reader);
     if (place == readers_.end())
         return kQueueFailed;
+    if (!place->second.pass_open && NothingWaits(place->second)) {
+        TellRead(place->second);
+        EraseRemoved(false);
+        return kNoMessage;
+    }
     bool read = place->second.pass_open || OpenPass(place->second);
     while (read) {
         const Taken taken = TakeOne(place->second);

@@ -105,10 +105,7 @@ bool SqliteQueue::ReadMarks(const std::string& prefix, std::map<std::string, std
                 prefix);
     while (query.Row())
         (*marks)[std::string(query.Bytes(0))] = query.Bytes(1);
-    if (!query.Failed())
-        return true;
-    Complain("The message queue %s cannot be read: %s", folder_.c_str(), Cause().c_str());
-    return false;
+    return !query.Failed();  // asked each second: who takes messages off the queue says why
 }
 
 bool SqliteQueue::IsSuspect(std::int64_t reader, std::uint32_t id)
@@ -121,7 +118,7 @@ bool SqliteQueue::IsSuspect(std::int64_t reader, std::uint32_t id)
     return !query.Row() || query.Int(0) != 0;  // by itself is never wrong
 }
 
-bool SqliteQueue::Blame(std::int64_t reader, std::uint32_t id)
+bool SqliteQueue::Blame(std::int64_t reader, std::uint32_t id, std::int64_t due)
 {
     if (!Usable())
         return false;
@@ -131,9 +128,9 @@ bool SqliteQueue::Blame(std::int64_t reader, std::uint32_t id)
         Transaction transaction(index_, Durable::kProcess);
         done = transaction.Begun() &&
                Query(index_,
-                     "UPDATE chan SET owner = NULL, suspect = 1, attempts = attempts + 1"
-                     " WHERE entry = ?1 AND owner = ?2",
-                     id, reader)
+                     "UPDATE chan SET owner = NULL, suspect = 1, attempts = attempts + 1,"
+                     " due = ?3 WHERE entry = ?1 AND owner = ?2",
+                     id, reader, due)
                    .Done() &&
                transaction.Commit();
     }

@@ -67,7 +67,7 @@ bool HasMessages(const std::string& queue)
 void CheckHeld(const QueueOverview& overview, CheckReport* report)
 {
     for (const ChannelOverview& one : overview.channels)
-        if (one.channel == "dlhold")
+        if (one.channel == kHoldChannel)
             report->Warn(FormatText("%lld message(s) are held in channel dlhold",
                                     static_cast<long long>(one.waiting)),
                          "dlctl queue list dlhold, then dlctl queue release or remove each");

@@ -263,7 +263,7 @@ void AddQueue(const SiteState& site, Exposition* out)
     if (!readable)
         return;
     std::vector<ChannelOverview> channels = site.queue.channels;
-    for (const char* name : {"dl", "dlout", "dlhold"}) {
+    for (const char* name : {kInputChannel, kOutputChannel, kHoldChannel}) {
         bool there = false;
         for (const ChannelOverview& one : channels)
             there = there || one.channel == name;

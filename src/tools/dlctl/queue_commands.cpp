@@ -16,8 +16,6 @@ namespace dl
 namespace
 {
 
-constexpr char kHold[] = "dlhold";
-
 struct QueueOptions {
     std::string channel;
     std::vector<std::string> ids;
@@ -191,7 +189,7 @@ std::string ChannelOf(unsigned long id)
     std::vector<QueueItem> items;
     if (FindMQ(id, &items))
         for (const QueueItem& item : items)
-            if (item.channel != kHold)
+            if (item.channel != kHoldChannel)
                 return item.channel;
     return "";
 }
@@ -219,14 +217,14 @@ int Hold(const QueueOptions& options)
 {
     return ForEach(options, "held", [](unsigned long id) {
         const std::string channel = ChannelOf(id);
-        return channel.empty() ? QueueChange::kNotThere : MoveMQItem(id, channel, kHold);
+        return channel.empty() ? QueueChange::kNotThere : MoveMQItem(id, channel, kHoldChannel);
     });
 }
 
 int Release(const QueueOptions& options)
 {
     return ForEach(options, "released",
-                   [&](unsigned long id) { return MoveMQItem(id, kHold, options.to); });
+                   [&](unsigned long id) { return MoveMQItem(id, kHoldChannel, options.to); });
 }
 
 }  // namespace

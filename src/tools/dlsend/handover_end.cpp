@@ -16,7 +16,6 @@ namespace
 
 using End = DeliveryStep::End;
 
-constexpr char kReportChannel[] = "dl";
 constexpr std::size_t kAnswersAtOnce = 1000;
 constexpr std::chrono::milliseconds kFirstPause{500};
 constexpr std::chrono::milliseconds kLastPause{60'000};
@@ -253,11 +252,11 @@ bool Handover::RecordReport(const Job& job, const DeliveryStep& step, bool given
     if (!report)
         return false;
     if (!WriteReport(report.get(), facts, failed) ||
-        !AddressReport(&envelope, facts.sender, kReportChannel)) {
+        !AddressReport(&envelope, facts.sender, kInputChannel)) {
         SendLog(1, "The report about message %08lX cannot be written", job.entry.id);
         return false;
     }
-    return channel_->RecordWith(step, std::move(report), kReportChannel, &envelope);
+    return channel_->RecordWith(step, std::move(report), kInputChannel, &envelope);
 }
 
 // The answers of this step are not in the queue yet, those of earlier ones are.

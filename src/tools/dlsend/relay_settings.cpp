@@ -64,7 +64,7 @@ RelaySettings ReadRelaySettings()
     relay.connect_timeout = Seconds("ConnectTimeOut", 30);
     relay.answer_timeout = Seconds("AnswerTimeOut", 300);
     relay.data_timeout = Seconds("DataTimeOut", 600);
-    settings.channel = Text("Channel", "dlout");
+    settings.channel = Text("Channel", kOutputChannel);
     settings.max_recipients = static_cast<std::size_t>(Number("MaxRecipients", 100, 1, 10'000));
     settings.connections = Number("Connections", 4, 1, 50);
     settings.give_up_after = Number("GiveUpAfter", 5, 0, 365) * kDay;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/queue/queue.h"
 #include "platform/smtp/session.h"
 
 namespace dl
@@ -12,7 +13,7 @@ namespace dl
 
 struct RelaySettings {
     smtp::Relay relay;
-    std::string channel = "dlout";
+    std::string channel = kOutputChannel;
     std::string host_name;             // this host in reports; may be "localhost"
     std::size_t max_recipients = 100;  // of a transaction
     int connections = 4;

@@ -25,7 +25,7 @@ struct LmtpSettings {
     LmtpLimits limits;
     std::size_t max_connections = 100;
     std::chrono::milliseconds idle_time_out{300'000};
-    std::string channel = "dl";
+    std::string channel = kInputChannel;
 };
 
 class LmtpServer

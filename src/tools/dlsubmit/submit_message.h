@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/queue/queue.h"
+
 namespace dl
 {
 
@@ -13,7 +15,7 @@ struct SubmitJob {
     // Postfix's pipe gives for it unless it is told otherwise.
     std::string sender;
     std::vector<std::string> recipients;
-    std::string channel = "dl";
+    std::string channel = kInputChannel;
 };
 
 // A line "From SENDER DATE" before the header is left out, line ends become CRLF.
