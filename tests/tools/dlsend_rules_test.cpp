@@ -5,6 +5,7 @@
 #include "tools/dlsend/answer.h"
 #include "tools/dlsend/job.h"
 #include "tools/dlsend/relay_settings.h"
+#include "tools/dlsend/waiting_time.h"
 
 namespace dl
 {
@@ -67,6 +68,26 @@ TEST(DlsendRules, WaitsLongerEachTime)
     EXPECT_LE(RetryDelay(settings, 1'000'000, 1), 4500);
     settings.retry_min = settings.retry_max = 1;
     EXPECT_EQ(RetryDelay(settings, 3, 5), 1);
+}
+
+// What a clock that is set adds or takes is nobody's waiting time.
+TEST(DlsendRules, AMessageWaitsForRealTime)
+{
+    constexpr std::int64_t kDay = 86'400;
+    WaitingTime time(1000, 50);
+    EXPECT_EQ(time.Tick(1010, 60), 0);
+    EXPECT_EQ(time.Of(1000, 1010), 10);
+    EXPECT_EQ(time.Tick(1020 + 10 * kDay, 70), 10 * kDay);
+    EXPECT_EQ(time.Of(1000, 1020 + 10 * kDay), 20) << "came before the jump";
+    EXPECT_EQ(time.Of(1015 + 10 * kDay, 1020 + 10 * kDay), 5) << "came after it";
+    EXPECT_EQ(time.Tick(1030 + 10 * kDay, 80), 0);
+    EXPECT_EQ(time.Tick(1040, 90), -10 * kDay);
+    EXPECT_EQ(time.Of(1000, 1040), 40);
+    EXPECT_EQ(time.Tick(1100, 120), 0) << "less than a minute is drift";
+    EXPECT_EQ(time.Tick(1110 - kDay, 130), -kDay);
+    EXPECT_LT(time.Of(1000, 1110 - kDay), 0) << "late rather than early";
+    EXPECT_EQ(time.Tick(1120, 140), kDay);
+    EXPECT_LE(time.Of(1000, 1120), 120);
 }
 
 TEST(DlsendRules, ReadsAnswersAndMakesThemFields)

@@ -2,9 +2,14 @@
 
 #include "tools/dlsend/handover.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
+#include <thread>
 
 #include "tests/support/failing_queue.h"
 #include "tests/support/fixture.h"
@@ -267,12 +272,77 @@ TEST_F(HandoverTest, AnAbsentRelayCostsNoTry)
     EXPECT_NE(reports[0].find("the relay cannot be used: Connection refused"), std::string::npos);
 }
 
-TEST_F(HandoverTest, ARelayMayEndConnectionsAsItLikes)
+// Who is killed while the relay is down must not be blamed on a message that waits for it.
+TEST_F(HandoverTest, NoEntryIsKeptWhileTheRelayIsDown)
 {
     ScriptedRelay relay([](const RelayStep& step) -> std::optional<RelayReaction> {
-        if (step.verb == "MAIL" && step.transaction == 3)
+        if (step.verb == "CONNECT" && step.connection <= 1)
+            return RelayReaction{"421 not yet", true};
+        return std::nullopt;
+    });
+    settings.relay.port = relay.Port();
+    settings.connections = 1;
+    for (int i = 0; i < 3; ++i)
+        Put(Addresses(2));
+    log.ExpectError("cannot be used: ");
+    log.ExpectError("can be used again");
+    const auto channel = DeliveryChannel::Open("dlout");
+    std::atomic<bool> stop{false};
+    std::thread sender([&] { Handover(settings, channel.get(), &stop).Run(false); });
+    const auto wait_for = [](const std::function<bool()>& done) {
+        for (int i = 0; i < 400 && !done(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return done();
+    };
+    EXPECT_TRUE(wait_for([&] { return log.HasPart("cannot be used"); }));
+    EXPECT_TRUE(wait_for([] {
+        const std::vector<QueueItem> items = QueueItems();
+        return items.size() == 3 && std::none_of(items.begin(), items.end(),
+                                                 [](const QueueItem& item) { return item.taken; });
+    }));
+    EXPECT_TRUE(wait_for([] { return QueueItems().empty(); })) << "tried again by itself";
+    stop.store(true);
+    sender.join();
+    EXPECT_EQ(relay.Recipients().size(), 6U);
+}
+
+// Nobody's message is to blame when no file can be opened.
+TEST_F(HandoverTest, AFaultOfTheMachineHoldsNothing)
+{
+    ScriptedRelay relay;
+    Put(Addresses(2));
+    settings.relay.port = relay.Port();
+    settings.connections = 1;
+    const auto channel = DeliveryChannel::Open("dlout");
+    EXPECT_EQ(channel->AnythingDue(clock.now), QueueAnswer::kYes);  // has all files open
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const int next = dup(0);
+    ASSERT_GT(next, 0);
+    close(next);
+    const rlimit none{static_cast<rlim_t>(next), usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::atomic<bool> stop{false};
+    log.ExpectError("cannot be read now, next try in ");
+    Handover(settings, channel.get(), &stop).Run(true);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    ASSERT_EQ(QueueItems("dlout").size(), 1U);
+    EXPECT_EQ(QueueItems("dlout")[0].attempts, 0);
+    clock.now += 90;
+    Handover(settings, channel.get(), &stop).Run(true);
+    EXPECT_TRUE(QueueItems().empty());
+    EXPECT_EQ(relay.Recipients().size(), 2U);
+}
+
+TEST_F(HandoverTest, ARelayMayEndConnectionsAsItLikes)
+{
+    std::atomic<bool> first_ended{false};  // then the second is the only one
+    ScriptedRelay relay([&](const RelayStep& step) -> std::optional<RelayReaction> {
+        if (step.verb == "MAIL" && step.transaction == 3) {
+            first_ended = first_ended || step.connection == 1;
             return RelayReaction{step.connection % 2 ? "421 4.3.2 enough" : "", true};
-        if (step.verb == "CONNECT" && step.connection == 2)
+        }
+        if (step.verb == "CONNECT" && step.connection == 2 && !first_ended)
             return RelayReaction{"421 one is enough", true};
         return std::nullopt;
     });
@@ -354,9 +424,9 @@ class FullDisk : public FailingQueue, public DeliveryBackend
  public:
     explicit FullDisk(const std::string& folder) : FailingQueue(folder) {}
     DeliveryBackend* Deliveries() override { return this; }
-    QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now) override
+    QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now, std::int64_t* closed) override
     {
-        return Real().AnythingDue(reader, now);
+        return Real().AnythingDue(reader, now, closed);
     }
     bool TakeDue(std::int64_t reader, std::int64_t now, std::size_t limit,
                  std::vector<DueEntry>* entries) override

@@ -17,6 +17,15 @@ std::time_t Now()
     return clock ? clock->Now() : std::time(nullptr);
 }
 
+std::int64_t Uptime()
+{
+    if (Clock* clock = installed.load())
+        return clock->Now();
+    timespec now{};
+    (void)clock_gettime(CLOCK_BOOTTIME, &now);  // there since Linux 2.6.39
+    return now.tv_sec;
+}
+
 std::int64_t NowMicroseconds()
 {
     using std::chrono::duration_cast;

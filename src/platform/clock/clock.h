@@ -23,6 +23,10 @@ class Clock
 // Seconds since 1970-01-01 UTC.
 std::time_t Now();
 
+// Seconds on a clock that nobody sets and that counts while the host sleeps; from any beginning. A
+// ScopedClock is taken for such a one.
+std::int64_t Uptime();
+
 // Microseconds since 1970-01-01 UTC; always the system's, for identifiers that must differ.
 std::int64_t NowMicroseconds();
 

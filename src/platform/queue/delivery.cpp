@@ -29,9 +29,9 @@ DeliveryChannel::~DeliveryChannel()
     (void)queue_->EndReader(reader_);  // it has logged; a later reader frees what this one had
 }
 
-QueueAnswer DeliveryChannel::AnythingDue(std::int64_t now)
+QueueAnswer DeliveryChannel::AnythingDue(std::int64_t now, std::int64_t* closed)
 {
-    return queue_->Deliveries()->AnythingDue(reader_, now);
+    return queue_->Deliveries()->AnythingDue(reader_, now, closed);
 }
 
 bool DeliveryChannel::Take(std::int64_t now, std::size_t limit, std::vector<DueEntry>* entries)

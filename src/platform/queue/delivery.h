@@ -85,7 +85,8 @@ class DeliveryBackend
 {
  public:
     virtual ~DeliveryBackend() = default;
-    virtual QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now) = 0;
+    virtual QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now,
+                                    std::int64_t* closed) = 0;
     virtual bool TakeDue(std::int64_t reader, std::int64_t now, std::size_t limit,
                          std::vector<DueEntry>* entries) = 0;
     virtual QueueAnswer ReadDelivery(unsigned long id, std::string* envelope,
@@ -114,8 +115,9 @@ class DeliveryChannel
     DeliveryChannel(const DeliveryChannel&) = delete;
     DeliveryChannel& operator=(const DeliveryChannel&) = delete;
 
-    // Whether Take would find something; takes no lock that a writer waits for.
-    [[nodiscard]] QueueAnswer AnythingDue(std::int64_t now);
+    // Whether Take would find something; takes no lock that a writer waits for. `closed` (may be
+    // null) then is when the entry that is first in turn came into the queue; 0: not known.
+    [[nodiscard]] QueueAnswer AnythingDue(std::int64_t now, std::int64_t* closed = nullptr);
     // Adds at most `limit` entries to `entries`.
     [[nodiscard]] bool Take(std::int64_t now, std::size_t limit, std::vector<DueEntry>* entries);
     // kNo: the entry has no envelope, or a damaged one (logged at level 1).

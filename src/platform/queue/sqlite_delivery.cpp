@@ -7,7 +7,7 @@
 namespace dl
 {
 
-QueueAnswer SqliteQueue::AnythingDue(std::int64_t reader, std::int64_t now)
+QueueAnswer SqliteQueue::AnythingDue(std::int64_t reader, std::int64_t now, std::int64_t* closed)
 {
     const std::lock_guard<std::mutex> guard(mutex_);
     const auto place = readers_.find(reader);
@@ -21,11 +21,27 @@ QueueAnswer SqliteQueue::AnythingDue(std::int64_t reader, std::int64_t now)
                 " (SELECT 1 FROM chan INDEXED BY chan_owner WHERE owner IS NOT NULL AND"
                 " channel = ?1 AND owner <> ?3)",
                 place->second.channel, now, reader, place->second.longest_pause);
-    if (query.Row())
-        return query.Int(0) != 0 ? QueueAnswer::kYes : QueueAnswer::kNo;
+    if (query.Row()) {
+        const bool any = query.Int(0) != 0;
+        if (any && closed)
+            *closed = FirstClosed(place->second.channel, now);
+        return any ? QueueAnswer::kYes : QueueAnswer::kNo;
+    }
     Complain("Channel %s of the message queue cannot be read: %s", place->second.channel.c_str(),
              Cause().c_str());
     return QueueAnswer::kFailed;
+}
+
+// Of an entry that is ready and one that has been put back, whichever is older.
+std::int64_t SqliteQueue::FirstClosed(const std::string& channel, std::int64_t now)
+{
+    Query query(index_,
+                "SELECT coalesce(min(closed), 0) FROM entry WHERE id IN ((SELECT entry FROM chan"
+                " INDEXED BY chan_ready WHERE channel = ?1 AND owner IS NULL AND due = 0 ORDER BY"
+                " suspect, attempts, seq LIMIT 1), (SELECT entry FROM chan INDEXED BY chan_due"
+                " WHERE channel = ?1 AND due > 0 AND due <= ?2 ORDER BY due LIMIT 1))",
+                channel, now);
+    return query.Row() ? query.Int(0) : 0;
 }
 
 bool SqliteQueue::TakeDue(std::int64_t reader, std::int64_t now, std::size_t limit,

@@ -39,7 +39,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     bool ReadMarks(const std::string& prefix, std::map<std::string, std::string>* marks) override;
 
     DeliveryBackend* Deliveries() override { return this; }
-    QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now) override;
+    QueueAnswer AnythingDue(std::int64_t reader, std::int64_t now, std::int64_t* closed) override;
     bool TakeDue(std::int64_t reader, std::int64_t now, std::size_t limit,
                  std::vector<DueEntry>* entries) override;
     QueueAnswer ReadDelivery(unsigned long id, std::string* envelope,
@@ -149,6 +149,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     bool IsAlive(std::int64_t reader) const;
 
     // Handing over (sqlite_delivery.cpp); as above.
+    std::int64_t FirstClosed(const std::string& channel, std::int64_t now);
     bool TakeRows(const Reader& reader, std::size_t limit, std::vector<Taken>* taken,
                   std::vector<DueEntry>* entries);
     void CommitRecordings(const std::vector<Recording*>& together);

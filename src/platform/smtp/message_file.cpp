@@ -8,6 +8,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "platform/files/machine_fault.h"
+
 namespace dl::smtp
 {
 namespace
@@ -61,6 +63,7 @@ bool MessageFile::Open(const std::string& path, std::string* cause)
     struct stat state {
     };
     if (fd_ < 0 || fstat(fd_, &state) != 0) {
+        NoteMachineFault(errno);
         *cause = std::generic_category().message(errno);
         return false;
     }
@@ -72,8 +75,10 @@ bool MessageFile::Open(const std::string& path, std::string* cause)
     char last = '\n';
     for (std::int64_t at = 0;;) {
         const ssize_t got = ReadAt(fd_, block.data(), at);
-        if (got < 0)
+        if (got < 0) {
+            NoteMachineFault(errno);
             *cause = std::generic_category().message(errno);
+        }
         if (got <= 0)
             break;
         const std::string_view bytes(block.data(), static_cast<std::size_t>(got));

@@ -22,7 +22,8 @@ class MessageFile
     MessageFile(const MessageFile&) = delete;
     MessageFile& operator=(const MessageFile&) = delete;
 
-    // False, with plain words in `cause`, when it cannot be opened or read.
+    // False, with plain words in `cause`, when it cannot be opened or read; a fault of the machine
+    // is noted (platform/files/machine_fault.h).
     [[nodiscard]] bool Open(const std::string& path, std::string* cause);
     [[nodiscard]] std::int64_t WireBytes() const { return wire_bytes_; }  // without added dots
     [[nodiscard]] bool EightBit() const { return eight_bit_; }

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdarg>
+#include <cstdlib>
 #include <iterator>
 #include <utility>
 
 #include "platform/clock/clock.h"
+#include "platform/files/machine_fault.h"
 #include "platform/log/log.h"
 
 namespace dl
@@ -37,7 +39,11 @@ void SendLog(int level, const char* format, ...)
 
 Handover::Handover(const RelaySettings& settings, DeliveryChannel* channel,
                    const std::atomic<bool>* stop)
-    : settings_(settings), channel_(channel), stop_(stop), random_(std::random_device()())
+    : settings_(settings),
+      channel_(channel),
+      stop_(stop),
+      waiting_time_(Now(), Uptime()),
+      random_(std::random_device()())
 {
 }
 
@@ -73,6 +79,7 @@ void Handover::Loop(bool once)
             news_ = false;
         }
         LookForRoom();
+        LookAtClock();
         if (Clock::now() >= next_fill) {
             filled = Fill();
             next_fill = Clock::now() + (filled ? std::chrono::milliseconds(0) : kTrouble);
@@ -116,33 +123,75 @@ void Handover::LookForRoom()
     change_.notify_all();
 }
 
+void Handover::LookAtClock()
+{
+    const Lock lock(mutex_);
+    if (const std::int64_t jump = waiting_time_.Tick(Now(), Uptime()))
+        SendLog(1, "The clock was set %s by %lld s, which counts for no message",
+                jump > 0 ? "forward" : "back", static_cast<long long>(std::abs(jump)));
+}
+
+bool Handover::IsExpired(std::int64_t closed) const
+{
+    return waiting_time_.Of(closed, Now()) >= settings_.give_up_after;
+}
+
+// Whether there is a reason to try the relay again; takes only what is to be given up. False when
+// the queue cannot be read.
+bool Handover::LookWhileRelayIsDown()
+{
+    std::int64_t closed = 0;
+    const QueueAnswer due = channel_->AnythingDue(Now(), &closed);
+    {
+        const Lock lock(mutex_);
+        due_ = due == QueueAnswer::kYes;
+        if (!due_ || closed == 0 || !IsExpired(closed))
+            return due != QueueAnswer::kFailed;
+    }
+    return TakeEntries(1) && LoadTaken();
+}
+
 // Reads entries as long as there is room for them. False when the queue cannot be read.
 bool Handover::Fill()
 {
+    bool down = false;
+    {
+        const Lock lock(mutex_);
+        if (ending_ || write_fails_ || no_room_)
+            return true;
+        down = relay_down_;
+    }
+    if (down)
+        return LookWhileRelayIsDown();
     for (;;) {
         std::size_t room = 0;
-        DueEntry due;
         {
             const Lock lock(mutex_);
-            if (ending_ || write_fails_ || no_room_ ||
-                jobs_.size() >= (relay_down_ ? 1 : kMostJobs))
+            if (ending_ || write_fails_ || no_room_ || relay_down_ || jobs_.size() >= kMostJobs)
                 return true;
-            if (taken_.empty()) {
-                room = relay_down_ ? 1 : kMostTaken - jobs_.size();
-            } else {
-                due = taken_.front();
-                if (!jobs_.empty() && recipients_ + due.recipients > kMostRecipients)
-                    return true;
-            }
+            if (taken_.empty())
+                room = kMostTaken - jobs_.size();
+            else if (!jobs_.empty() && recipients_ + taken_.front().recipients > kMostRecipients)
+                return true;
         }
-        if (room == 0 ? !Load(due) : !TakeEntries(room))
+        if (room == 0 ? !LoadTaken() : !TakeEntries(room))
             return false;
-        const Lock lock(mutex_);
         if (room > 0 && taken_.empty())
             return true;
-        if (room == 0)
-            taken_.pop_front();  // this thread alone changes it
     }
+}
+
+// Reads the first of those that are taken, which this thread alone changes. False when the queue
+// cannot be read.
+bool Handover::LoadTaken()
+{
+    if (taken_.empty())
+        return true;
+    if (!Load(taken_.front()))
+        return false;
+    const Lock lock(mutex_);
+    taken_.pop_front();
+    return true;
 }
 
 bool Handover::TakeEntries(std::size_t limit)
@@ -173,7 +222,10 @@ bool Handover::Load(const DueEntry& due)
     }
     auto job = std::make_unique<Job>(due, std::move(record));
     std::string cause;
+    ForgetMachineFault();
     if (!job->message.Open(GetMQPathName(due.id, ".msg"), &cause)) {
+        if (NotedMachineFault() != 0)
+            return PutOff(due, job->record.tries, cause);
         Hold(due, "its message file cannot be read: " + cause);
         return true;
     }
@@ -185,6 +237,21 @@ bool Handover::Load(const DueEntry& due)
     return true;
 }
 
+// For a fault of the machine: the message is not to blame, and others may be readable.
+bool Handover::PutOff(const DueEntry& due, int tries, const std::string& why)
+{
+    DeliveryStep step;
+    step.id = due.id;
+    step.end = DeliveryStep::End::kPutBack;
+    {
+        const Lock lock(mutex_);
+        step.due = Now() + RetryDelay(settings_, tries, static_cast<std::uint32_t>(random_()));
+    }
+    SendLog(1, "Message %08lX cannot be read now, next try in %lld s: %s", due.id,
+            static_cast<long long>(step.due - Now()), why.c_str());
+    return channel_->Record({&step, 1});
+}
+
 void Handover::Hold(const DueEntry& due, const std::string& why)
 {
     DeliveryStep step;
@@ -194,8 +261,8 @@ void Handover::Hold(const DueEntry& due, const std::string& why)
         SendLog(1, "Message %08lX is moved to channel dlhold: %s", due.id, why.c_str());
 }
 
-// One entry is kept, to try the relay with; the others are anyone's. What has waited for too long
-// is given up although no relay has refused it: true when something was.
+// No entry is kept: it would be blamed if the program died now. What has waited for too long is
+// given up although no relay has refused it: true when something was.
 bool Handover::WhileRelayIsDown(Lock& lock)
 {
     std::vector<std::unique_ptr<Job>> idle;
@@ -204,12 +271,12 @@ bool Handover::WhileRelayIsDown(Lock& lock)
         const auto here = job++;
         if ((*here)->in_flight > 0)
             continue;
-        if (Now() - (*here)->entry.closed >= settings_.give_up_after) {
+        if (IsExpired((*here)->entry.closed)) {
             (*here)->in_flight = 1;
             (*here)->next = (*here)->order.size();
             (*here)->again.clear();
             expired.push_back(here->get());
-        } else if (here != jobs_.begin()) {
+        } else {
             recipients_ -= (*here)->record.envelope.Count();
             idle.push_back(std::move(*here));
             jobs_.erase(here);

@@ -4,10 +4,11 @@
 // connections (a thread each) one transaction after another: always of the entry that has the
 // fewest of them under way, so that a large or slow entry never stands before small ones. What the
 // relay said is on disk before a connection goes on. A recipient who is refused for now is tried
-// again later, with growing pauses; what is refused for good, or not delivered in time, is told the
-// sender in one report for each entry, put into channel "dl". A relay that cannot be reached costs
-// no entry a try. Log lines: 1 the relay's coming and going and what went wrong here, 3 one for
-// each recipient who is done with, 5 the others, 6 connections. Module "DL Send".
+// again later, with growing pauses; what is refused permanently, or not delivered in time, is told
+// the sender in one report for each entry, put into channel "dl". A relay that cannot be reached
+// costs no entry a try, and while it is down no entry is kept: a connection is tried without one.
+// Log lines: 1 the relay's coming and going and what went wrong here, 3 one for each recipient who
+// is done with, 5 the others, 6 connections. Module "DL Send".
 #pragma once
 
 #include <atomic>
@@ -27,6 +28,7 @@
 #include "tools/dlsend/job.h"
 #include "tools/dlsend/relay_settings.h"
 #include "tools/dlsend/report.h"
+#include "tools/dlsend/waiting_time.h"
 
 namespace dl
 {
@@ -49,7 +51,7 @@ class Handover
     using Lock = std::unique_lock<std::mutex>;
     using Clock = std::chrono::steady_clock;
     struct Task {
-        Job* job = nullptr;
+        Job* job = nullptr;                     // null: only whether the relay can be used again
         std::vector<std::uint32_t> recipients;  // none: the entry is through
     };
 
@@ -58,9 +60,13 @@ class Handover
     // handover.cpp, the main thread
     void Loop(bool once);
     void LookForRoom();
+    void LookAtClock();
     bool Fill();
+    bool LookWhileRelayIsDown();
     bool TakeEntries(std::size_t limit);
+    bool LoadTaken();
     bool Load(const DueEntry& due);
+    bool PutOff(const DueEntry& due, int tries, const std::string& why);
     void Hold(const DueEntry& due, const std::string& why);
     bool WhileRelayIsDown(Lock& lock);
     void Listen();  // a thread of its own
@@ -93,6 +99,7 @@ class Handover
     bool EachFailedOf(const Job& job, const DeliveryStep& step, bool given_up,
                       const std::function<bool(const FailedRecipient&)>& visit) const;
     void Forget(Job* job);
+    bool IsExpired(std::int64_t closed) const;  // locked
 
     const RelaySettings settings_;
     DeliveryChannel* const channel_;
@@ -112,7 +119,9 @@ class Handover
     int connected_ = 0;
     int connecting_ = 0;
     bool no_room_ = false;  // on the queue's disk; no new transaction meanwhile
+    WaitingTime waiting_time_;
     bool relay_down_ = false;
+    bool due_ = false;           // something was, when it was down
     std::string relay_problem_;  // why it was down last
     bool probing_ = false;       // some connection is trying whether it is still so
     Clock::time_point next_probe_;

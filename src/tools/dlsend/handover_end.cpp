@@ -149,7 +149,11 @@ void Handover::Settle(const Task& task, const Results& results)
 void Handover::Conclude(Job* job, DeliveryStep step, const std::function<void()>& log)
 {
     const std::size_t waiting = job->Count(RecipientState::kWaiting);
-    const bool expired = Now() - job->entry.closed >= settings_.give_up_after;
+    bool expired = false;
+    {
+        const Lock lock(mutex_);
+        expired = IsExpired(job->entry.closed);
+    }
     step.answers.insert(step.answers.end(), job->unwritten.begin(), job->unwritten.end());
     job->unwritten.clear();
     bool ended = false;

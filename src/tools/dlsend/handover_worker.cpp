@@ -58,10 +58,15 @@ bool Handover::PickTask(const Worker& worker, Task* task)
 {
     if (write_fails_ || no_room_)
         return false;
-    const bool connects = !worker.session.IsOpen();
-    if (connects &&
-        (Clock::now() < worker.rests || (relay_down_ && (probing_ || Clock::now() < next_probe_))))
+    if (!worker.session.IsOpen() && Clock::now() < worker.rests)
         return false;
+    if (relay_down_) {
+        if (probing_ || !due_ || Clock::now() < next_probe_)
+            return false;
+        probing_ = true;
+        *task = Task();
+        return true;
+    }
     Job* best = nullptr;
     for (const auto& job : jobs_) {
         if (job->AllAssigned() && (job->in_flight > 0 || !job->order.empty()))
@@ -76,12 +81,19 @@ bool Handover::PickTask(const Worker& worker, Task* task)
     task->recipients = best->NextTransaction(settings_.max_recipients);
     best->served = ++turn_;
     ++best->in_flight;
-    probing_ = probing_ || (relay_down_ && connects);
     return true;
 }
 
 void Handover::Perform(Worker* worker, const Task& task)
 {
+    if (!task.job) {
+        if (Connect(worker)) {
+            const Lock lock(mutex_);
+            news_ = true;  // the entries that wait
+            change_.notify_all();
+        }
+        return;
+    }
     if (task.recipients.empty()) {  // all had their answers before; only the end was missing
         DeliveryStep step;
         step.id = task.job->entry.id;

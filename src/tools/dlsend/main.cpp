@@ -63,7 +63,8 @@ int Run(bool once)
     (void)dl::OpenMetrics(dl::QueuePath(), kName);
     if (!once)
         dl::MarkStart();
-    const auto channel = dl::DeliveryChannel::Open(settings.channel);
+    const auto channel =
+        dl::DeliveryChannel::Open(settings.channel, dl::LongestRetryDelay(settings));
     if (!channel)
         return EX_UNAVAILABLE;
     if (!once) {

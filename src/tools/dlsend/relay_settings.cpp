@@ -12,6 +12,7 @@ namespace
 
 constexpr char kSection[] = "Relay";
 constexpr std::int64_t kDay = 86400;
+constexpr std::int64_t kSpread = 4;  // a delay is off by up to a quarter
 
 std::string Text(const char* key, const char* fallback)
 {
@@ -85,8 +86,13 @@ std::int64_t RetryDelay(const RelaySettings& settings, int tries, std::uint32_t 
     for (int i = 0; i < tries && delay < settings.retry_max; ++i)
         delay *= 2;
     delay = std::min(delay, settings.retry_max);
-    const std::int64_t spread = delay / 4;
+    const std::int64_t spread = delay / kSpread;
     return std::max<std::int64_t>(1, delay - spread + random % (2 * spread + 1));
+}
+
+std::int64_t LongestRetryDelay(const RelaySettings& settings)
+{
+    return settings.retry_max + settings.retry_max / kSpread;
 }
 
 }  // namespace dl

@@ -32,5 +32,7 @@ struct RelaySettings {
 // retry_max; `random` spreads it by a quarter either way.
 [[nodiscard]] std::int64_t RetryDelay(const RelaySettings& settings, int tries,
                                       std::uint32_t random);
+// The longest that it gives.
+[[nodiscard]] std::int64_t LongestRetryDelay(const RelaySettings& settings);
 
 }  // namespace dl
