@@ -1,6 +1,8 @@
 // What clients are told when the queue, the disk or the memory of descriptors fails: try again, for
 // every recipient, and nothing is left in the queue.
 
+#include <atomic>
+
 #include "tests/support/failing_files.h"
 #include "tests/support/failing_queue.h"
 #include "tests/tools/lmtp_fixture.h"
@@ -98,6 +100,24 @@ TEST_F(LmtpFault, AFullDiskIsToldForEachRecipientAfterTheText)
     }
     (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
     EXPECT_TRUE(client.Ask(text + "\r\n.\r\n", 2).starts_with("250 "));
+}
+
+TEST_F(LmtpFault, NoMessageIsTakenIntoTheRoomThatWhatWaitsNeeds)
+{
+    std::atomic<std::uint64_t> room{1'000};
+    settings.limits.has_room = [&room](std::uint64_t bytes) { return bytes <= room.load(); };
+    StartServer();
+    Client client(path);
+    (void)client.Ask("LHLO c\r\n", 7);
+    EXPECT_EQ(client.Ask("MAIL FROM:<a@b.org> SIZE=1001\r\n", 1), kFull);
+    room = 2'500'000;
+    const std::string text(5'000'000, 'x');
+    (void)client.Ask("MAIL FROM:<a@b.org> SIZE=1000\r\n" + kTwo + "DATA\r\n", 4);
+    room = 1'000'000;  // what others took meanwhile
+    EXPECT_EQ(client.Ask(text + "\r\n.\r\n", 2), Twice(kFull));
+    EXPECT_EQ(MessageFiles(), 0U);
+    (void)client.Ask("MAIL FROM:<a@b.org>\r\n" + kTwo + "DATA\r\n", 4);
+    EXPECT_TRUE(client.Ask("small\r\n.\r\n", 2).starts_with("250 "));
 }
 
 TEST_F(LmtpFault, AQueueFolderThatVanishesIsNoCrash)

@@ -254,7 +254,7 @@ unsigned long GetMQId(const MQContext* context)
 bool HasMQRoomFor(std::int64_t bytes)
 {
     const std::shared_ptr<QueueBackend> queue = OpenedQueue();
-    return queue && queue->HasRoomFor(bytes);
+    return !queue || queue->HasRoomFor(bytes);
 }
 
 void MQNeedsRoomAt(const std::string& folder)

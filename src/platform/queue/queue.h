@@ -106,7 +106,8 @@ bool BlameMQMessage(MQContext* channel, std::int64_t due = 0);
 [[nodiscard]] unsigned long GetMQId(const MQContext* context);
 
 // Whether a message of so many bytes may be taken in: beside it there is room for what the service
-// and dlsend need to drain what waits. False also when the queue cannot be read.
+// and dlsend need to drain what waits. True also when the queue cannot be read: whoever stores the
+// message then is told so.
 [[nodiscard]] bool HasMQRoomFor(std::int64_t bytes);
 // Readers take nothing either while the disk of `folder` has no room for copies of it.
 void MQNeedsRoomAt(const std::string& folder);

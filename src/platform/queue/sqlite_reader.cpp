@@ -212,7 +212,7 @@ bool SqliteQueue::HasRoomToHandle(std::uint32_t id)
 bool SqliteQueue::HasRoomFor(std::int64_t bytes)
 {
     if (!Usable())
-        return false;
+        return true;
     const std::lock_guard<std::mutex> guard(mutex_);
     index_.ClearFailure();
     Query largest(index_, "SELECT max(bytes) FROM entry INDEXED BY entry_large WHERE bytes > ?1",

@@ -18,6 +18,7 @@ namespace
 constexpr std::size_t kReadBytes = 65'536;
 constexpr int kReadsPerTurn = 4;  // the others are waiting
 constexpr std::size_t kMaxBuffered = 65'536;
+constexpr std::uint64_t kRoomStep = 1 << 20;  // each so many bytes the queue's room is looked at
 
 }  // namespace
 
@@ -25,6 +26,7 @@ LmtpConnection::LmtpConnection(int socket, std::string peer, const LmtpLimits* l
                                std::size_t* recipient_bytes, const std::string* channel, Time now)
     : socket_(socket),
       peer_(std::move(peer)),
+      limits_(limits),
       channel_(channel),
       session_(limits, recipient_bytes),
       last_active_(now)
@@ -117,10 +119,7 @@ bool LmtpConnection::Act(LmtpSession::Event event)
             BeginMessage();
             return true;
         case LmtpSession::Event::kText:
-            message_id_.Read(session_.Text());
-            if (const LmtpOutcome outcome = entry_->Write(session_.Text());
-                outcome != LmtpOutcome::kStored)
-                Drop(outcome);
+            WriteText();
             return true;
         case LmtpSession::Event::kDiscard:
             Log(5, "%s sent a message that is too big", peer_.c_str());
@@ -151,7 +150,21 @@ void LmtpConnection::BeginMessage()
         return Drop(outcome);
     id_ = entry_->Id();
     message_id_ = {};
+    room_for_ = kRoomStep;
     session_.Begin();
+}
+
+// Others may fill the disk meanwhile, and not every client says at MAIL how much it sends.
+void LmtpConnection::WriteText()
+{
+    message_id_.Read(session_.Text());
+    if (session_.TextBytes() > room_for_) {
+        if (!limits_->HaveRoomFor(kRoomStep))
+            return Drop(LmtpOutcome::kNoSpace);
+        room_for_ += kRoomStep;
+    }
+    if (const LmtpOutcome outcome = entry_->Write(session_.Text()); outcome != LmtpOutcome::kStored)
+        Drop(outcome);
 }
 
 void LmtpConnection::Drop(LmtpOutcome outcome)

@@ -53,6 +53,7 @@ class LmtpConnection
     bool Act(LmtpSession::Event event);
     void Lost();
     void BeginMessage();
+    void WriteText();
     void EndMessage();
     void Drop(LmtpOutcome outcome);
     void CheckEnd();
@@ -60,11 +61,13 @@ class LmtpConnection
 
     const int socket_;
     const std::string peer_;
+    const LmtpLimits* limits_;
     const std::string* channel_;
     LmtpSession session_;
     std::optional<IntakeEntry> entry_;
     MessageIdFinder message_id_;
     unsigned long id_ = 0;
+    std::uint64_t room_for_ = 0;  // how much of the text the queue was seen to have room for
     bool ready_ = false;
     bool eof_ = false;
     bool ending_ = false;  // the session is over

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -63,12 +64,29 @@ std::string HostName()
     return host.empty() ? own : host;
 }
 
+// HasMQRoomFor, and a line at most once a minute while there is none.
+std::function<bool(std::uint64_t)> RoomCheck()
+{
+    using Steady = std::chrono::steady_clock;
+    return [say_again = Steady::time_point()](std::uint64_t bytes) mutable {
+        if (HasMQRoomFor(static_cast<std::int64_t>(bytes)))
+            return true;
+        if (const auto now = Steady::now(); now >= say_again) {
+            LogMessage(1, kModule,
+                       "The disk of the queue is full, clients are told to try again later");
+            say_again = now + std::chrono::minutes(1);
+        }
+        return false;
+    };
+}
+
 LmtpSettings ReadSettings(const std::string& channel)
 {
     LmtpSettings settings;
     settings.limits.host = HostName();
     settings.limits.max_message_bytes =
         static_cast<std::uint64_t>(Setting("MaxMessageBytes", 50 * 1024 * 1024, 1 << 30));
+    settings.limits.has_room = RoomCheck();
     settings.limits.max_recipients =
         static_cast<std::size_t>(Setting("MaxRecipients", 100'000, 1'000'000));
     settings.max_connections = static_cast<std::size_t>(Setting("MaxConnections", 100, 5'000));

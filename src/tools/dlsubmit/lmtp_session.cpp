@@ -238,6 +238,8 @@ void LmtpSession::Mail(std::string_view argument)
         return RefuseCommand("501 5.1.7 Not a usable address");
     if (parameters.size > limits_->max_message_bytes)
         return RefuseCommand(Refusal(LmtpOutcome::kTooBig));
+    if (!limits_->HaveRoomFor(parameters.size))
+        return RefuseCommand(Refusal(LmtpOutcome::kNoSpace));
     has_sender_ = true;
     sender_ = std::move(path.address);
     Answer("250 2.1.0 Ok");

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +46,13 @@ struct LmtpLimits {
     std::uint64_t max_message_bytes = 50 << 20;
     std::size_t max_recipients = 100'000;        // of a transaction
     std::size_t max_recipient_bytes = 32 << 20;  // of all sessions together
+    // Whether the queue has room for a message of so many bytes; empty: it always has.
+    std::function<bool(std::uint64_t)> has_room;
+
+    [[nodiscard]] bool HaveRoomFor(std::uint64_t bytes) const
+    {
+        return !has_room || has_room(bytes);
+    }
 };
 
 // What became of a transaction's text; it is the answer for each of its recipients.

@@ -20,6 +20,9 @@ namespace
 {
 
 constexpr std::size_t kBlock = 65536;
+constexpr std::int64_t kRoomStep = 1 << 20;  // each so many bytes the queue's room is looked at
+constexpr char kDiskFull[] = "the disk of the queue is full";
+constexpr char kCannotStore[] = "the message cannot be stored";
 
 bool IsNullSender(const std::string& sender)
 {
@@ -47,13 +50,14 @@ std::size_t MailboxLineSize(std::string_view text)
 }
 
 // Copies the message, each line end as CRLF, with the CRs before it; any others become a blank, as
-// in the text of LMTP. False when it cannot be read or written whole.
-bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
+// in the text of LMTP. Why it cannot be read or written whole; null when it was.
+const char* CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
 {
     std::string block(kBlock, '\0');
     std::string text;
     bool cr = false;  // some were read that are not written yet
     bool begins = true;
+    std::int64_t room_for = kRoomStep;
     for (;;) {
         const std::size_t got = std::fread(block.data(), 1, block.size(), in);
         if (got == 0)
@@ -72,10 +76,15 @@ bool CopyMessage(std::FILE* in, FileWriter* out, MessageIdFinder* message_id)
             cr = c == '\r';
         }
         message_id->Read(text);
+        if (out->Written() > room_for) {
+            if (!HasMQRoomFor(kRoomStep))
+                return kDiskFull;
+            room_for += kRoomStep;
+        }
         if (!out->Write(text))
-            return false;
+            return kCannotStore;
     }
-    return std::ferror(in) == 0 && out->Close();
+    return std::ferror(in) == 0 && out->Close() ? nullptr : kCannotStore;
 }
 
 int TryAgain(const char* what)
@@ -115,6 +124,8 @@ int SubmitMessage(const SubmitJob& job, std::FILE* in)
         return TryAgain("the queue cannot be opened");
     if (!counting)
         (void)OpenMetrics(QueuePath(), "dlsubmit");  // a new queue; the message goes in without too
+    if (!HasMQRoomFor(0))
+        return TryAgain(kDiskFull);
     NewMQEntry entry;
     if (!entry)
         return TryAgain("no queue entry can be made");
@@ -123,8 +134,9 @@ int SubmitMessage(const SubmitJob& job, std::FILE* in)
     std::int64_t bytes = 0;
     {
         FileWriter out(GetMQPathName(entry.get(), ".msg"), "wb");
-        if (!out.IsOpen() || !CopyMessage(in, &out, &message_id))
-            return TryAgain("the message cannot be stored");
+        const char* problem = out.IsOpen() ? CopyMessage(in, &out, &message_id) : kCannotStore;
+        if (problem)
+            return TryAgain(problem);
         bytes = out.Written();
     }
     if (Submit(std::move(entry), job.channel, 0, &envelope) != Submission::kDone)
