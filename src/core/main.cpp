@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "archive/index_schedule.h"
+#include "core/background.h"
 #include "core/service.h"
 #include "lists/dllist.h"
 #include "platform/archive/archive.h"
@@ -32,13 +33,16 @@ int main()
     const bool forked = dl::RunInBackground() == 0;
     dl::SetConfigReporter([](const std::string& problem) { dl::DlLog(1, "%s", problem.c_str()); });
     std::string error;
-    if (!dl::OpenLog(dl::ReadLogSettings(), "dlmanager", &error))
+    const dl::LogSettings log = dl::ReadLogSettings();
+    const bool opened = dl::OpenLog(log, "dlmanager", &error);
+    if (!opened)
         dl::DlLog(1, "The log cannot be opened, using standard error: %s", error.c_str());
     if (!forked) {
         dl::DlLog(1, "failed to fork child process");
         dl::CloseLog();
         return -1;
     }
+    dl::LeaveStandardStreams(!opened || log.target == dl::LogSettings::Target::kStderr);
     dl::Service service;
     const int result = service.Run();
     if (dl::ArchiveWorkerRuns())

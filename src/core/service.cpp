@@ -1,11 +1,10 @@
 #include "core/service.h"
 
-#include <unistd.h>
-
 #include <csignal>
 #include <cstdlib>
 
 #include "archive/index_schedule.h"
+#include "core/background.h"
 #include "digest/digest_schedule.h"
 #include "dispatch/dispatcher.h"
 #include "lists/dllist.h"
@@ -51,14 +50,6 @@ int SignalHandler(int signal)
     }
 }
 
-int RunInBackground()
-{
-    const pid_t child = fork();
-    if (child > 0)
-        std::exit(0);
-    return child < 0 ? -1 : 0;
-}
-
 int RefreshInterval()
 {
     const int minutes =
@@ -80,6 +71,7 @@ void SetTimeZone()
 int Service::Run()
 {
     const ProcessInfo registered = InitProcessInfo(kProcessName, SignalHandler);
+    TellStarted(registered.reason);
     if (registered.result != Registration::kDone) {
         DlLog(1, "%s", registered.reason.c_str());
         return 1;

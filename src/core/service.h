@@ -19,9 +19,6 @@ inline constexpr char kProcessName[] = "dl";
 // stops. Any other number is returned.
 int SignalHandler(int signal);
 
-// Forks. 0 in the child; the parent exits with 0; -1 when it cannot fork.
-[[nodiscard]] int RunInBackground();
-
 // Minutes between refreshes, "DlManager"/"CacheRefreshInterval"; 5 and less give 15.
 [[nodiscard]] int RefreshInterval();
 

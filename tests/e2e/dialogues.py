@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """People join and leave lists by mail: dlsubmit, the running dlmanager, a directory, and a reader who answers what comes.
 
-    tests/e2e/dialogues.py BUILD/bin [Dialogues | Outage | TwoServicesSlapd | TwoServicesLdif | BigAndFull][.test]
+    tests/e2e/dialogues.py BUILD/bin [Dialogues | Outage | TwoServicesSlapd | TwoServicesLdif | Background | BigAndFull][.test]
     DL_KEEP=1 leaves the folder for a look at it
 """
 import concurrent.futures
@@ -10,6 +10,8 @@ import email.policy
 import email.utils
 import os
 import re
+import shutil
+import signal
 import subprocess
 import time
 import unittest
@@ -330,6 +332,42 @@ class TwoServicesLdif(TwoServices):
         text = self.directory.path.read_text()
         self.assertTrue(text.startswith("# The lists of the house.\n\n"))
         self.assertEqual(re.findall(r"^dn: (.*)$", text, re.M)[-4:], re.findall(r"^dn: (.*)$", "\n".join(entries()), re.M), "the order stays")
+
+
+class Background(Case):
+    """The service leaves whoever has started it alone, and says so when it cannot run."""
+    kind = LdifFile
+
+    def begin(self):
+        # The end of its output is waited for, as a shell's $(dlmanager) does.
+        return subprocess.run([self.service.bin / "dlmanager"], env=self.service.env, stdin=subprocess.DEVNULL, capture_output=True, timeout=60,
+                              check=False)
+
+    def test_start_and_end(self):
+        done = self.begin()
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, b"", b""))
+        pid = self.service.pid()
+        self.assertEqual(os.getsid(pid), pid)
+        self.assertEqual({os.readlink(f"/proc/{pid}/fd/{fd}") for fd in range(3)}, {"/dev/null"})
+        done = self.begin()
+        self.assertEqual((done.returncode, done.stdout), (1, b""))
+        self.assertEqual(done.stderr.decode(), f'dlmanager: process {pid} runs under the name "dl" already\n')
+        self.assertEqual(self.service.pid(), pid)
+        # Impatience during the end changes nothing of it.
+        for _ in range(1000):
+            try:
+                os.kill(pid, signal.SIGTERM)
+            except ProcessLookupError:
+                break
+            time.sleep(0.001)
+        self.service.wait_for_end(pid)
+        wait_for("the last line", lambda: self.service.log()[-1][1] == "Terminating")
+        self.assertFalse((self.service.dir / "run/dl.pid").exists())
+        shutil.rmtree(self.service.dir / "run")
+        (self.service.dir / "run").write_text("no folder")
+        done = self.begin()
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr.decode(), "^dlmanager: cannot write .*/run/dl.pid: Not a directory\n$")
 
 
 class BigAndFull(Case):

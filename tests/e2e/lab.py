@@ -59,7 +59,7 @@ class Lab:
         self.smtp_port = free_port()
         self.env = {**os.environ, "MAIL_CONFIG": str(self.dir / "postfix"), "DLMANAGER_CONF": str(self.dir / "conf"),
                     "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "TMPDIR": str(self.dir / "tmp"),
-                    "ASAN_OPTIONS": "detect_leaks=0"}
+                    "ASAN_OPTIONS": f"detect_leaks=0:log_path={self.dir}/log/sanitizer"}
         for name in ("bin", "conf", "postfix", "log"):
             (self.dir / name).mkdir(parents=True)
         for name in ("spool", "data", "run", "tmp", "mail"):
@@ -240,7 +240,7 @@ smtpd_recipient_restrictions = permit_mynetworks, reject
         if self.dlmanager_pid():
             return
         entry = pwd.getpwnam(USER)
-        with open(self.dir / "log/dlmanager.out", "ab") as out:  # it keeps what it is given open
+        with open(self.dir / "log/dlmanager.out", "ab") as out:
             subprocess.run([self.dir / "bin/dlmanager"], env=self.env, cwd=self.dir, stdin=subprocess.DEVNULL, stdout=out,
                            stderr=out, user=entry.pw_uid, group=entry.pw_gid, extra_groups=[], check=True, timeout=60)
         status = self.dir / "run/dl.status"

@@ -46,7 +46,7 @@ class Service:
         for name in ("conf", "data", "run", "tmp"):
             (folder / name).mkdir(parents=True)
         self.env = {**os.environ, "DLMANAGER_CONF": str(folder / "conf"), "TMPDIR": str(folder / "tmp"),
-                    "ASAN_OPTIONS": "detect_leaks=0:quarantine_size_mb=1"}
+                    "ASAN_OPTIONS": f"detect_leaks=0:quarantine_size_mb=1:log_path={folder}/sanitizer"}
         (folder / "conf/qvmta.ini").write_text("[Ldap]\n" + directory.settings())
         (folder / "conf/qvms.conf").write_text(f"""[Ldap]
 {directory.settings()}[Connection]
@@ -73,7 +73,7 @@ File = {folder}/dlmanager.log
     def start(self):
         status = self.dir / "run/dl.status"
         status.unlink(missing_ok=True)
-        with open(self.dir / "dlmanager.out", "ab") as out:  # it keeps open what it is given
+        with open(self.dir / "dlmanager.out", "ab") as out:
             subprocess.run([self.bin / "dlmanager"], env=self.env, stdin=subprocess.DEVNULL, stdout=out, stderr=out, check=True, timeout=60)
         wait_for("dlmanager", lambda: self.pid() and status.exists() and "Running" in status.read_text())
 

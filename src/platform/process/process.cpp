@@ -151,7 +151,7 @@ int WriteProcessStatus(const char* name, const char* status)
 void RemoveProcessInfo(const char* name)
 {
     struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
+    action.sa_handler = SIG_IGN;
     if (signal_function.exchange(nullptr))
         for (const int signal : kSignals)
             (void)sigaction(signal, &action, nullptr);

@@ -33,8 +33,8 @@ struct ProcessInfo {
 // it could not be written.
 int WriteProcessStatus(const char* name, const char* status);
 
-// Removes both files and the name's claim, unless another process holds it. The signals go back to
-// their defaults.
+// Removes both files and the name's claim, unless another process holds it. The signals
+// are ignored from then on: a process that ends in good order is not ended twice.
 void RemoveProcessInfo(const char* name);
 
 // Sends `state` to systemd as it stands ("READY=1", "STOPPING=1") when NOTIFY_SOCKET is set.

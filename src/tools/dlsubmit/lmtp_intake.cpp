@@ -155,7 +155,7 @@ void Unregister()
 {
     RemoveProcessInfo(kName);
     for (const int signal : {SIGTERM, SIGINT, SIGUSR1})
-        (void)std::signal(signal, SIG_DFL);
+        (void)std::signal(signal, SIG_IGN);
 }
 
 void Serve(const std::string& channel, Listeners listeners)
