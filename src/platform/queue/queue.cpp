@@ -423,4 +423,11 @@ QueueChange MoveMQItem(unsigned long id, const std::string& from, const std::str
                                 : QueueChange::kFailed;
 }
 
+QueueChange ReleaseMQItem(unsigned long id)
+{
+    const std::shared_ptr<QueueBackend> queue = OpenedQueue();
+    return queue ? queue->Move(static_cast<std::uint32_t>(id), kHoldChannel, "")
+                 : QueueChange::kFailed;
+}
+
 }  // namespace dl

@@ -217,5 +217,8 @@ enum class QueueChange { kDone, kNotThere, kTaken, kFailed };
 [[nodiscard]] QueueChange RemoveMQItem(unsigned long id);
 [[nodiscard]] QueueChange MoveMQItem(unsigned long id, const std::string& from,
                                      const std::string& to);
+// Puts a held entry back into each channel that it was held from; one whose origin is not known
+// stays.
+[[nodiscard]] QueueChange ReleaseMQItem(unsigned long id);
 
 }  // namespace dl

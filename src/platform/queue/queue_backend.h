@@ -110,6 +110,7 @@ class QueueBackend
                       std::vector<QueueItem>* items) = 0;
     virtual bool Find(std::uint32_t id, std::vector<QueueItem>* items) = 0;
     virtual QueueChange Drop(std::uint32_t id) = 0;
+    // `to` empty: to where each was held from.
     virtual QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) = 0;
 };
 

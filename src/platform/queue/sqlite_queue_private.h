@@ -72,6 +72,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     QueueChange Move(std::uint32_t id, const std::string& from, const std::string& to) override;
 
  private:
+    bool MoveRows(std::uint32_t id, const std::string& from, const std::string& to);
     struct Reader {
         std::int64_t number;
         std::string channel;

@@ -119,6 +119,23 @@ QueueChange SqliteQueue::Drop(std::uint32_t id)
     return result;
 }
 
+// `to` empty: each row to where it was held from, if that is known.
+bool SqliteQueue::MoveRows(std::uint32_t id, const std::string& from, const std::string& to)
+{
+    const std::string origin = to == kHoldChannel ? from : std::string();
+    return Query(index_,
+                 "INSERT OR IGNORE INTO chan (channel, entry, priority, origin)"
+                 " SELECT CASE ?3 WHEN '' THEN origin ELSE ?3 END, entry, priority, ?4 FROM chan"
+                 " WHERE entry = ?1 AND channel = ?2 AND (?3 <> '' OR origin <> '')",
+                 id, from, to, origin)
+               .Done() &&
+           Query(index_,
+                 "DELETE FROM chan"
+                 " WHERE entry = ?1 AND channel = ?2 AND (?3 <> '' OR origin <> '')",
+                 id, from, to)
+               .Done();
+}
+
 QueueChange SqliteQueue::Move(std::uint32_t id, const std::string& from, const std::string& to)
 {
     if (!Usable())
@@ -130,23 +147,16 @@ QueueChange SqliteQueue::Move(std::uint32_t id, const std::string& from, const s
         int priority = 0;
         if (transaction.Begun())
             result = FindRows(id, &from, &priority);
-        const std::string origin = to == kHoldChannel ? from : std::string();
-        if (result == QueueChange::kDone &&
-            !(Query(index_, "DELETE FROM chan WHERE entry = ?1 AND channel = ?2", id, from)
-                  .Done() &&
-              Query(index_,
-                    "INSERT OR IGNORE INTO chan (channel, entry, priority, origin) VALUES (?1, ?2, "
-                    "?3, ?4)",
-                    to, id, priority, origin)
-                  .Done() &&
-              transaction.Commit()))
+        if (result == QueueChange::kDone && from != to &&
+            !(MoveRows(id, from, to) && transaction.Commit()))
             result = QueueChange::kFailed;
     }
     if (result == QueueChange::kDone)
         files_.TellNews();
     if (result == QueueChange::kFailed)
         Complain("Message %08X cannot be moved to channel %s of the message queue: %s",
-                 static_cast<unsigned>(id), to.c_str(), Cause().c_str());
+                 static_cast<unsigned>(id), to.empty() ? "of its origin" : to.c_str(),
+                 Cause().c_str());
     return result;
 }
 

@@ -51,7 +51,7 @@ constexpr std::pair<const char*, const char*> kExamples[] = {
     {"queue show", "  dlctl queue show 6B0175F2\n  dlctl queue show 6B0175F2 --message"},
     {"queue remove", "  dlctl queue remove 6B0175F2 6B0175F3"},
     {"queue hold", "  dlctl queue hold 6B0175F2"},
-    {"queue release", "  dlctl queue release 6B0175F2 --to dl"},
+    {"queue release", "  dlctl queue release 6B0175F2"},
     {"archive", "  dlctl archive rebuild garden@lists.example.org"},
     {"archive register",
      "  dlctl archive register board@lists.example.org anna@example.com --generate"},

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <memory>
 
+#include "platform/config/config.h"
 #include "platform/files/files.h"
 #include "platform/log/format.h"
 #include "platform/log/log.h"
@@ -23,6 +24,7 @@ struct QueueOptions {
     std::size_t limit = 0;
     bool json = false;
     bool message = false;
+    bool force = false;
 };
 
 bool OpenQueue()
@@ -65,7 +67,8 @@ Json ItemJson(const QueueItem& item)
             {"taken", item.taken},
             {"due", item.due > 0 ? Json(TimeText(item.due)) : Json()},
             {"tries", item.tries},
-            {"problem", item.problem}};
+            {"problem", item.problem},
+            {"held_from", item.origin.empty() ? Json() : Json(item.origin)}};
 }
 
 // What stands behind the sender in the list.
@@ -153,6 +156,8 @@ int Show(const QueueOptions& options)
         "id         %08lX\nchannel    %s\nclosed     %s\nbytes      %lld\nattempts   %d%s\n", id,
         item.channel.c_str(), TimeText(item.closed).c_str(), static_cast<long long>(item.bytes),
         item.attempts, item.taken ? " (taken)" : "");
+    if (!item.origin.empty())
+        std::printf("held from  %s\n", EscapeForLog(item.origin.c_str()).c_str());
     if (item.tries > 0)
         std::printf("tries      %d\ndue        %s\nproblem    %s\n", item.tries,
                     item.due > 0 ? TimeText(item.due).c_str() : "now",
@@ -183,26 +188,15 @@ int Explain(QueueChange change, unsigned long id, const char* done)
     return Complain(kExitFailed, "the queue could not be changed for %08lX", id);
 }
 
-// Where the message is, "dlhold" aside; empty when nowhere.
-std::string ChannelOf(unsigned long id)
-{
-    std::vector<QueueItem> items;
-    if (FindMQ(id, &items))
-        for (const QueueItem& item : items)
-            if (item.channel != kHoldChannel)
-                return item.channel;
-    return "";
-}
-
-template <typename Change>
-int ForEach(const QueueOptions& options, const char* done, Change change)
+template <typename Do>
+int ForEach(const QueueOptions& options, Do do_one)
 {
     int status = 0;
     if (!OpenQueue())
         return 1;
     for (const std::string& text : options.ids) {
         unsigned long id = 0;
-        const int result = ParseId(text, &id) ? Explain(change(id), id, done) : 1;
+        const int result = ParseId(text, &id) ? do_one(id) : 1;
         status = status == 0 ? result : status;
     }
     return status;
@@ -210,21 +204,73 @@ int ForEach(const QueueOptions& options, const char* done, Change change)
 
 int Remove(const QueueOptions& options)
 {
-    return ForEach(options, "removed", [](unsigned long id) { return RemoveMQItem(id); });
+    return ForEach(options,
+                   [](unsigned long id) { return Explain(RemoveMQItem(id), id, "removed"); });
+}
+
+QueueChange HoldAll(unsigned long id)
+{
+    std::vector<QueueItem> items;
+    if (!FindMQ(id, &items))
+        return QueueChange::kFailed;
+    QueueChange result = QueueChange::kNotThere;
+    for (const QueueItem& item : items) {
+        if (item.channel == kHoldChannel)
+            continue;
+        const QueueChange change = MoveMQItem(id, item.channel, kHoldChannel);
+        if (result == QueueChange::kNotThere || change != QueueChange::kDone)
+            result = change;
+    }
+    return result;
 }
 
 int Hold(const QueueOptions& options)
 {
-    return ForEach(options, "held", [](unsigned long id) {
-        const std::string channel = ChannelOf(id);
-        return channel.empty() ? QueueChange::kNotThere : MoveMQItem(id, channel, kHoldChannel);
-    });
+    return ForEach(options, [](unsigned long id) { return Explain(HoldAll(id), id, "held"); });
+}
+
+// Whether a program of this site takes messages from the channel.
+bool IsServed(const std::string& channel)
+{
+    return channel == kInputChannel ||
+           channel == GetPrivateProfileString("Relay", "Channel", kOutputChannel, 64, kMainConfig);
+}
+
+// What speaks against putting the held message back where it was; empty when nothing does.
+std::string WhyNotBack(unsigned long id)
+{
+    std::vector<QueueItem> items;
+    if (!FindMQ(id, &items))
+        return "the queue cannot be read";
+    for (const QueueItem& item : items) {
+        if (item.channel != kHoldChannel)
+            continue;
+        if (item.origin.empty())
+            return "it is not known where it was held from; give --to CHANNEL";
+        if (!IsServed(item.origin))
+            return "it was held from channel " + EscapeForLog(item.origin.c_str()) +
+                   ", which no program serves; give --to CHANNEL, and --force for that one";
+    }
+    return "";
+}
+
+int ReleaseOne(unsigned long id, const QueueOptions& options)
+{
+    if (!options.to.empty())
+        return Explain(MoveMQItem(id, kHoldChannel, options.to), id, "released");
+    if (const std::string problem = WhyNotBack(id); !problem.empty())
+        return Complain(kExitFailed, "%08lX stays: %s", id, problem.c_str());
+    return Explain(ReleaseMQItem(id), id, "released");
 }
 
 int Release(const QueueOptions& options)
 {
-    return ForEach(options, "released",
-                   [&](unsigned long id) { return MoveMQItem(id, kHoldChannel, options.to); });
+    if (options.to == kHoldChannel)
+        return Complain(kExitFailed, "%s is where they are", kHoldChannel);
+    if (!options.to.empty() && !options.force && !IsServed(options.to))
+        return Complain(kExitFailed, "no program serves channel %s; --force puts it there",
+                        EscapeForLog(options.to.c_str()).c_str());
+    return ForEach(options, [&](unsigned long id) { return ReleaseOne(id, options); });
 }
 
 }  // namespace
@@ -257,7 +303,8 @@ void AddQueueCommands(CLI::App* program, int* status)
 
     CLI::App* release = queue->add_subcommand("release", "Put held messages back");
     release->add_option("id", options->ids, "Identifiers, hexadecimal")->required();
-    release->add_option("--to", options->to, "Channel (default dl)")->default_val("dl");
+    release->add_option("--to", options->to, "Channel (default: where it was held from)");
+    release->add_flag("--force", options->force, "Into a channel that no program serves");
     release->callback([=] { *status = Release(*options); });
 }
 
