@@ -68,9 +68,9 @@ struct EditPlan {
 };
 [[nodiscard]] EditPlan FindEdits(const MimeMessage& message, const Disclaimers& disclaimers);
 
-// splice.cpp. Copies `fd` with the splices applied over `path`, whose mode stays. False: `path` is
-// as it was.
-[[nodiscard]] bool ApplySplices(int fd, std::int64_t size, const std::vector<Splice>& splices,
+// splice.cpp. Copies `file` with the splices applied over `path`, whose mode stays. False: `path`
+// is as it was.
+[[nodiscard]] bool ApplySplices(const RawFile& file, const std::vector<Splice>& splices,
                                 const std::string& path);
 
 }  // namespace dl

@@ -41,8 +41,8 @@ class EditFinder
     {
         std::string start;
         const LineScanner::Line first =
-            LineScanner(message.fd, 0, message.size).Next().value_or(LineScanner::Line{});
-        if (ReadAt(message.fd, std::max<std::int64_t>(first.end - 2, 0), first.end, &start))
+            LineScanner(message.file, 0, message.file.Size()).Next().value_or(LineScanner::Line{});
+        if (message.file.ReadAt(std::max<std::int64_t>(first.end - 2, 0), first.end, &start))
             eol_ = start == "\r\n" ? "\r\n" : "\n";
     }
 
@@ -99,8 +99,8 @@ class EditFinder
             return "it is too large";
         held_ += size;
         std::string header;
-        if (!ReadAt(message_.fd, begin, body->from, &header) ||
-            !ReadAt(message_.fd, body->from, body->to, &facts->body))
+        if (!message_.file.ReadAt(begin, body->from, &header) ||
+            !message_.file.ReadAt(body->from, body->to, &facts->body))
             return "it cannot be read";
         if (const char* reason = ReadPartHeader(header, begin, &facts->header))
             return reason;
@@ -121,7 +121,7 @@ class EditFinder
     {
         if (lost_headers_ >= kMaxLostHeaders)
             return -1;
-        const std::int64_t begin = HeaderBegin(message_.fd, body, Boundary(*part.parent));
+        const std::int64_t begin = HeaderBegin(message_.file, body, Boundary(*part.parent));
         if (begin < 0)
             ++lost_headers_;
         return begin;

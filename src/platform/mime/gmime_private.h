@@ -1,8 +1,8 @@
 // The parsed message behind mime.h, for the files of this folder only.
 //
 // A MimeMessage owns GMime's tree, the open file and a tree of MimeParts over it. Bodies stay in
-// the file: GMime knows their offsets, and every reader here uses pread on the same descriptor. The
-// tree stops at kMaxDepth; a deeper part has no sub-parts here, whatever the message says.
+// the file: GMime knows their offsets, and every reader here reads the file. The tree stops at
+// kMaxDepth; a deeper part has no sub-parts here, whatever the message says.
 #pragma once
 
 #include <gmime/gmime.h>
@@ -11,9 +11,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/mime/mime.h"
+#include "platform/mime/raw_bytes.h"
 
 namespace dl
 {
@@ -48,10 +50,10 @@ class MimePart
 class MimeMessage
 {
  public:
-    GObjectPtr<GMimeStream> stream;  // closes `fd`
+    explicit MimeMessage(const std::string& path) : file(path) {}
+
+    RawFile file;  // outlives all that reads it
     GObjectPtr<GMimeMessage> gmime;
-    int fd = -1;
-    std::int64_t size = 0;
     double version = 0;
     std::unique_ptr<MimePart> top;
 };
@@ -67,9 +69,29 @@ struct ByteRange {
 };
 // The raw body of a leaf, without the line end that belongs to the boundary.
 [[nodiscard]] std::optional<ByteRange> LeafBody(const MimePart& part);
-// The body of `part` as a stream that gives it with its transfer encoding undone, of a multipart or
-// message part the raw body; null when its place is not known.
-[[nodiscard]] GObjectPtr<GMimeStream> OpenBody(const MimePart& part);
+
+// Reads the body of a part with its transfer encoding undone, of a multipart or message part the
+// raw body. The end of a body and an error are different things: after the last block, Failed()
+// says which of them it was.
+class BodyReader
+{
+ public:
+    explicit BodyReader(const MimePart& part);
+
+    // The next bytes, at least one, valid until the next call; none at the end and on an error.
+    [[nodiscard]] std::optional<std::string_view> Next();
+    // Whether the place of the body is not known, or the file could not be read.
+    [[nodiscard]] bool Failed() const { return !range_ || file_.Failed(); }
+
+ private:
+    std::string_view Decode(bool last);
+
+    const RawFile& file_;
+    std::optional<ByteRange> range_;  // what has not been read yet
+    GObjectPtr<GMimeFilter> decoder_;
+    std::string block_;
+    bool done_ = false;
+};
 // The boundary of a multipart; empty when it has none.
 [[nodiscard]] std::string Boundary(const MimePart& part);
 

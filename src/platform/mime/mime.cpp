@@ -1,13 +1,11 @@
 #include "platform/mime/mime.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <charconv>
 #include <string_view>
 
 #include "platform/mime/gmime_private.h"
+#include "platform/mime/message_stream_private.h"
 #include "platform/mime/raw_bytes.h"
 
 namespace dl
@@ -163,27 +161,24 @@ int MimeParseMessage(const std::string& path, int /*mode*/, MimeMessagePtr* mess
 {
     message->reset();
     StartGMime();
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0)
+    auto parsed = std::make_unique<MimeMessage>(path);
+    const RawFile& file = parsed->file;
+    if (!file.IsOpen())
         return kMimeCannotRead;
-    MimeMessagePtr parsed(new MimeMessage);
-    parsed->stream.reset(g_mime_stream_fs_new(fd));
-    parsed->fd = fd;
-    struct stat status {
-    };
-    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+    const bool too_many = CountDashLines(file, kMaxDelimiterLines) >= kMaxDelimiterLines;
+    if (!too_many) {
+        const GObjectPtr<GMimeStream> stream(NewMessageStream(file));
+        parsed->gmime = ParseStream(stream.get());
+    }
+    if (file.Failed())
         return kMimeCannotRead;
-    parsed->size = status.st_size;
-    if (CountDashLines(fd, parsed->size, kMaxDelimiterLines) >= kMaxDelimiterLines)
-        return kMimeNoMessage;
-    parsed->gmime = ParseStream(parsed->stream.get());
     GMimeObject* top = parsed->gmime ? g_mime_message_get_mime_part(parsed->gmime.get()) : nullptr;
     if (!top)
         return kMimeNoMessage;
     parsed->version =
         ParseVersion(g_mime_object_get_header(GMIME_OBJECT(parsed->gmime.get()), "MIME-Version"));
     parsed->top = MakePart(parsed.get(), nullptr, top, 0);
-    *message = std::move(parsed);
+    message->reset(parsed.release());
     return 0;
 }
 

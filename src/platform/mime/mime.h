@@ -2,7 +2,8 @@
 //
 // MimeParseMessage gives a message to be freed by MimeFreeMessage (its destructor); parts live as
 // long as their message. AutoInsertForDL puts a list's disclaimers into a queued message. Nothing
-// here throws; what cannot be read is a negative result or null. One thread per message.
+// here throws; what cannot be read is a negative result or null, never a shorter text. Faults of
+// the machine are noted (files/machine_fault.h). One thread per message.
 #pragma once
 
 #include <cstdint>

@@ -10,6 +10,8 @@ namespace dl
 namespace
 {
 
+constexpr std::int64_t kBlock = 16384;
+
 // Where the first header line of `object` stands; -1 when it has none in the file.
 std::int64_t FirstHeader(GMimeObject* object)
 {
@@ -24,9 +26,9 @@ std::int64_t RawBegin(const MimePart& part)
 {
     const MimeMessage& message = *part.message;
     if (!part.parent)
-        return BehindEmptyLine(message.fd, 0, message.size);
+        return BehindEmptyLine(message.file, 0, message.file.Size());
     if (const std::int64_t header = FirstHeader(part.object); header >= 0)
-        return BehindEmptyLine(message.fd, header, message.size);
+        return BehindEmptyLine(message.file, header, message.file.Size());
     // A part of a digest needs no header: its body begins where the message in it does.
     if (!GMIME_IS_MESSAGE_PART(part.object))
         return -1;
@@ -38,7 +40,7 @@ std::int64_t RawBegin(const MimePart& part)
 std::optional<ByteRange> RawBody(const MimePart& part)
 {
     const MimeMessage& message = *part.message;
-    ByteRange range{RawBegin(part), message.size};
+    ByteRange range{RawBegin(part), message.file.Size()};
     if (range.from < 0)
         return std::nullopt;
     std::vector<std::string> boundaries;
@@ -46,34 +48,35 @@ std::optional<ByteRange> RawBody(const MimePart& part)
         boundaries.push_back(Boundary(*above));
     if (boundaries.empty())
         return range;
-    range.to = FindDelimiter(message.fd, range.from, message.size, boundaries);
+    range.to = FindDelimiter(message.file, range.from, range.to, boundaries);
     std::string before;
-    if (range.to < message.size &&
-        ReadAt(message.fd, std::max(range.to - 2, range.from), range.to, &before))
+    if (range.to < message.file.Size() &&
+        message.file.ReadAt(std::max(range.to - 2, range.from), range.to, &before))
         range.to -= before.ends_with("\r\n") ? 2 : before.ends_with('\n') ? 1 : 0;
     return range;
 }
 
-// Copies the wanted bytes of `source` into `out`.
-bool CopyBody(GMimeStream* source, std::int64_t from, std::int64_t length, FileWriter* out)
+// Copies the wanted bytes of the body into `out`.
+bool CopyBody(BodyReader* body, std::int64_t from, std::int64_t length, FileWriter* out)
 {
-    char block[16384];
     std::int64_t skip = std::max<std::int64_t>(from, 0);
     for (std::int64_t left = length; left != 0;) {
-        const ssize_t got = g_mime_stream_read(source, block, sizeof block);
-        if (got <= 0)
+        const auto block = body->Next();
+        if (!block)
             break;
-        const std::int64_t dropped = std::min<std::int64_t>(skip, got);
+        const auto size = static_cast<std::int64_t>(block->size());
+        const std::int64_t dropped = std::min(skip, size);
         skip -= dropped;
-        std::int64_t taken = got - dropped;
+        std::int64_t taken = size - dropped;
         if (left >= 0) {
             taken = std::min(taken, left);
             left -= taken;
         }
-        if (!out->Write({block + dropped, static_cast<std::size_t>(taken)}))
+        if (!out->Write(
+                block->substr(static_cast<std::size_t>(dropped), static_cast<std::size_t>(taken))))
             return false;
     }
-    return true;
+    return !body->Failed();
 }
 
 }  // namespace
@@ -85,36 +88,54 @@ std::optional<ByteRange> LeafBody(const MimePart& part)
     const GMimeStream* stream = content ? g_mime_data_wrapper_get_stream(content) : nullptr;
     if (!stream || stream->bound_start < 0)
         return std::nullopt;
-    const std::int64_t end = stream->bound_end < 0 ? part.message->size : stream->bound_end;
+    const std::int64_t end = stream->bound_end < 0 ? part.message->file.Size() : stream->bound_end;
     return ByteRange{stream->bound_start, std::max<std::int64_t>(end, stream->bound_start)};
 }
 
-GObjectPtr<GMimeStream> OpenBody(const MimePart& part)
+BodyReader::BodyReader(const MimePart& part)
+    : file_(part.message->file), range_(GMIME_IS_PART(part.object) ? LeafBody(part) : RawBody(part))
 {
-    const std::optional<ByteRange> range =
-        GMIME_IS_PART(part.object) ? LeafBody(part) : RawBody(part);
-    if (!range)
-        return nullptr;
-    GObjectPtr<GMimeStream> raw(g_mime_stream_substream(part.message->stream.get(), range->from,
-                                                        std::max(range->from, range->to)));
-    g_mime_stream_reset(raw.get());
-    if (!GMIME_IS_PART(part.object))
-        return raw;
-    GObjectPtr<GMimeStream> decoded(g_mime_stream_filter_new(raw.get()));
-    const GObjectPtr<GMimeFilter> decoder(
-        g_mime_filter_basic_new(g_mime_part_get_content_encoding(GMIME_PART(part.object)), FALSE));
-    g_mime_stream_filter_add(GMIME_STREAM_FILTER(decoded.get()), decoder.get());
-    return decoded;
+    if (GMIME_IS_PART(part.object))
+        decoder_.reset(g_mime_filter_basic_new(
+            g_mime_part_get_content_encoding(GMIME_PART(part.object)), FALSE));
+}
+
+std::optional<std::string_view> BodyReader::Next()
+{
+    while (range_ && !done_) {
+        const std::int64_t end = std::min(range_->to, range_->from + kBlock);
+        if (!file_.ReadAt(range_->from, end, &block_))
+            break;
+        range_->from = std::max(range_->from, end);
+        done_ = range_->from >= range_->to;
+        if (const std::string_view bytes = Decode(done_); !bytes.empty())
+            return bytes;
+    }
+    return std::nullopt;
+}
+
+std::string_view BodyReader::Decode(bool last)
+{
+    if (!decoder_)
+        return block_;
+    char* bytes = nullptr;
+    std::size_t size = 0;
+    std::size_t room = 0;
+    const auto step = last ? g_mime_filter_complete : g_mime_filter_filter;
+    step(decoder_.get(), block_.data(), block_.size(), 0, &bytes, &size, &room);
+    return {bytes, size};
 }
 
 std::string MimeGetBody(const MimePart* part, std::int64_t from, std::int64_t length)
 {
-    const GObjectPtr<GMimeStream> body = part ? OpenBody(*part) : nullptr;
-    std::string name = body ? KVTGetTempFileName(nullptr, "dl") : "";
+    if (!part)
+        return "";
+    BodyReader body(*part);
+    std::string name = body.Failed() ? "" : KVTGetTempFileName(nullptr, "dl");
     if (name.empty())
         return name;
     FileWriter out(name, "wb");
-    const bool copied = out.IsOpen() && CopyBody(body.get(), from, length, &out);
+    const bool copied = out.IsOpen() && CopyBody(&body, from, length, &out);
     if (!out.Close() || !copied)
         MimeFreeFile(&name);
     return name;

@@ -1,9 +1,13 @@
 #include "platform/mime/raw_bytes.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "platform/files/machine_fault.h"
 
 namespace dl
 {
@@ -22,27 +26,55 @@ bool IsEmptyLine(std::string_view line)
 
 }  // namespace
 
-bool ReadAt(int fd, std::int64_t from, std::int64_t to, std::string* bytes)
+RawFile::RawFile(const std::string& path)
+    : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK))
 {
-    bytes->resize(static_cast<std::size_t>(std::max<std::int64_t>(to - from, 0)));
-    std::size_t done = 0;
-    while (done < bytes->size()) {
-        const ssize_t got = pread(fd, bytes->data() + done, bytes->size() - done,
-                                  from + static_cast<std::int64_t>(done));
+    struct stat status {
+    };
+    if (fd_ < 0 || fstat(fd_, &status) != 0) {
+        NoteMachineFault(errno);
+        return;
+    }
+    size_ = status.st_size;
+    mode_ = status.st_mode & 07777;
+    open_ = S_ISREG(status.st_mode);
+}
+
+RawFile::~RawFile()
+{
+    if (fd_ >= 0)
+        close(fd_);
+}
+
+bool RawFile::Read(std::int64_t from, char* bytes, std::size_t size) const
+{
+    for (std::size_t done = 0; done < size;) {
+        const ssize_t got =
+            pread(fd_, bytes + done, size - done, from + static_cast<std::int64_t>(done));
         if (got < 0 && errno == EINTR)
             continue;
-        if (got <= 0)
+        if (got < 0)
+            NoteMachineFault(errno);
+        if (got <= 0) {
+            failed_ = true;
             return false;
+        }
         done += static_cast<std::size_t>(got);
     }
     return true;
+}
+
+bool RawFile::ReadAt(std::int64_t from, std::int64_t to, std::string* bytes) const
+{
+    bytes->resize(static_cast<std::size_t>(std::max<std::int64_t>(to - from, 0)));
+    return Read(from, bytes->data(), bytes->size());
 }
 
 bool LineScanner::Fill()
 {
     const std::int64_t end = std::min(to_, read_ + kBlock);
     used_ = 0;
-    if (end <= read_ || !ReadAt(fd_, read_, end, &buffer_)) {
+    if (end <= read_ || !file_.ReadAt(read_, end, &buffer_)) {
         buffer_.clear();
         return false;
     }
@@ -75,9 +107,9 @@ std::optional<LineScanner::Line> LineScanner::Next()
     return line;
 }
 
-std::int64_t CountDashLines(int fd, std::int64_t size, std::int64_t limit)
+std::int64_t CountDashLines(const RawFile& file, std::int64_t limit)
 {
-    LineScanner lines(fd, 0, size);
+    LineScanner lines(file, 0, file.Size());
     std::int64_t count = 0;
     while (count < limit) {
         const auto line = lines.Next();
@@ -89,9 +121,9 @@ std::int64_t CountDashLines(int fd, std::int64_t size, std::int64_t limit)
     return count;
 }
 
-std::int64_t BehindEmptyLine(int fd, std::int64_t from, std::int64_t to)
+std::int64_t BehindEmptyLine(const RawFile& file, std::int64_t from, std::int64_t to)
 {
-    LineScanner lines(fd, from, to);
+    LineScanner lines(file, from, to);
     while (const auto line = lines.Next())
         if (IsEmptyLine(line->start))
             return line->end;
@@ -108,10 +140,10 @@ bool IsDelimiter(std::string_view line, std::string_view boundary)
     return rest.find_first_not_of(" \t\r\n") == std::string_view::npos;
 }
 
-std::int64_t FindDelimiter(int fd, std::int64_t from, std::int64_t to,
+std::int64_t FindDelimiter(const RawFile& file, std::int64_t from, std::int64_t to,
                            const std::vector<std::string>& boundaries)
 {
-    LineScanner lines(fd, from, to);
+    LineScanner lines(file, from, to);
     while (const auto line = lines.Next())
         for (const std::string& boundary : boundaries)
             if (IsDelimiter(line->start, boundary))
@@ -119,13 +151,13 @@ std::int64_t FindDelimiter(int fd, std::int64_t from, std::int64_t to,
     return to;
 }
 
-std::int64_t HeaderBegin(int fd, std::int64_t body, const std::string& boundary)
+std::int64_t HeaderBegin(const RawFile& file, std::int64_t body, const std::string& boundary)
 {
     const std::string delimiter = "--" + boundary;
     std::string bytes;
     for (std::int64_t window = 4096;; window *= 4) {
         const std::int64_t from = std::max<std::int64_t>(body - window, 0);
-        if (!ReadAt(fd, from, body, &bytes))
+        if (!file.ReadAt(from, body, &bytes))
             return -1;
         for (std::size_t at = bytes.rfind(delimiter); at != std::string::npos;
              at = at == 0 ? std::string::npos : bytes.rfind(delimiter, at - 1)) {

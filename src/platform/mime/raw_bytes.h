@@ -2,9 +2,12 @@
 // 2046, 5.1.1).
 //
 // Everything reads with pread in blocks and holds no more than a block and the start of a line,
-// whatever the file's size. -1 and false stand for "not there" and for a read error alike: the
-// caller leaves the message alone in both.
+// whatever the file's size. A search that ends at a read error gives what it gives when it finds
+// nothing; the file remembers the error, so whoever uses a result asks Failed() once at the end.
+// Faults of the machine are noted (files/machine_fault.h). Nothing here logs. One thread per file.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <optional>
@@ -14,6 +17,33 @@
 
 namespace dl
 {
+
+// A regular file that is open for reading.
+class RawFile
+{
+ public:
+    explicit RawFile(const std::string& path);
+    ~RawFile();
+    RawFile(const RawFile&) = delete;
+    RawFile& operator=(const RawFile&) = delete;
+
+    [[nodiscard]] bool IsOpen() const { return open_; }
+    [[nodiscard]] std::int64_t Size() const { return size_; }  // when it was opened
+    [[nodiscard]] mode_t Mode() const { return mode_; }        // permissions
+    // Reads exactly `size` bytes at `from`. False on a read error and when the file is shorter.
+    [[nodiscard]] bool Read(std::int64_t from, char* bytes, std::size_t size) const;
+    // All bytes of [from, to).
+    [[nodiscard]] bool ReadAt(std::int64_t from, std::int64_t to, std::string* bytes) const;
+    // Whether a read has failed since the file was opened.
+    [[nodiscard]] bool Failed() const { return failed_; }
+
+ private:
+    int fd_ = -1;
+    bool open_ = false;
+    std::int64_t size_ = 0;
+    mode_t mode_ = 0;
+    mutable bool failed_ = false;
+};
 
 // Reads the lines of [from, to), however long they are.
 class LineScanner
@@ -26,8 +56,8 @@ class LineScanner
     };
     static constexpr std::size_t kStart = 1024;
 
-    LineScanner(int fd, std::int64_t from, std::int64_t to)
-        : fd_(fd), next_(from), read_(from), to_(to)
+    LineScanner(const RawFile& file, std::int64_t from, std::int64_t to)
+        : file_(file), next_(from), read_(from), to_(to)
     {
     }
     [[nodiscard]] std::optional<Line> Next();
@@ -35,7 +65,7 @@ class LineScanner
  private:
     bool Fill();
 
-    int fd_;
+    const RawFile& file_;
     std::int64_t next_;  // where the next line begins
     std::int64_t read_;  // how far the file has been read
     std::int64_t to_;
@@ -44,19 +74,18 @@ class LineScanner
     std::string start_;
 };
 
-// All bytes of [from, to).
-[[nodiscard]] bool ReadAt(int fd, std::int64_t from, std::int64_t to, std::string* bytes);
 // Number of lines that begin with "--", counted up to `limit`.
-[[nodiscard]] std::int64_t CountDashLines(int fd, std::int64_t size, std::int64_t limit);
+[[nodiscard]] std::int64_t CountDashLines(const RawFile& file, std::int64_t limit);
 // The first byte behind the first empty line of [from, to).
-[[nodiscard]] std::int64_t BehindEmptyLine(int fd, std::int64_t from, std::int64_t to);
+[[nodiscard]] std::int64_t BehindEmptyLine(const RawFile& file, std::int64_t from, std::int64_t to);
 // Where the first delimiter line of one of `boundaries` in [from, to) begins; `to` when there is
 // none.
-[[nodiscard]] std::int64_t FindDelimiter(int fd, std::int64_t from, std::int64_t to,
+[[nodiscard]] std::int64_t FindDelimiter(const RawFile& file, std::int64_t from, std::int64_t to,
                                          const std::vector<std::string>& boundaries);
 // Where the header of the part begins whose body is at `body`: behind the last delimiter line of
 // `boundary` before it.
-[[nodiscard]] std::int64_t HeaderBegin(int fd, std::int64_t body, const std::string& boundary);
+[[nodiscard]] std::int64_t HeaderBegin(const RawFile& file, std::int64_t body,
+                                       const std::string& boundary);
 // Whether `line` is a delimiter or close-delimiter line of `boundary`.
 [[nodiscard]] bool IsDelimiter(std::string_view line, std::string_view boundary);
 

@@ -52,14 +52,13 @@ bool IsBodyText(const MimePart& part, const std::string& type)
 // The first kMaxTextBytes of the decoded body; `cut` says whether there is more.
 std::string ReadBody(const MimePart& part, bool* cut)
 {
-    const GObjectPtr<GMimeStream> body = OpenBody(part);
+    BodyReader body(part);
     std::string bytes;
-    char block[16384];
-    while (body && bytes.size() <= Posting::kMaxTextBytes) {
-        const ssize_t got = g_mime_stream_read(body.get(), block, sizeof block);
-        if (got <= 0)
+    while (bytes.size() <= Posting::kMaxTextBytes) {
+        const auto block = body.Next();
+        if (!block)
             break;
-        bytes.append(block, static_cast<std::size_t>(got));
+        bytes.append(*block);
     }
     *cut = bytes.size() > Posting::kMaxTextBytes;
     if (*cut)
@@ -253,25 +252,18 @@ std::unique_ptr<PostingFile> PostingFile::Read(const std::string& path)
     ReadPostingHeader(message, &posting);
     Collector(&posting, &file->parts_->attachments).Take(*message.top, true);
     posting.identity = Identity(posting);
-    return file;
+    return message.file.Failed() ? nullptr : std::move(file);
 }
 
 bool PostingFile::WriteAttachment(std::size_t index, FileWriter* out) const
 {
     if (index >= parts_->attachments.size())
         return false;
-    const GObjectPtr<GMimeStream> body = OpenBody(*parts_->attachments[index]);
-    char block[16384];
-    while (body) {
-        const ssize_t got = g_mime_stream_read(body.get(), block, sizeof block);
-        if (got < 0)
+    BodyReader body(*parts_->attachments[index]);
+    while (const auto block = body.Next())
+        if (!out->Write(*block))
             return false;
-        if (got == 0)
-            return true;
-        if (!out->Write({block, static_cast<std::size_t>(got)}))
-            return false;
-    }
-    return false;
+    return !body.Failed();
 }
 
 }  // namespace dl

@@ -61,7 +61,8 @@ struct Posting {
 class PostingFile
 {
  public:
-    // Null when the file cannot be read or holds no message.
+    // Null when the file cannot be read, in all its parts that are wanted, or holds no message.
+    // Faults of the machine are noted (files/machine_fault.h), here and below.
     [[nodiscard]] static std::unique_ptr<PostingFile> Read(const std::string& path);
     ~PostingFile();
 

@@ -1,0 +1,27 @@
+// While it lives, the process can open no file: it has used up its descriptors.
+#pragma once
+
+#include <sys/resource.h>
+
+namespace dl::testing
+{
+
+class NoDescriptors
+{
+ public:
+    NoDescriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        rlimit none = before_;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+    rlimit before_{};
+};
+
+}  // namespace dl::testing
