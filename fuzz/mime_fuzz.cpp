@@ -1,18 +1,25 @@
-// A message of any bytes: it is parsed, every body is read, disclaimers are put in. The result must
-// have the same parts: an insertion that makes, ends or hides a part would be a way to smuggle one
-// past the list.
+// A message of any bytes: it is parsed from file and memory, every body is read, disclaimers are
+// put in. The result must have the same parts: an insertion that makes, ends or hides a part would
+// be a way to smuggle one past the list. What the parser is shown must have the message's length
+// and lines, however the message comes in pieces.
 //
 //     build/fuzz/bin/mime_fuzz CORPUS tests/data/mime
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
+#include "platform/files/files.h"
 #include "platform/log/log.h"
+#include "platform/mime/bounded_view.h"
 #include "platform/mime/mime.h"
+#include "platform/mime/read_posting.h"
+#include "platform/mime/rfc822.h"
 
 namespace
 {
@@ -47,7 +54,7 @@ struct Folder {
     }
     ~Folder()
     {
-        for (const char* name : {"d.txt", "d.html", "a.txt", "m.msg", ""})
+        for (const char* name : {"d.txt", "d.html", "a.txt", "m.msg", "p.bin", ""})
             (void)std::remove((path + name).c_str());
     }
     std::string path;
@@ -77,12 +84,55 @@ std::string ShapeOf(const std::string& file, bool bodies)
     return Shape(dl::MimeGetMsg(message.get(), 0), bodies);
 }
 
+std::string Bounded(std::string bytes, std::size_t piece)
+{
+    dl::BoundedView view(static_cast<std::int64_t>(bytes.size()));
+    for (std::size_t at = 0, end = 0; at < bytes.size();) {
+        end = std::min(end + piece, bytes.size());
+        at += view.Bound(bytes.data() + at, end - at, end == bytes.size());
+    }
+    return bytes;
+}
+
+void CheckView(const std::string& message)
+{
+    const std::string seen = Bounded(message, message.size() + 1);
+    if (seen != Bounded(message, 7))
+        std::abort();
+    for (std::size_t i = 0; i < message.size(); ++i)
+        if ((seen[i] == '\n') != (message[i] == '\n'))
+            std::abort();
+}
+
+void ReadPosting(const std::string& file, const std::string& out)
+{
+    const auto posting = dl::PostingFile::Read(file);
+    for (std::size_t i = 0; posting && i < posting->Get().attachments.size(); ++i) {
+        dl::FileWriter writer(out, "wb");
+        (void)posting->WriteAttachment(i, &writer);  // a part may have no body
+    }
+}
+
+void ReadForStore(std::string_view message)
+{
+    const std::size_t end = std::min(message.find("\r\n\r\n"), message.size());
+    dl::mail_envelope envelope;
+    dl::mail_body body;
+    (void)dl::rfc822_parse_msg_full(&envelope, &body, message.substr(0, end), {message.substr(end)},
+                                    "host");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static const Folder folder;
     const std::string file = folder.path + "m.msg";
+    const std::string message(reinterpret_cast<const char*>(data), size);
+    CheckView(message);
+    ReadForStore(message);
+    Save(file, data, size);
+    ReadPosting(file, folder.path + "p.bin");
     for (const char* text : {"d.txt", "a.txt"}) {
         Save(file, data, size);
         const std::string before = ShapeOf(file, text[0] == 'd');

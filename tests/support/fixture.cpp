@@ -191,6 +191,23 @@ std::vector<DataBlock> ReadBlocks(const std::string& file)
     return blocks;
 }
 
+namespace
+{
+
+// The '}' of a repeated text, behind those of texts repeated within it.
+std::size_t EndOfRepeated(std::string_view text, std::size_t at)
+{
+    for (int depth = 0; at < text.size(); ++at) {
+        if (text.substr(at).starts_with("\\{"))
+            ++depth;
+        else if (text[at] == '}' && depth-- == 0)
+            break;
+    }
+    return at;
+}
+
+}  // namespace
+
 std::string Unescaped(std::string_view text)
 {
     static const std::map<char, char> kLetters = {
@@ -205,7 +222,7 @@ std::string Unescaped(std::string_view text)
             at += 4;
         } else if (letter == '{') {
             const std::size_t blank = text.find(' ', at);
-            const std::size_t end = text.find('}', blank);
+            const std::size_t end = EndOfRepeated(text, blank);
             const std::string part = Unescaped(text.substr(blank + 1, end - blank - 1));
             for (int i = std::stoi(std::string(text.substr(at + 2))); i > 0; --i)
                 out += part;

@@ -62,6 +62,7 @@ bool Run(iconv_t converter, std::string_view bytes, std::string* result)
     char block[8192];
     char* in = const_cast<char*>(bytes.data());  // iconv reads only
     std::size_t left = bytes.size();
+    result->reserve(2 * bytes.size());  // growing would take three times as much for a moment
     for (bool flushing = false;;) {
         char* out = block;
         std::size_t room = sizeof block;

@@ -55,7 +55,7 @@ struct TextPart {
 // rewrite_part.cpp. The edit that gives `part` the decoded body `bytes`. With `utf8` the body is
 // UTF-8 and the charset parameter is made to say so. A 7bit body becomes quoted-printable, one with
 // a line that is too long too.
-[[nodiscard]] Edit RewritePart(const TextPart& part, std::string_view bytes, bool utf8);
+[[nodiscard]] Edit RewritePart(const TextPart& part, std::string bytes, bool utf8);
 // The part's decoded body converted to UTF-8; a reason when it cannot be.
 [[nodiscard]] const char* BodyAsUtf8(const TextPart& part, const std::string& decoded,
                                      std::string* utf8);

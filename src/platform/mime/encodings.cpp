@@ -35,6 +35,7 @@ bool IsBlank(char c)
 Decoded DecodeQuoted(std::string_view raw)
 {
     Decoded out;
+    out.bytes.reserve(raw.size());
     for (std::size_t at = 0; at < raw.size();) {
         std::size_t end = raw.find('\n', at);
         const bool feed = end != std::string_view::npos;
@@ -69,39 +70,46 @@ Decoded DecodeQuoted(std::string_view raw)
     return out;
 }
 
-std::string EncodeQuotedLine(std::string_view line, std::string_view eol)
+bool IsPlainQuoted(char c)
 {
-    std::string out;
+    return (c > ' ' && c < 127 && c != '=') || IsBlank(c);
+}
+
+// Appends one line without its end.
+void EncodeQuotedLine(std::string_view line, std::string_view eol, std::string* out)
+{
     std::size_t column = 0;
     for (std::size_t i = 0; i < line.size(); ++i) {
         const auto byte = static_cast<unsigned char>(line[i]);
         const bool last = i + 1 == line.size();
-        const bool plain = (byte > ' ' && byte < 127 && byte != '=') || (IsBlank(line[i]) && !last);
+        const bool plain = IsPlainQuoted(line[i]) && !(last && IsBlank(line[i]));
         const std::size_t width = plain ? 1 : 3;
         if (column + width > kEncodedLine - (last ? 0 : 1)) {
-            out += '=';
-            out += eol;
+            *out += '=';
+            *out += eol;
             column = 0;
         }
         if (plain) {
-            out += line[i];
+            *out += line[i];
         } else {
-            out += '=';
-            out += kHex[byte >> 4];
-            out += kHex[byte & 15];
+            *out += '=';
+            *out += kHex[byte >> 4];
+            *out += kHex[byte & 15];
         }
         column += width;
     }
-    return out;
 }
 
 std::string EncodeQuoted(std::string_view bytes, std::string_view eol)
 {
+    const auto plain =
+        static_cast<std::size_t>(std::count_if(bytes.begin(), bytes.end(), IsPlainQuoted));
+    const std::size_t encoded = plain + 3 * (bytes.size() - plain);
     std::string out;
-    out.reserve(bytes.size() + bytes.size() / 8);
+    out.reserve(encoded + encoded / (kEncodedLine - 3) * (1 + eol.size()));
     for (;;) {
         const std::size_t end = bytes.find(eol);
-        out += EncodeQuotedLine(bytes.substr(0, end), eol);
+        EncodeQuotedLine(bytes.substr(0, end), eol, &out);
         if (end == std::string_view::npos)
             return out;
         out += eol;
@@ -214,13 +222,13 @@ Decoded Decode(Encoding encoding, std::string_view raw)
     return {std::string(raw), true};
 }
 
-std::string Encode(Encoding encoding, std::string_view bytes, std::string_view eol)
+std::string Encode(Encoding encoding, std::string bytes, std::string_view eol)
 {
     if (encoding == Encoding::kQuotedPrintable)
         return EncodeQuoted(bytes, eol);
     if (encoding == Encoding::kBase64)
         return EncodeBase64(bytes, eol);
-    return std::string(bytes);
+    return bytes;
 }
 
 bool Has8Bit(std::string_view bytes)
@@ -243,6 +251,8 @@ bool HasLongLine(std::string_view bytes)
 std::string WithLineEnds(std::string_view text, std::string_view eol)
 {
     std::string out;
+    const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+    out.reserve(text.size() + lines * eol.size());
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t end = text.find('\n', at);
         if (end == std::string_view::npos) {

@@ -1,9 +1,9 @@
 // Content-transfer-encodings (RFC 2045, 6) and charsets of a text part that is changed. Pure
 // functions.
 //
-// Decoders are strict, unlike those of a mail reader: what is decoded here is encoded anew and must
-// come out the same, so a body that a reader would have to guess at is reported, and stays as it
-// is.
+// Decoders are strict, unlike those of a mail reader: what is decoded here is encoded again and
+// must come out the same, so a body that a reader would have to guess at is reported, and stays as
+// it is.
 #pragma once
 
 #include <optional>
@@ -26,7 +26,7 @@ struct Decoded {
 [[nodiscard]] Decoded Decode(Encoding encoding, std::string_view raw);
 // Encoded with lines that end with `eol`; 7bit and 8bit give the bytes unchanged. In
 // quoted-printable only `eol` is a line break, any other CR or LF is written as =0D, =0A.
-[[nodiscard]] std::string Encode(Encoding encoding, std::string_view bytes, std::string_view eol);
+[[nodiscard]] std::string Encode(Encoding encoding, std::string bytes, std::string_view eol);
 
 [[nodiscard]] bool Has8Bit(std::string_view bytes);
 // Whether a line is too long to go over SMTP as it is (RFC 5321, 4.5.3.1.6).

@@ -11,7 +11,7 @@ namespace
 {
 
 // Bytes of all bodies and headers that one message makes us hold.
-constexpr std::int64_t kHeldBytes = 16 << 20;
+constexpr std::int64_t kHeldBytes = 3 << 20;
 constexpr int kMaxLostHeaders = 10;
 
 // Whether a line of the new text begins with a boundary of a multipart around `part`: the sender
@@ -94,6 +94,8 @@ class EditFinder
         const std::int64_t begin = part.parent ? FindHeader(part, body->from) : 0;
         if (begin < 0)
             return "its header was not found";
+        if (message_.bounded.View().ChangedBetween(begin, body->from))
+            return "it has header fields beyond all bounds";
         const std::int64_t size = body->to - begin + growth;
         if (held_ + size > kHeldBytes)
             return "it is too large";

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/mime/message_stream_private.h"
 #include "platform/mime/mime.h"
 #include "platform/mime/raw_bytes.h"
 
@@ -28,9 +29,6 @@ template <typename T>
 using GObjectPtr = std::unique_ptr<T, GObjectDeleter<T>>;
 
 inline constexpr int kMaxDepth = 100;
-// A part or a header costs up to 1.3 KB of memory, and a message could hold millions of either.
-inline constexpr std::int64_t kMaxDelimiterLines = 100'000;
-inline constexpr std::int64_t kMaxHeaders = 100'000;
 
 // Failures of MimeParseMessage.
 inline constexpr int kMimeCannotRead = -1;
@@ -50,9 +48,16 @@ class MimePart
 class MimeMessage
 {
  public:
-    explicit MimeMessage(const std::string& path) : file(path) {}
+    explicit MimeMessage(const std::string& path)
+        : file(path),
+          bounded(file.Size(), [this](std::int64_t from, char* bytes, std::size_t size) {
+              return file.Read(from, bytes, size);
+          })
+    {
+    }
 
-    RawFile file;  // outlives all that reads it
+    RawFile file;            // outlives all that reads it
+    BoundedMessage bounded;  // what the parser sees of it
     GObjectPtr<GMimeMessage> gmime;
     double version = 0;
     std::unique_ptr<MimePart> top;
@@ -60,7 +65,8 @@ class MimeMessage
 
 // Starts GMime unless it runs.
 void StartGMime();
-// Null for an empty message and for one with too many headers.
+// Null for an empty message and for one with more header fields or parts than memory should be
+// spent on.
 [[nodiscard]] GObjectPtr<GMimeMessage> ParseStream(GMimeStream* stream);
 
 struct ByteRange {

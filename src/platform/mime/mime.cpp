@@ -5,8 +5,6 @@
 #include <string_view>
 
 #include "platform/mime/gmime_private.h"
-#include "platform/mime/message_stream_private.h"
-#include "platform/mime/raw_bytes.h"
 
 namespace dl
 {
@@ -105,38 +103,7 @@ std::unique_ptr<MimePart> MakePart(const MimeMessage* message, const MimePart* p
     return part;
 }
 
-// Ends the parsing when a message has more headers than any honest one: the parser then finds the
-// end of its input.
-struct HeaderLimit {
-    GMimeStream* stream = nullptr;
-    std::int64_t count = 0;
-};
-
-void CountHeader(GMimeParser*, const char*, const char*, gint64, gpointer data)
-{
-    auto* limit = static_cast<HeaderLimit*>(data);
-    if (++limit->count == kMaxHeaders)
-        g_mime_stream_set_bounds(limit->stream, 0, limit->stream->position);
-}
-
 }  // namespace
-
-GObjectPtr<GMimeMessage> ParseStream(GMimeStream* stream)
-{
-    HeaderLimit limit{stream};
-    const GObjectPtr<GMimeParser> parser(g_mime_parser_new_with_stream(stream));
-    g_mime_parser_set_header_regex(parser.get(), ".", CountHeader, &limit);
-    GObjectPtr<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), nullptr));
-    if (limit.count >= kMaxHeaders)
-        message.reset();
-    return message;
-}
-
-void StartGMime()
-{
-    static const bool kStarted = (g_mime_init(), true);
-    (void)kStarted;
-}
 
 void InitKVTDll(const char* /*module*/)
 {
@@ -165,13 +132,14 @@ int MimeParseMessage(const std::string& path, int /*mode*/, MimeMessagePtr* mess
     const RawFile& file = parsed->file;
     if (!file.IsOpen())
         return kMimeCannotRead;
-    const bool too_many = CountDashLines(file, kMaxDelimiterLines) >= kMaxDelimiterLines;
-    if (!too_many) {
-        const GObjectPtr<GMimeStream> stream(NewMessageStream(file));
+    {
+        const GObjectPtr<GMimeStream> stream(NewMessageStream(&parsed->bounded));
         parsed->gmime = ParseStream(stream.get());
     }
     if (file.Failed())
         return kMimeCannotRead;
+    if (parsed->bounded.View().HasTooManyDashes())
+        return kMimeNoMessage;
     GMimeObject* top = parsed->gmime ? g_mime_message_get_mime_part(parsed->gmime.get()) : nullptr;
     if (!top)
         return kMimeNoMessage;

@@ -22,9 +22,9 @@ struct MimeMessageDeleter {
 };
 using MimeMessagePtr = std::unique_ptr<MimeMessage, MimeMessageDeleter>;
 
-// 0, or negative when the file cannot be opened or read, is empty, or has more headers or delimiter
-// lines (100,000) than memory should be spent on. `mode` is 1 in every call. Parts nested deeper
-// than 100 are not seen.
+// 0, or negative when the file cannot be opened or read, is empty, or has more header fields, parts
+// or delimiter lines than memory and time should be spent on. `mode` is 1 in every call. Parts
+// nested deeper than 100 are not seen; header fields are read up to bounds (bounded_view.h).
 [[nodiscard]] int MimeParseMessage(const std::string& path, int mode, MimeMessagePtr* message);
 // The top-level part (`index` 0); null when there is none.
 [[nodiscard]] const MimePart* MimeGetMsg(const MimeMessage* message, int index);
@@ -65,7 +65,7 @@ void TerminateKVTDll();
 // `path`, and that of `html_file` before </body> of the text/html ones; an empty name means none.
 // Signed, encrypted, attached and message/rfc822 parts, all other headers and all other bytes stay
 // as they are. A message that cannot be changed safely stays unchanged, with a level 6 line that
-// says why; so does a text part that would make us hold more than 16 MB. A disclaimer file that
+// says why; so does a text part that would make us hold more than 3 MB. A disclaimer file that
 // cannot be read, is not UTF-8 or is larger than 1 MB is left out, with a level 1 line. True when
 // the message file is whole, changed or not; false when reading or writing it failed and the old
 // content stands (logged at level 1). Nothing is synced: closing the queue entry does that.

@@ -107,20 +107,6 @@ std::optional<LineScanner::Line> LineScanner::Next()
     return line;
 }
 
-std::int64_t CountDashLines(const RawFile& file, std::int64_t limit)
-{
-    LineScanner lines(file, 0, file.Size());
-    std::int64_t count = 0;
-    while (count < limit) {
-        const auto line = lines.Next();
-        if (!line)
-            break;
-        if (line->start.starts_with("--"))
-            ++count;
-    }
-    return count;
-}
-
 std::int64_t BehindEmptyLine(const RawFile& file, std::int64_t from, std::int64_t to)
 {
     LineScanner lines(file, from, to);
@@ -143,11 +129,18 @@ bool IsDelimiter(std::string_view line, std::string_view boundary)
 std::int64_t FindDelimiter(const RawFile& file, std::int64_t from, std::int64_t to,
                            const std::vector<std::string>& boundaries)
 {
+    const auto delimits = [](std::string_view line, std::string_view boundary) {
+        // Of a boundary that is longer than honest ones only the beginning is compared.
+        return line.size() < LineScanner::kStart
+                   ? IsDelimiter(line, boundary)
+                   : line.substr(2, boundary.size()) == boundary.substr(0, line.size() - 2);
+    };
     LineScanner lines(file, from, to);
     while (const auto line = lines.Next())
-        for (const std::string& boundary : boundaries)
-            if (IsDelimiter(line->start, boundary))
-                return line->begin;
+        if (line->start.starts_with("--"))
+            for (const std::string& boundary : boundaries)
+                if (delimits(line->start, boundary))
+                    return line->begin;
     return to;
 }
 

@@ -74,8 +74,6 @@ class LineScanner
     std::string start_;
 };
 
-// Number of lines that begin with "--", counted up to `limit`.
-[[nodiscard]] std::int64_t CountDashLines(const RawFile& file, std::int64_t limit);
 // The first byte behind the first empty line of [from, to).
 [[nodiscard]] std::int64_t BehindEmptyLine(const RawFile& file, std::int64_t from, std::int64_t to);
 // Where the first delimiter line of one of `boundaries` in [from, to) begins; `to` when there is

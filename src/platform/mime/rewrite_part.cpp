@@ -41,7 +41,7 @@ void SetField(const TextPart& part, const char* name, const std::string& value, 
 
 }  // namespace
 
-Edit RewritePart(const TextPart& part, std::string_view bytes, bool utf8)
+Edit RewritePart(const TextPart& part, std::string bytes, bool utf8)
 {
     Encoding encoding = part.encoding;
     if (encoding == Encoding::k7Bit || (encoding == Encoding::k8Bit && HasLongLine(bytes)))
@@ -66,7 +66,7 @@ Edit RewritePart(const TextPart& part, std::string_view bytes, bool utf8)
         edit.splices.push_back({part.header.end, part.header.end, added});
     edit.splices.push_back({part.body_start,
                             part.body_start + static_cast<std::int64_t>(part.body.size()),
-                            Encode(encoding, bytes, part.eol)});
+                            Encode(encoding, std::move(bytes), part.eol)});
     return edit;
 }
 

@@ -105,15 +105,15 @@ mail_body ReadBody(GMimeObject* object, const std::string& host, int depth)
     return body;
 }
 
-// Lines that may begin a part, each of which costs the parser memory.
-bool HasTooManyDelimiters(std::string_view text)
+// Reads two texts as if they were one.
+BoundedMessage::Reader ReaderOf(std::string_view header, std::string_view text)
 {
-    std::int64_t count = 0;
-    for (std::size_t at = text.find("\n--"); at != std::string_view::npos;
-         at = text.find("\n--", at + 3))
-        if (++count >= kMaxDelimiterLines)
-            return true;
-    return false;
+    return [=](std::int64_t from, char* bytes, std::size_t size) {
+        const auto begin = static_cast<std::size_t>(from);
+        const std::size_t first = begin < header.size() ? header.copy(bytes, size, begin) : 0;
+        return first == size || text.copy(bytes + first, size - first,
+                                          begin + first - header.size()) == size - first;
+    };
 }
 
 }  // namespace
@@ -123,16 +123,13 @@ bool rfc822_parse_msg_full(mail_envelope* envelope, mail_body* body, std::string
 {
     *envelope = {};
     *body = {};
-    if (HasTooManyDelimiters(text.bytes))
-        return false;
     StartGMime();
-    const GObjectPtr<GMimeStream> stream(g_mime_stream_mem_new());
-    for (const std::string_view bytes : {header, text.bytes})
-        if (!bytes.empty() && g_mime_stream_write(stream.get(), bytes.data(), bytes.size()) !=
-                                  static_cast<ssize_t>(bytes.size()))
-            return false;
-    (void)g_mime_stream_reset(stream.get());  // of memory: it cannot fail
+    BoundedMessage bounded(static_cast<std::int64_t>(header.size() + text.bytes.size()),
+                           ReaderOf(header, text.bytes));
+    const GObjectPtr<GMimeStream> stream(NewMessageStream(&bounded));
     const GObjectPtr<GMimeMessage> message = ParseStream(stream.get());
+    if (bounded.View().HasTooManyDashes())
+        return false;
     GMimeObject* top = message ? g_mime_message_get_mime_part(message.get()) : nullptr;
     if (!top)
         return false;

@@ -69,16 +69,16 @@ bool EndsInSoftBreak(std::string_view raw)
 }
 
 // Inserts `text` (in the part's charset, lines ending with "\n") at `at` of the decoded body.
-std::string InsertDecoded(const TextPart& part, const std::string& decoded, std::size_t at,
+std::string InsertDecoded(const TextPart& part, std::string decoded, std::size_t at,
                           const std::string& text)
 {
     const bool wrapped = part.encoding == Encoding::kBase64;
     const std::string eol = wrapped ? LineEndOf(decoded, part.eol) : part.eol;
-    std::string out = decoded.substr(0, at);
-    out += Gap(out, part.flowed, eol);
-    out += WithLineEnds(text, eol);
-    out += decoded.substr(at);
-    return out;
+    const std::string_view before = std::string_view(decoded).substr(0, at);
+    const std::string inserted = Gap(before, part.flowed, eol) + WithLineEnds(text, eol);
+    decoded.reserve(decoded.size() + inserted.size());
+    decoded.insert(at, inserted);
+    return decoded;
 }
 
 Edit InsertRaw(const TextPart& part, std::size_t at, std::string bytes)
@@ -90,8 +90,10 @@ Edit InsertRaw(const TextPart& part, std::size_t at, std::string bytes)
 // Appends `text`, in the part's charset, with as few bytes changed as the encoding allows.
 Edit Append(const TextPart& part, const std::string& text)
 {
-    const Decoded body = Decode(part.encoding, part.body);
-    const std::string lines = Gap(body.bytes, part.flowed, part.eol) + WithLineEnds(text, part.eol);
+    const bool raw = part.encoding == Encoding::k7Bit || part.encoding == Encoding::k8Bit;
+    Decoded body = raw ? Decoded{} : Decode(part.encoding, part.body);
+    const std::string lines =
+        Gap(raw ? part.body : body.bytes, part.flowed, part.eol) + WithLineEnds(text, part.eol);
     switch (part.encoding) {
         case Encoding::kQuotedPrintable:
             return InsertRaw(part, part.body.size(),
@@ -110,7 +112,9 @@ Edit Append(const TextPart& part, const std::string& text)
     }
     if (!body.clean)
         return Edit::Leave(kGuess);
-    return RewritePart(part, InsertDecoded(part, body.bytes, body.bytes.size(), text), false);
+    std::string bytes = raw ? part.body : std::move(body.bytes);
+    const std::size_t end = bytes.size();
+    return RewritePart(part, InsertDecoded(part, std::move(bytes), end, text), false);
 }
 
 std::size_t FindTag(std::string_view text, std::string_view tag)
@@ -147,14 +151,13 @@ Place HtmlPlace(std::string_view text)
 
 // Quoted-printable: the old bytes stay where the tag stands in them unbroken; the soft break in
 // front of the insertion keeps the text before it as it was.
-Edit InsertQuoted(const TextPart& part, const Decoded& body, const Place& place,
-                  const std::string& html)
+Edit InsertQuoted(const TextPart& part, Decoded body, const Place& place, const std::string& html)
 {
     const bool unbroken = CountTag(body.bytes, place.tag) == CountTag(part.body, place.tag);
     if (!unbroken && !body.clean)
         return Edit::Leave(kGuess);
     if (!unbroken)
-        return RewritePart(part, InsertDecoded(part, body.bytes, place.at, html), false);
+        return RewritePart(part, InsertDecoded(part, std::move(body.bytes), place.at, html), false);
     const std::size_t at = FindTag(part.body, place.tag);
     std::string bytes = Encode(part.encoding, WithLineEnds(html, part.eol), part.eol);
     if (at > 0 && part.body[at - 1] != '\n')
@@ -175,15 +178,17 @@ Edit EditPlain(const TextPart& part, const std::string& text)
     const bool plain = HasPlainLineEnds(charset);
     if (conversion == Conversion::kDone && plain)
         return Append(part, converted);
-    const Decoded body = Decode(part.encoding, part.body);
+    Decoded body = Decode(part.encoding, part.body);
     if (!body.clean)
         return Edit::Leave(kGuess);
     std::string utf8;
     if (const char* reason = BodyAsUtf8(part, body.bytes, &utf8))
         return Edit::Leave(reason);
+    body = {};  // it may be large
     if (!plain && part.encoding != Encoding::kBase64)
         utf8 = WithLineEnds(utf8, part.eol);  // now they are line ends of the message
-    return RewritePart(part, InsertDecoded(part, utf8, utf8.size(), lines), true);
+    const std::size_t end = utf8.size();
+    return RewritePart(part, InsertDecoded(part, std::move(utf8), end, lines), true);
 }
 
 Edit EditHtml(const TextPart& part, const std::string& html)
@@ -193,29 +198,33 @@ Edit EditHtml(const TextPart& part, const std::string& html)
     const Conversion conversion = Convert(html, "utf-8", charset, &converted);
     if (conversion == Conversion::kUnknownCharset)
         return Edit::Leave(kUnknown);
-    const Decoded body = Decode(part.encoding, part.body);
+    Decoded body = Decode(part.encoding, part.body);
     if (conversion != Conversion::kDone || converted != html) {
         std::string utf8;
         if (!body.clean)
             return Edit::Leave(kGuess);
         if (const char* reason = BodyAsUtf8(part, body.bytes, &utf8))
             return Edit::Leave(reason);
+        body = {};  // it may be large
         if (part.encoding != Encoding::kBase64)
             utf8 = WithLineEnds(utf8, part.eol);
-        return RewritePart(part, InsertDecoded(part, utf8, HtmlPlace(utf8).at, html), true);
+        const std::size_t at = HtmlPlace(utf8).at;
+        return RewritePart(part, InsertDecoded(part, std::move(utf8), at, html), true);
     }
     const Place place = HtmlPlace(body.bytes);
-    if (place.tag.empty())
+    if (place.tag.empty()) {
+        body = {};
         return Append(part, html);
+    }
     if (part.encoding == Encoding::kQuotedPrintable)
-        return InsertQuoted(part, body, place, html);
+        return InsertQuoted(part, std::move(body), place, html);
     const std::string lines =
         Gap(part.body.substr(0, place.at), false, part.eol) + WithLineEnds(html, part.eol);
     if (part.encoding != Encoding::kBase64 && !HasLongLine(lines))
         return InsertRaw(part, place.at, lines);
     if (!body.clean)
         return Edit::Leave(kGuess);
-    return RewritePart(part, InsertDecoded(part, body.bytes, place.at, html), false);
+    return RewritePart(part, InsertDecoded(part, std::move(body.bytes), place.at, html), false);
 }
 
 }  // namespace dl
