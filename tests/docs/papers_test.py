@@ -24,7 +24,7 @@ ELSEWHERE = {
     "cannot write ...: ...": "platform/process/process.cpp",
     "Cannot listen on ...": "tools/dlsubmit/lmtp_intake.cpp",
     "Cannot become user ...": "tools/dlsubmit/lmtp_intake.cpp",
-    "cannot ...": "platform/archive/page_files.cpp",
+    "cannot ...": "platform/archive/failure.cpp",
     "no copy of the index can be written to ...: ...": "platform/archive/migration.cpp",
     "the archive index ...": "platform/archive/index.cpp",
 }

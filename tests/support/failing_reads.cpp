@@ -25,6 +25,12 @@ extern "C" ssize_t pread(int file, void* bytes, size_t size, off_t offset)
     return syscall(SYS_pread64, file, bytes, size, offset);
 }
 
+// The database calls it by this name.
+extern "C" ssize_t pread64(int file, void* bytes, size_t size, off64_t offset)
+{
+    return pread(file, bytes, size, offset);
+}
+
 namespace dl::testing
 {
 

@@ -2,9 +2,11 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "platform/address/address.h"
+#include "platform/archive/failure_private.h"
 #include "platform/archive/generate.h"
 #include "platform/archive/index_private.h"
 #include "platform/archive/left_out_private.h"
@@ -138,6 +140,8 @@ void CDlArchive::UpdateRemoteFile(const std::string& line)
     std::string text;
     bool replaced = false;
     LineReader in(file);
+    if (!in.IsOpen() && errno != ENOENT)
+        archive::Fail("read " + file, errno);
     while (const auto old = in.Next()) {
         if (EqualNoCase(UserOf(*old), user)) {
             text += replaced ? "" : entry + "\n";
@@ -150,8 +154,10 @@ void CDlArchive::UpdateRemoteFile(const std::string& line)
         text += '\n';
     if (!replaced)
         text += entry + "\n";
-    if (in.Failed() || !ReplaceFile(file, text, kPasswordMode))
-        throw CDlArchiveException("cannot write " + file);
+    if (in.Failed())
+        archive::Fail("read " + file, errno);
+    if (!ReplaceFile(file, text, kPasswordMode))
+        archive::Fail("write " + file, errno);
 }
 
 }  // namespace dl

@@ -28,7 +28,9 @@ enum class ArchiveFault {
     kOther,
     kDamaged,  // the index is no database any more, or its content contradicts itself
     kNewer,    // the index was written by a newer version of this program
-};
+    kMachine,  // no room, no descriptors, no memory, a disk that fails or must not be written;
+               // noted
+};             // (files/machine_fault.h)
 
 struct CDlArchiveException {
     explicit CDlArchiveException(const std::string& text,

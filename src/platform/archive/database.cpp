@@ -1,9 +1,11 @@
 #include <sqlite3.h>
 
 #include <cassert>
+#include <cerrno>
 
-#include "platform/archive/archive.h"
 #include "platform/archive/database_private.h"
+#include "platform/archive/failure_private.h"
+#include "platform/files/machine_fault.h"
 
 namespace dl::archive
 {
@@ -19,7 +21,7 @@ const char* Meaning(int code)
         case SQLITE_NOTADB:
             return "is damaged; rebuild the archive";
         case SQLITE_FULL:
-            return "cannot grow: the disk is full";
+            return "cannot grow";
         case SQLITE_BUSY:
         case SQLITE_LOCKED:
             return "is in use by another program";
@@ -30,11 +32,54 @@ const char* Meaning(int code)
         case SQLITE_CANTOPEN:
             return "cannot be opened";
         case SQLITE_NOMEM:
-            return "needs more memory than there is";
+            return "needs more memory";
         case SQLITE_IOERR:
             return "cannot be read or written";
+        case SQLITE_CONSTRAINT:
+        case SQLITE_TOOBIG:
+        case SQLITE_MISMATCH:
+            return "takes no such posting";
         default:
             return "cannot be used";
+    }
+}
+
+// The errno of a fault of the machine behind `code`, 0 for none. `error` is the errno that SQLite
+// saw last.
+int MachineFault(int code, int error)
+{
+    switch (code & 0xFF) {
+        case SQLITE_FULL:
+            return ENOSPC;
+        case SQLITE_NOMEM:
+            return ENOMEM;
+        case SQLITE_READONLY:
+            return EROFS;
+        case SQLITE_IOERR:
+            return IsMachineFault(error) ? error : EIO;
+        case SQLITE_CANTOPEN:
+            return IsMachineFault(error) ? error : 0;
+        default:
+            return 0;
+    }
+}
+
+// Throws what `code` means for `subject`.
+[[noreturn]] void Throw(const std::string& subject, int code, int error)
+{
+    const std::string text = subject + " " + Meaning(code);
+    if (const int fault = MachineFault(code, error))
+        FailWith(text, fault);
+    switch (code & 0xFF) {
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
+            throw CDlArchiveException(text, ArchiveFault::kDamaged);
+        case SQLITE_CONSTRAINT:
+        case SQLITE_TOOBIG:
+        case SQLITE_MISMATCH:
+            throw RefusedContent(text);
+        default:
+            FailWith(text, (code & 0xFF) == SQLITE_CANTOPEN ? error : 0);
     }
 }
 
@@ -85,8 +130,9 @@ Database::Database(const std::string& path, Open how) : path_(path)
         how == Open::kMake ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
     const int code = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (code != SQLITE_OK) {
+        const int error = db_ ? sqlite3_system_errno(db_) : ENOMEM;
         sqlite3_close(db_);
-        Fail(code);
+        Throw("the archive index " + path_, code, error);
     }
     sqlite3_extended_result_codes(db_, 1);
     sqlite3_busy_timeout(db_, kBusyMilliseconds);
@@ -116,8 +162,8 @@ void Database::CopyTo(const std::string& file)
     const int code = sqlite3_step(copy);
     sqlite3_reset(copy);
     if (code != SQLITE_DONE)
-        throw CDlArchiveException("no copy of the index can be written to " + file + ": it " +
-                                  Meaning(code));
+        Throw("no copy of the index can be written to " + file + ": it", code,
+              sqlite3_system_errno(db_));
 }
 
 void Database::Script(const char* sql)
@@ -129,9 +175,7 @@ void Database::Script(const char* sql)
 
 void Database::Fail(int code) const
 {
-    const std::string text = "the archive index " + path_ + " " + Meaning(code);
-    const bool damaged = (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
-    throw CDlArchiveException(text, damaged ? ArchiveFault::kDamaged : ArchiveFault::kOther);
+    Throw("the archive index " + path_, code, sqlite3_system_errno(db_));
 }
 
 sqlite3_stmt* Database::Prepare(const char* sql)

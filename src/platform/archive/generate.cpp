@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/archive/assets.h"
+#include "platform/archive/failure_private.h"
 #include "platform/archive/filing_private.h"
 #include "platform/archive/left_out_private.h"
 #include "platform/archive/pages_private.h"
@@ -234,7 +235,7 @@ std::vector<std::int64_t> PostingFiles(const std::string& archive_path)
             ids.push_back(*id);
     }
     if (error)
-        throw CDlArchiveException("cannot read the folder " + archive_path);
+        Fail("read the folder " + archive_path, error.value());
     std::sort(ids.begin(), ids.end());
     return ids;
 }

@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
+#include "platform/archive/failure_private.h"
 #include "platform/archive/index_private.h"
 #include "platform/files/files.h"
 #include "platform/files/folder_lock.h"
@@ -23,8 +23,7 @@ namespace
 
 [[noreturn]] void NoCopy(const std::string& backup, int error)
 {
-    throw CDlArchiveException("no copy of the index can be written to " + backup + ": " +
-                              std::generic_category().message(error));
+    FailWith("no copy of the index can be written to " + backup, error);
 }
 
 // An empty file that may be read by those who may read the index.
@@ -77,8 +76,7 @@ void BringUpToDate(Database& index, const std::string& archive_path)
 {
     const FolderLock lock(archive_path);
     if (!lock.Held())
-        throw CDlArchiveException("cannot lock the folder " + archive_path + ": " +
-                                  std::generic_category().message(errno));
+        Fail("lock the folder " + archive_path, errno);
     const std::int64_t format = FormatOf(index);
     if (format == kFormatVersion)
         return;  // another program was first

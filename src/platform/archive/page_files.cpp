@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "platform/archive/archive.h"
+#include "platform/archive/failure_private.h"
 
 namespace dl::archive
 {
@@ -22,22 +22,16 @@ std::string TempName(const std::string& path)
     return path + ".new";
 }
 
-[[noreturn]] void Fail(const char* what, const std::string& path, int error)
-{
-    throw CDlArchiveException("cannot " + std::string(what) + " " + path +
-                              (error ? ": " + std::generic_category().message(error) : ""));
-}
-
 void SyncFileSystem(const std::string& path)
 {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        Fail("open", path, errno);
+        Fail("open " + path, errno);
     const int result = ::syncfs(fd);
     const int error = errno;
     ::close(fd);
     if (result != 0)
-        Fail("sync", path, error);
+        Fail("sync " + path, error);
 }
 
 }  // namespace
@@ -57,7 +51,7 @@ void PageBatch::MakeFolderOf(const std::string& path)
     std::error_code error;
     std::filesystem::create_directories(top_ + "/" + folder, error);
     if (error)
-        Fail("make the folder", top_ + "/" + folder, error.value());
+        Fail("make the folder " + top_ + "/" + folder, error.value());
 }
 
 void PageBatch::Add(const std::string& path, std::string_view bytes)
@@ -74,7 +68,7 @@ void PageBatch::Add(const std::string& path, const std::function<bool(FileWriter
     FileWriter out(name, "wb");
     const bool written = out.IsOpen() && write(&out);
     if (!out.Close() || !written)
-        Fail("write", top_ + "/" + path, errno);
+        Fail("write " + top_ + "/" + path, errno);
 }
 
 void PageBatch::SyncFiles() const
@@ -85,7 +79,7 @@ void PageBatch::SyncFiles() const
     }
     for (const std::string& path : paths_)
         if (!SyncPath(TempName(top_ + "/" + path)))
-            Fail("sync", top_ + "/" + path, errno);
+            Fail("sync " + top_ + "/" + path, errno);
 }
 
 void PageBatch::SyncFolders() const
@@ -101,7 +95,7 @@ void PageBatch::SyncFolders() const
     for (const std::string& folder : folders) {
         const std::string full = top_ + "/" + folder;
         if (!SyncPath(full) || !SyncPath(full + (folder.empty() ? "." : "..")))
-            Fail("sync", full, errno);
+            Fail("sync " + full, errno);
     }
 }
 
@@ -111,7 +105,7 @@ void PageBatch::Commit()
     for (const std::string& path : paths_) {
         const std::string name = top_ + "/" + path;
         if (!Files().Rename(TempName(name).c_str(), name.c_str()))
-            Fail("replace", name, errno);
+            Fail("replace " + name, errno);
     }
     SyncFolders();
     paths_.clear();
@@ -123,12 +117,12 @@ void RemoveTree(const std::string& path)
     if (std::filesystem::is_directory(std::filesystem::symlink_status(path, error))) {
         std::filesystem::remove_all(path, error);
         if (error)
-            Fail("remove", path, error.value());
+            Fail("remove " + path, error.value());
         return;
     }
     (void)Files().Remove(TempName(path).c_str());  // of a run that was interrupted
     if (!Files().Remove(path.c_str()) && errno != ENOENT && errno != ENOTDIR)
-        Fail("remove", path, errno);
+        Fail("remove " + path, errno);
 }
 
 WriterLock::WriterLock(const std::string& archive_path)
@@ -136,7 +130,7 @@ WriterLock::WriterLock(const std::string& archive_path)
     const std::string name = archive_path + "/.lock";
     fd_ = ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
     if (fd_ < 0)
-        Fail("open", name, errno);
+        Fail("open " + name, errno);
     int result = 0;
     do {
         result = ::flock(fd_, LOCK_EX);
@@ -144,7 +138,7 @@ WriterLock::WriterLock(const std::string& archive_path)
     if (result != 0) {
         const int error = errno;
         ::close(fd_);
-        Fail("lock", name, error);
+        Fail("lock " + name, error);
     }
 }
 

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "platform/archive/archive.h"
+#include "platform/archive/failure_private.h"
 #include "platform/archive/index_private.h"
 #include "platform/archive/page_files.h"
 #include "platform/clock/clock.h"
@@ -32,15 +32,10 @@ bool IsThere(const std::string& path)
     return ::access(path.c_str(), F_OK) == 0;
 }
 
-[[noreturn]] void Fail(const std::string& what)
-{
-    throw CDlArchiveException("cannot " + what + ": " + std::generic_category().message(errno));
-}
-
 void RenameTo(const std::string& from, const std::string& to)
 {
     if (!Files().Rename(from.c_str(), to.c_str()))
-        Fail("rename " + from);
+        Fail("rename " + from, errno);
 }
 
 }  // namespace
@@ -59,8 +54,10 @@ std::string BeginNewTree(const std::string& archive_path)
     std::string token = std::to_string(NowMicroseconds());
     std::error_code error;
     std::filesystem::create_directory(folder, error);
-    if (error || !ReplaceFile(folder + kToken, token, 0640))
-        Fail("make the folder " + folder);
+    if (error)
+        Fail("make the folder " + folder, error.value());
+    if (!ReplaceFile(folder + kToken, token, 0640))
+        Fail("write " + folder + kToken, errno);
     return token;
 }
 
@@ -79,7 +76,7 @@ void ExchangeTrees(const std::string& archive_path, Database& index)
         RenameTo(next, now);
     }
     if (!SyncPath(archive_path))
-        Fail("sync " + archive_path);
+        Fail("sync " + archive_path, errno);
     FinishExchange(archive_path, index);
 }
 
@@ -87,9 +84,13 @@ void FinishExchange(const std::string& archive_path, Database& index)
 {
     const std::string token = In(archive_path, kPagesFolder) + kToken;
     const std::string own = Meta(index, "rebuild");
+    if (own.empty() || !IsThere(token))
+        return;
     LineReader in(token);
     const auto line = in.IsOpen() ? in.Next() : std::nullopt;
-    if (own.empty() || !line || *line != own)
+    if (!in.IsOpen() || in.Failed())
+        Fail("read " + token, errno);
+    if (!line || *line != own)
         return;
     RemoveTree(In(archive_path, kNewFolder));
     RemoveTree(In(archive_path, kOldFolder));
@@ -109,11 +110,12 @@ void SyncTree(const std::string& archive_path)
 {
     const int fd = ::open(archive_path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
-        Fail("open " + archive_path);
+        Fail("open " + archive_path, errno);
     const int result = ::syncfs(fd);
+    const int error = errno;
     ::close(fd);
     if (result != 0)
-        Fail("sync " + archive_path);
+        Fail("sync " + archive_path, error);
 }
 
 void SetIndexAside(const std::string& archive_path)
