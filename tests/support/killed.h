@@ -18,7 +18,8 @@ namespace dl::testing
 // Puts the index `kept` in place of the file `index`, with nothing of a migration beside it.
 inline void PutIndexBack(const std::string& kept, const std::string& index)
 {
-    for (const char* end : {"", "-wal", "-shm", ".format-1", ".format-1.part"})
+    for (const char* end :
+         {"", "-wal", "-shm", ".format-1", ".format-1.part", ".format-2", ".format-2.part"})
         std::filesystem::remove(index + end);
     std::filesystem::copy_file(kept, index);
 }

@@ -223,22 +223,32 @@ TEST_F(Check, PostingsThatCannotBeReadAreShownAndReadAgain)
     write("00000001.msg", "m1@example.com");
     write("00000002.msg", "m2@example.com");
     Write(archive + "/00000003.msg", "");
+    Write(archive + "/00000005.msg", "Subject: x\r\nContent-Type: message/rfc822\r\n");
+    Sql(archive + "/index.db", "INSERT INTO incoming (id, stamp) VALUES (5, 1)");
     EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden}), 0);
     EXPECT_NE(output.find("00000003  -                     not noted"), std::string::npos)
         << output;
     EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden, "--retry"}), 1);
     EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden, "--json"}), 0);
     const auto seen = nlohmann::json::parse(output);
-    ASSERT_EQ(seen.size(), 2U) << output;
+    ASSERT_EQ(seen.size(), 3U) << output;
     EXPECT_EQ(seen[0].at("id"), "00000003");
     EXPECT_EQ(seen[0].at("file"), Path(archive + "/00000003.msg"));
     EXPECT_EQ(seen[0].at("cause"), "it is empty");
     EXPECT_EQ(seen[0].at("since").get<std::string>().size(), 20U);
     EXPECT_EQ(seen[1].at("cause"), "it cannot be opened: No such file or directory");
+    EXPECT_EQ(seen[1].at("in_part"), false);
+    EXPECT_EQ(seen[2].at("cause"), "attachment 1-message.txt cannot be read");
+    EXPECT_EQ(seen[2].at("in_part"), true);
     EXPECT_EQ(Dlctl({"check"}), 1);
     EXPECT_NE(output.find("leaves out 2 posting(s)"), std::string::npos) << output;
+    EXPECT_NE(output.find("shows in part 1 posting(s) that cannot be read whole, the first is " +
+                          Path(archive + "/00000005.msg: attachment 1-message.txt cannot be read")),
+              std::string::npos)
+        << output;
 
     write("00000003.msg", "m3@example.com");
+    write("00000005.msg", "m5@example.com");
     EXPECT_EQ(Dlctl({"archive", "remove", kGarden, "00000004"}), 0);
     EXPECT_NE(output.find("index.db.format-1 may still hold its words"), std::string::npos);
     EXPECT_EQ(Dlctl({"archive", "unreadable", kGarden, "--retry", "--json"}), 0);

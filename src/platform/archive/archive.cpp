@@ -2,14 +2,16 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 #include "platform/address/address.h"
 #include "platform/archive/failure_private.h"
 #include "platform/archive/generate.h"
+#include "platform/archive/incoming_private.h"
 #include "platform/archive/index_private.h"
-#include "platform/archive/left_out_private.h"
 #include "platform/archive/trees.h"
 #include "platform/clock/clock.h"
 #include "platform/config/data_path.h"
@@ -98,7 +100,7 @@ void CDlArchive::RetryLeftOut(const std::string& list)
 {
     const std::string path = PathOf(list);
     if (IsFolder(path))
-        archive::OpenIndex(path)->Run("UPDATE incoming SET failed=0 WHERE failed=1");
+        archive::RetryFailed(*archive::OpenIndex(path), archive::Retry::kAll);
 }
 
 void CDlArchive::RemoveArchive(const std::string& list, unsigned long id)
@@ -127,6 +129,20 @@ void CDlArchive::DescribeArchive(const std::string& list, const ArchiveDescripti
     const std::string& url = description.url;
     archive::SetMeta(*index, "url", url.empty() || url.back() == '/' ? url : url + "/");
     transaction.Commit();
+}
+
+std::vector<std::string> CDlArchive::IndexCopies(const std::string& list)
+{
+    std::vector<std::string> copies;
+    std::error_code error;
+    for (std::filesystem::directory_iterator at(PathOf(list), error), end; !error && at != end;
+         at.increment(error)) {
+        const std::string name = at->path().filename().string();
+        if (name.starts_with("index.db.format-") || name.starts_with("index.db.damaged"))
+            copies.push_back(at->path().string());
+    }
+    std::sort(copies.begin(), copies.end());
+    return copies;
 }
 
 void CDlArchive::UpdateRemoteFile(const std::string& line)

@@ -46,12 +46,14 @@ struct ArchiveDescription {
     std::string url;          // where the pages are served, for the feed
 };
 
-// A posting that is recorded and not on the pages, because it could not be read.
+// A posting that is recorded and not on the pages, because it could not be read, or there in part
+// only.
 struct LeftOutPosting {
     unsigned long id = 0;
     std::string file;        // its path
     std::string cause;       // empty, and 0 in `since`, when an older version left it out
     std::int64_t since = 0;  // seconds since 1970 UTC
+    bool in_part = false;    // it has a page, which does not show all of it
 };
 
 class CDlArchive
@@ -76,13 +78,15 @@ class CDlArchive
     static void AddArchive(const std::string& archive_path, unsigned long id);
     // Brings the pages of `list` up to date: reads what has been recorded and writes the pages that
     // show it, no others. A list without archive folder has no pages, which is no failure. A
-    // posting that cannot be read is left out, with a level 1 line. Minutes for a first run over
-    // very many postings.
+    // posting that cannot be read is left out, one whose parts cannot all be read is shown without
+    // those, with a level 1 line; both are tried again by another version of the program. Faults of
+    // the machine are thrown and concern no posting. Minutes for a first run over very many
+    // postings.
     static void GenerateIndexPages(const std::string& list);
-    // The postings that are left out, by id; none when there is no archive. Only looks: an index of
-    // an older format stays as it is.
+    // The postings that are left out or shown in part, by id; none when there is no archive. Only
+    // looks: an index of an older format stays as it is.
     [[nodiscard]] static std::vector<LeftOutPosting> LeftOut(const std::string& list);
-    // Has them read once more by the next GenerateIndexPages.
+    // Has them tried once more by the next GenerateIndexPages.
     static void RetryLeftOut(const std::string& list);
 
     // Takes a posting out for good: file, index, attachments, and all pages that showed it. Throws
@@ -93,6 +97,8 @@ class CDlArchive
     static void RebuildArchive(const std::string& list);
     // Sets what the pages say of the list; they are written by the next GenerateIndexPages.
     static void DescribeArchive(const std::string& list, const ArchiveDescription& description);
+    // The copies of the list's index that upgrades and rebuilds have left beside it, their paths.
+    [[nodiscard]] static std::vector<std::string> IndexCopies(const std::string& list);
     // The archive folder of `list`. Throws as GetArchivePath does.
     [[nodiscard]] static std::string PathOf(const std::string& list);
 

@@ -44,6 +44,25 @@ const char* Meaning(int code)
     }
 }
 
+bool IsDamage(int code)
+{
+    return (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
+}
+
+// The errno of the read of index or log that failed last; 0: none did. What SQLite calls damaged
+// may be a disk that cannot be read.
+int ReadError(sqlite3* db)
+{
+    int error = 0;
+    for (const int which : {SQLITE_FCNTL_FILE_POINTER, SQLITE_FCNTL_JOURNAL_POINTER}) {
+        sqlite3_file* file = nullptr;
+        if (error == 0 && sqlite3_file_control(db, "main", which, &file) == SQLITE_OK && file &&
+            file->pMethods)
+            (void)file->pMethods->xFileControl(file, SQLITE_FCNTL_LAST_ERRNO, &error);
+    }
+    return error;
+}
+
 // The errno of a fault of the machine behind `code`, 0 for none. `error` is the errno that SQLite
 // saw last.
 int MachineFault(int code, int error)
@@ -58,6 +77,8 @@ int MachineFault(int code, int error)
         case SQLITE_IOERR:
             return IsMachineFault(error) ? error : EIO;
         case SQLITE_CANTOPEN:
+        case SQLITE_CORRUPT:
+        case SQLITE_NOTADB:
             return IsMachineFault(error) ? error : 0;
         default:
             return 0;
@@ -67,9 +88,9 @@ int MachineFault(int code, int error)
 // Throws what `code` means for `subject`.
 [[noreturn]] void Throw(const std::string& subject, int code, int error)
 {
-    const std::string text = subject + " " + Meaning(code);
     if (const int fault = MachineFault(code, error))
-        FailWith(text, fault);
+        FailWith(subject + " " + Meaning(IsDamage(code) ? SQLITE_IOERR : code), fault);
+    const std::string text = subject + " " + Meaning(code);
     switch (code & 0xFF) {
         case SQLITE_CORRUPT:
         case SQLITE_NOTADB:
@@ -124,7 +145,7 @@ bool Rows::IsNull(int column) const
     return sqlite3_column_type(statement_, column) == SQLITE_NULL;
 }
 
-Database::Database(const std::string& path, Open how) : path_(path)
+Database::Database(const std::string& path, Open how) : path_(path), looks_(how == Open::kRead)
 {
     const int flags =
         how == Open::kMake ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
@@ -175,7 +196,11 @@ void Database::Script(const char* sql)
 
 void Database::Fail(int code) const
 {
-    Throw("the archive index " + path_, code, sqlite3_system_errno(db_));
+    // Whoever only looks lacks the right to, whatever the disk is.
+    if (looks_ && (code & 0xFF) == SQLITE_READONLY)
+        throw CDlArchiveException("the archive index " + path_ + " cannot be read by this user");
+    Throw("the archive index " + path_, code,
+          IsDamage(code) ? ReadError(db_) : sqlite3_system_errno(db_));
 }
 
 sqlite3_stmt* Database::Prepare(const char* sql)

@@ -104,6 +104,7 @@ class Database
     void Bind(sqlite3_stmt* statement, int at, const std::optional<std::int64_t>& value);
 
     std::string path_;
+    bool looks_;
     sqlite3* db_ = nullptr;
     std::unordered_map<const char*, sqlite3_stmt*> statements_;
 };

@@ -1,7 +1,5 @@
 #include "platform/archive/generate.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <vector>
@@ -9,12 +7,9 @@
 #include "platform/archive/assets.h"
 #include "platform/archive/failure_private.h"
 #include "platform/archive/filing_private.h"
-#include "platform/archive/left_out_private.h"
+#include "platform/archive/incoming_private.h"
 #include "platform/archive/pages_private.h"
 #include "platform/archive/trees.h"
-#include "platform/clock/clock.h"
-#include "platform/log/format.h"
-#include "platform/log/log.h"
 #include "platform/mime/read_posting.h"
 
 namespace dl::archive
@@ -22,26 +17,13 @@ namespace dl::archive
 namespace
 {
 
-constexpr std::int64_t kReadAtOnce = 200;    // postings per transaction
 constexpr std::int64_t kWriteAtOnce = 1000;  // pages per sync
-constexpr int kLayout = 1;                   // changes with the pages' markup
 
-struct Incoming {
+// What is missing on a posting's page; empty: nothing.
+struct PostingTrouble {
     std::int64_t id = 0;
-    std::int64_t stamp = 0;
-    std::optional<Facts> facts;  // none: the file cannot be read
+    std::string cause;
 };
-
-std::optional<Facts> ReadFacts(const std::string& path, std::int64_t id)
-{
-    const auto file = PostingFile::Read(path);
-    if (!file)
-        return std::nullopt;
-    struct stat status {
-    };
-    const std::int64_t arrival = ::stat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
-    return FactsOf(file->Get(), id, arrival, Now());
-}
 
 class Generator
 {
@@ -57,7 +39,8 @@ class Generator
     {
         FinishExchange(path_, *index_);
         RemoveGone();
-        ReadIncoming();
+        RetryFailed(*index_, Retry::kOfOtherMakers);
+        ReadIncoming(*index_, path_, list_);
         RemoveGone();
         const std::string top = path_ + "/" + PagesFolder(*index_);
         const Site site = MakeSite();
@@ -89,46 +72,6 @@ class Generator
     }
 
  private:
-    void ReadIncoming()
-    {
-        for (;;) {
-            std::vector<Incoming> all;
-            {
-                Rows rows = index_->Query(
-                    "SELECT id, stamp FROM incoming WHERE failed=0 ORDER BY id LIMIT ?1",
-                    kReadAtOnce);
-                while (rows.Next())
-                    all.push_back({rows.Int(0), rows.Int(1), std::nullopt});
-            }
-            if (all.empty())
-                return;
-            // Reading may take long; a posting is filed meanwhile without waiting for it.
-            for (Incoming& one : all)
-                one.facts = ReadFacts(path_ + "/" + PostingFileName(one.id), one.id);
-            Transaction transaction(*index_);
-            for (const Incoming& one : all)
-                File(one);
-            transaction.Commit();
-        }
-    }
-
-    // A posting that was filed again since it was read is read again.
-    void File(const Incoming& one)
-    {
-        if (one.facts) {
-            FilePosting(*index_, *one.facts);
-            index_->Run("DELETE FROM incoming WHERE id=?1 AND stamp=?2", one.id, one.stamp);
-            return;
-        }
-        const std::string cause = WhyLeftOut(path_ + "/" + PostingFileName(one.id));
-        LeaveOut(*index_, one.id, one.stamp, cause);
-        LogMessage(
-            1, "DL Manager",
-            FormatText("The archive of %s leaves out %s, which cannot be read as a message: %s",
-                       list_.c_str(), PostingFileName(one.id).c_str(), cause.c_str())
-                .c_str());
-    }
-
     Site MakeSite()
     {
         std::string title = Meta(*index_, "title");
@@ -141,7 +84,7 @@ class Generator
     // pages are due.
     void PrepareFolder(const Site& site, const std::string& top)
     {
-        std::string all = std::to_string(kLayout);
+        std::string all = std::to_string(kMaker);
         for (const std::string_view part :
              {kStyleSheet, kIcon, kSearchScript, std::string_view(site.list),
               std::string_view(site.title), std::string_view(site.description),
@@ -176,23 +119,28 @@ class Generator
         if (pages.empty())
             return false;
         PageBatch batch(top);
+        std::vector<PostingTrouble> troubles;
         for (const PageId& page : pages)
-            if (const auto bytes = Make(site, page, &batch))
+            if (const auto bytes = Make(site, page, &batch, &troubles))
                 batch.Add(PagePath(*index_, page), *bytes);
         batch.Commit();
         Transaction transaction(*index_);
         for (const PageId& page : pages)
             index_->Run("DELETE FROM dirty WHERE kind=?1 AND value=?2 AND page=?3",
                         static_cast<std::int64_t>(page.kind), page.value, page.page);
+        for (const PostingTrouble& trouble : troubles)
+            NoteShown(*index_, list_, trouble.id, trouble.cause);
         transaction.Commit();
         return true;
     }
 
-    static std::optional<std::string> Make(const Site& site, const PageId& page, PageBatch* batch)
+    static std::optional<std::string> Make(const Site& site, const PageId& page, PageBatch* batch,
+                                           std::vector<PostingTrouble>* troubles)
     {
         switch (page.kind) {
             case PageKind::kPosting:
-                return PostingPage(site, page.value, batch);
+                return PostingPage(site, page.value, batch,
+                                   &troubles->emplace_back(PostingTrouble{page.value, ""}).cause);
             case PageKind::kThread:
                 return ThreadPage(site, page);
             case PageKind::kMonth:

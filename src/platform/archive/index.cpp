@@ -14,14 +14,17 @@ namespace
 {
 
 // `sort` keys: of a posting its date and id, of a thread its first posting's, of an author the
-// folded name and id. `address` keeps a posting's place for good, also when it is removed.
-// `incoming`: what has not been read yet, and, with `failed` 1, what could not be read, with why
-// and since when.
+// folded name and id. `address` keeps a posting's place permanently, also when it is removed.
+// `incoming`: what has not been read yet, and what could not be read or shown, with why, since when
+// and by which version of the reader (incoming_private.h); `announced` is when it was recorded
+// before its file was there, 0 once it is. `source`: what each posting was made from.
 constexpr const char* kSchema = R"(
 CREATE TABLE meta (name TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
 CREATE TABLE incoming (
   id INTEGER PRIMARY KEY, stamp INTEGER NOT NULL, failed INTEGER NOT NULL DEFAULT 0,
-  cause TEXT NOT NULL DEFAULT '', failed_at INTEGER NOT NULL DEFAULT 0);
+  cause TEXT NOT NULL DEFAULT '', failed_at INTEGER NOT NULL DEFAULT 0,
+  maker INTEGER NOT NULL DEFAULT 0, announced INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE source (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);
 CREATE TABLE posting (
   id INTEGER PRIMARY KEY, sort TEXT NOT NULL, slug TEXT NOT NULL UNIQUE, message_id TEXT NOT NULL,
   date INTEGER NOT NULL, month INTEGER NOT NULL, subject TEXT NOT NULL, name TEXT NOT NULL,

@@ -19,7 +19,7 @@
 namespace dl::archive
 {
 
-inline constexpr std::int64_t kFormatVersion = 2;
+inline constexpr std::int64_t kFormatVersion = 3;
 inline constexpr const char* kPagesFolder = "html";  // below the archive folder
 inline constexpr std::int64_t kLeafSize = 200;
 inline constexpr std::int64_t kShardSize = 500;

@@ -1,13 +1,15 @@
-// Bringing an index of an older format up to date: a copy first, then one transaction.
+// Bringing an index of an older format up to date: a copy first, then all steps in one transaction.
 //
 //   1  postings, pages, and what came in
 //   2  why a posting is left out, and since when
+//   3  which version of the reader left it out; what a posting was made from
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <iterator>
 
 #include "platform/archive/failure_private.h"
 #include "platform/archive/index_private.h"
@@ -60,13 +62,22 @@ void Copy(Database& index, const std::string& path, const std::string& backup)
     }
 }
 
-void MigrateFrom1(Database& index)
+// From each format to the next.
+constexpr const char* kSteps[] = {
+    "ALTER TABLE incoming ADD COLUMN cause TEXT NOT NULL DEFAULT '';"
+    "ALTER TABLE incoming ADD COLUMN failed_at INTEGER NOT NULL DEFAULT 0",
+
+    "ALTER TABLE incoming ADD COLUMN maker INTEGER NOT NULL DEFAULT 0;"
+    "ALTER TABLE incoming ADD COLUMN announced INTEGER NOT NULL DEFAULT 0;"
+    "CREATE TABLE source (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE)"};
+static_assert(std::size(kSteps) == kFormatVersion - 1);
+
+void Migrate(Database& index, std::int64_t format)
 {
     Transaction transaction(index);
-    index.Script(
-        "ALTER TABLE incoming ADD COLUMN cause TEXT NOT NULL DEFAULT '';"
-        "ALTER TABLE incoming ADD COLUMN failed_at INTEGER NOT NULL DEFAULT 0;"
-        "PRAGMA user_version=2");
+    for (std::int64_t from = format; from < kFormatVersion; ++from)
+        index.Script(kSteps[from - 1]);
+    index.Script(("PRAGMA user_version=" + std::to_string(kFormatVersion)).c_str());
     transaction.Commit();
 }
 
@@ -83,7 +94,7 @@ void BringUpToDate(Database& index, const std::string& archive_path)
     const std::string path = archive_path + "/index.db";
     const std::string backup = path + ".format-" + std::to_string(format);
     Copy(index, path, backup);
-    MigrateFrom1(index);
+    Migrate(index, format);
     LogMessage(5, "DL Manager",
                FormatText("The index %s was brought from format %lld to %lld, the old one is kept "
                           "as %s",

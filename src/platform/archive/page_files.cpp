@@ -56,19 +56,28 @@ void PageBatch::MakeFolderOf(const std::string& path)
 
 void PageBatch::Add(const std::string& path, std::string_view bytes)
 {
-    Add(path, [bytes](FileWriter* out) { return out->Write(bytes); });
+    if (!TryAdd(path, [bytes](FileWriter* out) { return out->Write(bytes); }))
+        Fail("write " + top_ + "/" + path, 0);
 }
 
-void PageBatch::Add(const std::string& path, const std::function<bool(FileWriter*)>& write)
+bool PageBatch::TryAdd(const std::string& path, const std::function<bool(FileWriter*)>& write)
 {
+    const FaultWatch watch;
     MakeFolderOf(path);
     const std::string name = TempName(top_ + "/" + path);
     paths_.push_back(path);
     errno = 0;
     FileWriter out(name, "wb");
-    const bool written = out.IsOpen() && write(&out);
-    if (!out.Close() || !written)
-        Fail("write " + top_ + "/" + path, errno);
+    const bool filled = out.IsOpen() && write(&out);
+    const int error = errno;
+    if (!out.Close())  // also when it could not be opened, or a write failed
+        Fail("write " + top_ + "/" + path, error);
+    if (filled)
+        return true;
+    watch.FailIfMachine("write " + top_ + "/" + path);
+    paths_.pop_back();
+    RemoveTree(name);
+    return false;
 }
 
 void PageBatch::SyncFiles() const

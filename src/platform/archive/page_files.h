@@ -29,8 +29,10 @@ class PageBatch
 
     [[nodiscard]] const std::string& Top() const { return top_; }
     void Add(const std::string& path, std::string_view bytes);
-    // A file that `write` fills; false from it means that it could not.
-    void Add(const std::string& path, const std::function<bool(FileWriter*)>& write);
+    // A file that `write` fills. False when `write` has nothing to fill it with: there is no file
+    // then. What the machine is to blame for is thrown.
+    [[nodiscard]] bool TryAdd(const std::string& path,
+                              const std::function<bool(FileWriter*)>& write);
     [[nodiscard]] std::size_t Size() const { return paths_.size(); }
     void Commit();
 

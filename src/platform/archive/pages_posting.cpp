@@ -1,7 +1,13 @@
 // The page of one posting.
+#include <cerrno>
+#include <new>
+
 #include "platform/archive/facts.h"
+#include "platform/archive/failure_private.h"
+#include "platform/archive/incoming_private.h"
 #include "platform/archive/pages_private.h"
 #include "platform/archive/safe_name.h"
+#include "platform/archive/trees.h"
 #include "platform/log/format.h"
 #include "platform/mime/read_posting.h"
 
@@ -64,29 +70,39 @@ std::string Texts(const Posting& posting)
     return out;
 }
 
-// The list of attachments. Files that are not there yet are put into `batch`.
-std::string Attachments(const PostingFile& file, const std::string& slug, PageBatch* batch)
+// One line of the list of attachments. The file is put into `batch` unless it is there.
+std::string Attachment(const PostingFile& file, std::size_t number, const std::string& slug,
+                       PageBatch* batch, std::string* trouble)
+{
+    const PostingAttachment& attachment = file.Get().attachments[number];
+    const std::string name = SafeFileName(number + 1, attachment.name, attachment.type);
+    const std::string path = PostingFolder(slug) + "/" + name;
+    const std::string shown = Shorten(attachment.name, 100);
+    const std::string label = shown.empty() ? "<bdi>" + name + "</bdi>" : HeaderHtml(shown);
+    const std::string type = Escape(Shorten(attachment.type, 60));
+    std::int64_t size = FileSize(batch->Top() + "/" + path);
+    if (size < 0) {
+        if (!batch->TryAdd(
+                path, [&](FileWriter* writer) { return file.WriteAttachment(number, writer); })) {
+            *trouble += (trouble->empty() ? "" : ", ") + ("attachment " + name) + " cannot be read";
+            return "<li>" + label + " <span class=\"soft\">" + type +
+                   ", cannot be read</span></li>\n";
+        }
+        size = FileSize(batch->Top() + "/" + path + ".new");
+    }
+    return "<li>" + Link(kUp + path, label, " download") + " <span class=\"soft\">" + type + ", " +
+           SizeText(std::max<std::int64_t>(size, 0)) + "</span></li>\n";
+}
+
+std::string Attachments(const PostingFile& file, const std::string& slug, PageBatch* batch,
+                        std::string* trouble)
 {
     const Posting& posting = file.Get();
     if (posting.attachments.empty() && posting.more_parts == 0)
         return "";
     std::string out = "<h2>Attachments</h2>\n<ul class=\"files\">\n";
-    for (std::size_t i = 0; i < posting.attachments.size(); ++i) {
-        const PostingAttachment& attachment = posting.attachments[i];
-        const std::string name = SafeFileName(i + 1, attachment.name, attachment.type);
-        const std::string path = PostingFolder(slug) + "/" + name;
-        std::int64_t size = FileSize(batch->Top() + "/" + path);
-        if (size < 0) {
-            batch->Add(path, [&](FileWriter* writer) { return file.WriteAttachment(i, writer); });
-            size = FileSize(batch->Top() + "/" + path + ".new");
-        }
-        const std::string shown = Shorten(attachment.name, 100);
-        out += "<li>" +
-               Link(kUp + path, shown.empty() ? "<bdi>" + name + "</bdi>" : HeaderHtml(shown),
-                    " download") +
-               " <span class=\"soft\">" + Escape(Shorten(attachment.type, 60)) + ", " +
-               SizeText(std::max<std::int64_t>(size, 0)) + "</span></li>\n";
-    }
+    for (std::size_t i = 0; i < posting.attachments.size(); ++i)
+        out += Attachment(file, i, slug, batch, trouble);
     out += "</ul>\n";
     if (posting.more_parts > 0)
         out += "<p class=\"note\">" +
@@ -184,9 +200,36 @@ std::string Head(const Site& site, const Entry& own, const PostingFile* file)
     return out + "</dl>\n";
 }
 
+std::string Note(const char* text)
+{
+    return std::string("<p class=\"note\">") + text + "</p>\n";
+}
+
+// What the author wrote and attached, from the posting's file.
+std::string Content(const PostingFile* file, const std::string& path, const std::string& slug,
+                    PageBatch* batch, std::string* trouble)
+{
+    if (file)
+        return Texts(file->Get()) + Attachments(*file, slug, batch, trouble);
+    *trouble = WhyUnreadable(path);
+    return Note(FileSize(path) < 0 ? "The message itself is not in the archive any more."
+                                   : "The message itself cannot be read.");
+}
+
+std::string Article(const Site& site, const Entry& own, PageBatch* batch, std::string* trouble)
+{
+    const std::string path = site.archive + "/" + PostingFileName(own.id);
+    const FaultWatch watch;
+    const auto file = PostingFile::Read(path);
+    if (!file)
+        watch.FailIfMachine("read " + path);
+    return Head(site, own, file.get()) + Content(file.get(), path, own.slug, batch, trouble);
+}
+
 }  // namespace
 
-std::optional<std::string> PostingPage(const Site& site, std::int64_t id, PageBatch* batch)
+std::optional<std::string> PostingPage(const Site& site, std::int64_t id, PageBatch* batch,
+                                       std::string* trouble)
 {
     const auto own =
         ReadEntry(site.index.Query("SELECT " DL_ENTRY_COLUMNS " FROM posting WHERE id=?1", id));
@@ -194,12 +237,15 @@ std::optional<std::string> PostingPage(const Site& site, std::int64_t id, PageBa
         return std::nullopt;
     const std::string sort =
         site.index.Text("SELECT sort FROM posting WHERE id=?1", id).value_or("");
-    const auto file = PostingFile::Read(
-        site.archive + FormatText("/%08llX.msg", static_cast<unsigned long long>(id)));
-    std::string main =
-        "<article>\n<h1>" + HeaderHtml(own->subject) + "</h1>\n" + Head(site, *own, file.get());
-    main += file ? Texts(file->Get()) + Attachments(*file, own->slug, batch)
-                 : "<p class=\"note\">The message itself is not in the archive any more.</p>\n";
+    std::string main = "<article>\n<h1>" + HeaderHtml(own->subject) + "</h1>\n";
+    try {
+        main += Article(site, *own, batch, trouble);
+    } catch (const std::bad_alloc&) {
+        Fail("make the page of " + PostingFileName(id), ENOMEM);
+    } catch (const std::exception& problem) {
+        *trouble = std::string("the program fails at it: ") + problem.what();
+        main += Note("This posting cannot be shown.");
+    }
     main += "</article>\n" + Replies(site, id) + Steps(site, *own, sort);
     Frame frame;
     frame.list = site.title;

@@ -54,8 +54,9 @@ struct Entry {
                                 const std::string& up, const char* before, const char* after);
 [[nodiscard]] std::string SearchForm(const std::string& up, bool hidden);
 
+// What cannot be shown of the posting is said on the page and in `trouble`.
 [[nodiscard]] std::optional<std::string> PostingPage(const Site& site, std::int64_t id,
-                                                     PageBatch* batch);
+                                                     PageBatch* batch, std::string* trouble);
 [[nodiscard]] std::optional<std::string> ThreadPage(const Site& site, const PageId& page);
 [[nodiscard]] std::optional<std::string> MonthPage(const Site& site, const PageId& page);
 [[nodiscard]] std::optional<std::string> ThreadMonthPage(const Site& site, const PageId& page);

@@ -209,9 +209,11 @@ void PrintUnreadable(const std::vector<LeftOutPosting>& postings, bool json)
             rows.push_back({{"id", id},
                             {"file", one.file},
                             {"since", since.empty() ? Json() : Json(since)},
-                            {"cause", one.cause.empty() ? Json() : Json(one.cause)}});
+                            {"cause", one.cause.empty() ? Json() : Json(one.cause)},
+                            {"in_part", one.in_part}});
         else
-            std::printf("%s  %-20s  %s\n", id.c_str(), since.empty() ? "-" : since.c_str(),
+            std::printf("%s  %-20s  %s%s\n", id.c_str(), since.empty() ? "-" : since.c_str(),
+                        one.in_part ? "shown in part: " : "",
                         one.cause.empty() ? "not noted, by an older version" : one.cause.c_str());
     }
     if (json)
@@ -238,12 +240,9 @@ int Unreadable(const ArchiveOptions& options)
 // Copies of the index that an upgrade or a rebuild has left still hold what is removed.
 void NoteCopies(const std::string& list)
 {
-    for (const char* name : {"/index.db.format-1", "/index.db.damaged"}) {
-        const std::string copy = CDlArchive::PathOf(list) + name;
-        if (access(copy.c_str(), F_OK) == 0)
-            Complain(kExitOk, "note: %s may still hold its words; remove it when you can",
-                     copy.c_str());
-    }
+    for (const std::string& copy : CDlArchive::IndexCopies(list))
+        Complain(kExitOk, "note: %s may still hold its words; remove it when you can",
+                 copy.c_str());
 }
 
 int Remove(const ArchiveOptions& options)
@@ -293,11 +292,10 @@ void AddArchiveCommands(CLI::App* program, int* status)
     rebuild->callback([=] { *status = Rebuild(*options); });
 
     CLI::App* unreadable = archive->add_subcommand(
-        "unreadable",
-        "Show the postings that the pages leave out, because they cannot be read, and why");
+        "unreadable", "Show the postings that the pages leave out or show in part, and why");
     unreadable->add_option("list", options->list, "The list's address")->required();
     unreadable->add_flag("--retry", options->retry,
-                         "Read them once more before; exit status 1 when some still cannot be");
+                         "Try them once more before; exit status 1 when some still fail");
     unreadable->add_flag("--json", options->json, "As JSON");
     unreadable->callback([=] { *status = Unreadable(*options); });
 

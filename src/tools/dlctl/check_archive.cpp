@@ -1,5 +1,7 @@
 // dlctl check: the archive of a list.
 
+#include <algorithm>
+
 #include "platform/archive/archive.h"
 #include "platform/log/format.h"
 #include "tools/dlctl/check.h"
@@ -7,7 +9,32 @@
 namespace dl
 {
 
-// What its pages leave out.
+namespace
+{
+
+// Warns of those that are left out, or of those that are shown in part.
+void WarnOf(const std::string& list, const std::vector<LeftOutPosting>& all, bool in_part,
+            CheckReport* report)
+{
+    const auto wanted = [in_part](const LeftOutPosting& one) { return one.in_part == in_part; };
+    const auto first = std::find_if(all.begin(), all.end(), wanted);
+    if (first == all.end())
+        return;
+    report->Warn(
+        FormatText("the archive of the list %s %s %zu posting(s) that cannot be read%s, the first "
+                   "is %s%s%s",
+                   list.c_str(), in_part ? "shows in part" : "leaves out",
+                   static_cast<std::size_t>(std::count_if(all.begin(), all.end(), wanted)),
+                   in_part ? " whole" : "", first->file.c_str(), first->cause.empty() ? "" : ": ",
+                   first->cause.c_str()),
+        FormatText("put the files right and run dlctl archive unreadable --retry %s, or dlctl "
+                   "archive remove %s %08lX",
+                   list.c_str(), list.c_str(), first->id));
+}
+
+}  // namespace
+
+// What its pages leave out, or show in part.
 void CheckArchive(const std::string& list, CheckReport* report)
 {
     std::vector<LeftOutPosting> left_out;
@@ -21,21 +48,14 @@ void CheckArchive(const std::string& list, CheckReport* report)
                          "upgrade and remove index.db-wal and index.db-shm");
         else if (problem.fault == ArchiveFault::kDamaged)
             report->Fail(what, "dlctl archive rebuild " + list);
+        else if (problem.fault == ArchiveFault::kMachine)
+            report->Fail(what, "look at the disk, its room and its log");
         else
             report->CannotTell(what, "run this as root or as the service's user");
         return;
     }
-    if (left_out.empty())
-        return;
-    const LeftOutPosting& first = left_out.front();
-    report->Warn(
-        FormatText("the archive of the list %s leaves out %zu posting(s) that cannot be read, the "
-                   "first is %s%s%s",
-                   list.c_str(), left_out.size(), first.file.c_str(),
-                   first.cause.empty() ? "" : ": ", first.cause.c_str()),
-        FormatText("put the files right and run dlctl archive unreadable --retry %s, or dlctl "
-                   "archive remove %s %08lX",
-                   list.c_str(), list.c_str(), first.id));
+    for (const bool in_part : {false, true})
+        WarnOf(list, left_out, in_part, report);
 }
 
 }  // namespace dl

@@ -115,7 +115,7 @@ TEST_F(Archive, AnIndexOfANewerProgramIsRefused)
         0);
     const std::string want = "the archive index " + ArchivePath() +
                              "/index.db was written by a newer version of this program (format 7, "
-                             "this one knows formats up to 2)";
+                             "this one knows formats up to 3)";
     EXPECT_EQ(What([&] { CDlArchive::AddArchive(ArchivePath(), 1); }), want);
     EXPECT_EQ(What([&] { Generate(); }), want);
     EXPECT_EQ(What([&] { CDlArchive::RebuildArchive(list); }), want);

@@ -8,6 +8,7 @@
 
 #include "platform/files/machine_fault.h"
 #include "tests/platform/archive/archive_fixture.h"
+#include "tests/support/child.h"
 #include "tests/support/failing_files.h"
 #include "tests/support/failing_reads.h"
 #include "tests/support/no_descriptors.h"
@@ -59,6 +60,23 @@ class ArchiveFault : public ArchiveFixture
  protected:
     ArchiveFault() { ForgetMachineFault(); }
     ~ArchiveFault() override { ForgetMachineFault(); }
+
+    void Sql(const std::string& command) const
+    {
+        std::string output;
+        EXPECT_EQ(RunProgram({"/usr/bin/sqlite3", ArchivePath() + "/index.db", command}, &output),
+                  0)
+            << output;
+    }
+    // "<id> <cause>" of each posting that is left out or shown in part.
+    [[nodiscard]] std::string Failed() const
+    {
+        std::string all;
+        for (const LeftOutPosting& one : CDlArchive::LeftOut(list))
+            all +=
+                std::to_string(one.id) + " " + one.cause + (one.in_part ? " (in part)" : "") + ", ";
+        return all;
+    }
 };
 
 TEST_F(ArchiveFault, OfTheMachineIsToldFromThoseOfTheIndex)
@@ -139,6 +157,124 @@ TEST_F(ArchiveFault, ThePasswordFileIsNotWrittenOverUnread)
     }
     archive.UpdateRemoteFile("carl:3");
     EXPECT_EQ(ReadFile(ArchivePath() + "/htpasswd"), "anna:1\ncarl:3\n");
+}
+
+// An ordinary forward, and one whose part breaks off in its header.
+constexpr const char* kForward =
+    "Subject: Forward\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n"
+    "--b\r\n\r\nSee below.\r\n--b\r\nContent-Type: message/rfc822\r\n\r\n"
+    "Subject: inner\r\n\r\ninner text\r\n--b--\r\n";
+constexpr const char* kBroken =
+    "Subject: Broken\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n"
+    "--b\r\n\r\nA text.\r\n--b\r\nContent-Type: image/png; name=rose.png\r\n\r\npng\r\n"
+    "--b\r\nContent-Type: message/rfc822\r\n";
+
+TEST_F(ArchiveFault, OfOnePostingConcernsNoOther)
+{
+    PostRaw(1, kBroken);
+    PostRaw(2, kForward);
+    Post(3, {.subject = "Empty"});
+    Write("data/" + list + "/archive/00000003.msg", "");
+    Post(4, {.subject = "Refused"});
+    Post(5, {.subject = "Fine"});
+    // Nothing of a posting should be such that the index refuses it; should it be all the same:
+    CDlArchive::DescribeArchive(list, {});
+    Sql("CREATE TRIGGER refuse BEFORE INSERT ON posting WHEN new.subject='Refused'"
+        " BEGIN SELECT RAISE(ABORT, 'no'); END");
+    log.ExpectError("leaves out 00000003.msg, which cannot be read as a message: it is empty");
+    log.ExpectError(
+        "leaves out 00000004.msg, which cannot be read as a message: the archive index");
+    log.ExpectError(
+        "The archive of garden@lists.example.org shows 00000001.msg in part only: attachment "
+        "2-message.txt cannot be read");
+    Generate();
+    CheckPages();
+    EXPECT_EQ(PostingPages("Fine").size(), 1U);
+    const std::string forward = PostingPage("Forward");
+    EXPECT_NE(forward.find("1-message.txt"), std::string::npos);
+    const std::string broken = PostingPage("Broken");
+    for (const char* part : {"A text.", "1-rose.png\" download", "message/rfc822, cannot be read"})
+        EXPECT_NE(broken.find(part), std::string::npos) << part;
+    EXPECT_EQ(Failed(),
+              "1 attachment 2-message.txt cannot be read (in part), 3 it is empty, "
+              "4 the archive index " +
+                  ArchivePath() + "/index.db takes no such posting, ");
+
+    // Another version of the program tries again by itself, this one only when it is told to.
+    const auto before = Inodes();
+    Generate();
+    EXPECT_EQ(Written(before), std::vector<std::string>{});
+    Sql("DROP TRIGGER refuse; UPDATE incoming SET maker=0");
+    Write("data/" + list + "/archive/00000003.msg", MessageOf(3, {.subject = "Not empty"}));
+    Generate();
+    EXPECT_EQ(Failed(), "1 attachment 2-message.txt cannot be read (in part), ");
+    EXPECT_EQ(PostingPages("Refused").size(), 1U);
+    EXPECT_EQ(PostingPages("Not empty").size(), 1U);
+    Write("data/" + list + "/archive/00000001.msg",
+          std::string(kBroken) + "\r\nwhole\r\n--b--\r\n");
+    CDlArchive::RetryLeftOut(list);
+    Generate();
+    EXPECT_EQ(Failed(), "");
+    EXPECT_NE(PostingPage("Broken").find("2-message.txt\" download"), std::string::npos);
+    CheckPages();
+}
+
+// A file that has gone, or has become something else, since it was read.
+TEST_F(ArchiveFault, AMessageThatHasGoneIsSaidOnItsPage)
+{
+    Post(1, {.subject = "Gone"});
+    Post(2, {.subject = "Emptied"});
+    Post(3, {.subject = "Fine"});
+    Generate();
+    std::filesystem::remove(ArchivePath() + "/00000001.msg");
+    Write("data/" + list + "/archive/00000002.msg", "");
+    CDlArchive::DescribeArchive(list, {"Another title", "", ""});  // all pages are due
+    log.ExpectError("00000001.msg in part only: it cannot be opened: No such file");
+    log.ExpectError("00000002.msg in part only: it is empty");
+    Generate();
+    EXPECT_NE(PostingPage("Gone").find("not in the archive any more"), std::string::npos);
+    EXPECT_NE(PostingPage("Emptied").find("cannot be read"), std::string::npos);
+    CDlArchive::RemoveArchive(list, 1);
+    EXPECT_EQ(Failed(), "2 it is empty (in part), ");
+    CheckPages();
+}
+
+// Whenever the machine fails, the run ends, no posting is blamed, and the next run goes on.
+TEST_F(ArchiveFault, OfTheMachineIsHeldAgainstNoPosting)
+{
+    PostRaw(1, kForward);
+    Generate();
+    const std::string want = Everything();
+    for (const bool reads : {true, false}) {
+        bool failed = true;
+        for (int good = 0; failed; ++good) {
+            SCOPED_TRACE((reads ? "reads " : "files ") + std::to_string(good));
+            ASSERT_LT(good, 2000);
+            CDlArchive::RebuildArchive(list);
+            CDlArchive::AddArchive(ArchivePath(), 1);
+            CDlArchive::DescribeArchive(list, {});
+            ForgetMachineFault();
+            try {
+                if (reads) {
+                    const FailingReads disk(good, EIO);
+                    Generate();
+                } else {
+                    FailingFiles files;
+                    files.FailNth(FileCall::kCreate, good + 1);
+                    Generate();
+                }
+                failed = false;
+            } catch (const CDlArchiveException& problem) {
+                EXPECT_EQ(problem.fault, dl::ArchiveFault::kMachine) << problem.message;
+                EXPECT_EQ(NotedMachineFault(), reads ? EIO : ENOSPC);
+            }
+            EXPECT_EQ(Failed(), "");
+            Generate();
+            EXPECT_EQ(Everything(), want);
+            if (HasFailure())
+                return;
+        }
+    }
 }
 
 }  // namespace
