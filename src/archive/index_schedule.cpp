@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <exception>
+#include <optional>
 #include <string>
 
 #include "lists/dllist.h"
@@ -25,7 +27,7 @@ namespace dl
 namespace
 {
 
-std::atomic<int> workers{0};
+std::atomic<bool> working{false};
 
 struct IndexSchedule {
     int hour = 0;
@@ -40,11 +42,12 @@ struct IndexSchedule {
     }
 };
 
+// Everything is brought within the calendar: day 0 of the next month is the last one of this, on
+// which the next moment was then always the one that had just come.
 IndexSchedule ReadSchedule()
 {
-    const auto number = [](const char* key) {
-        // Beyond the calendar there is nothing to be meant, only arithmetic to overflow.
-        return std::clamp(GetPrivateProfileInt("DlManager", key, 0, kMainConfig), -366, 366);
+    const auto number = [](const char* key, int low, int high) {
+        return std::clamp(GetPrivateProfileInt("DlManager", key, 0, kMainConfig), low, high);
     };
     const std::string time =
         GetPrivateProfileString("DlManager", "ArchiveIndexTime", "00:00", 10, kMainConfig);
@@ -52,13 +55,14 @@ IndexSchedule ReadSchedule()
         GetPrivateProfileString("DlManager", "ArchiveIndexFrequency", "Daily", 16, kMainConfig);
     const std::size_t colon = time.find(':');
     IndexSchedule schedule;
-    schedule.hour = std::atoi(time.c_str());
-    schedule.minute = colon == std::string::npos ? 0 : std::atoi(time.c_str() + colon + 1);
+    schedule.hour = std::clamp(std::atoi(time.c_str()), 0, 23);
+    if (colon != std::string::npos)
+        schedule.minute = std::clamp(std::atoi(time.c_str() + colon + 1), 0, 59);
     schedule.frequency = EqualNoCase(frequency, "weekly")    ? kWeekly
                          : EqualNoCase(frequency, "monthly") ? kMonthly
                                                              : kDaily;
-    schedule.weekday = number("ArchiveDayOfWeek");
-    schedule.month_day = number("ArchiveDayOfMonth");
+    schedule.weekday = number("ArchiveDayOfWeek", 0, 6);
+    schedule.month_day = number("ArchiveDayOfMonth", 1, 31);
     return schedule;
 }
 
@@ -78,10 +82,25 @@ void CreateWhenMissing(const std::string& path, const IndexSchedule& schedule, s
     (void)DueFile::Create(path, first);  // without a data folder there is no archive to index
 }
 
+void GeneratePagesOf(const std::string& list)
+{
+    {
+        const ArchiveLock archive(SharedArchive());
+        archive->SetList(list);
+        archive->GetArchivePath();
+    }
+    // Without the lock: filing a posting must not wait for minutes of page writing.
+    CDlArchive::GenerateIndexPages(list);
+}
+
 void* GenerateArchiveIndexThread(void* /*nothing*/)
 {
-    GenerateArchiveIndexes();
-    --workers;
+    try {
+        GenerateArchiveIndexes();
+    } catch (const std::exception& problem) {
+        DlLog(1, "The archives' pages cannot be made: %s", problem.what());
+    }
+    working = false;
     return nullptr;
 }
 
@@ -91,12 +110,12 @@ bool StartWorker()
     pthread_t worker;
     if (pthread_attr_init(&attributes) != 0)
         return false;
-    ++workers;
+    working = true;
     const bool started =
         pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0 &&
         pthread_create(&worker, &attributes, GenerateArchiveIndexThread, nullptr) == 0;
     if (!started)
-        --workers;
+        working = false;
     pthread_attr_destroy(&attributes);
     return started;
 }
@@ -105,7 +124,7 @@ bool StartWorker()
 
 bool ArchiveWorkerRuns()
 {
-    return workers.load() > 0;
+    return working;
 }
 
 void RunArchiveIndexSchedule()
@@ -120,15 +139,24 @@ void RunArchiveIndexSchedule()
     const std::time_t stored = file.Read();
     if (stored > schedule.Next(now) && !file.Overwrite(schedule.Next(now)))
         DlLog(1, "Unable to write file: %s", path.c_str());
-    if (now < stored)
+    // A worker at a time: a moment that comes meanwhile waits for its end.
+    if (now < stored || ArchiveWorkerRuns())
         return;
-    DlLog(5, "Time to update the archive index pages of  all mailing lists");
-    if (!StartWorker())
-        return;  // the next check tries again
+    static std::optional<std::time_t> unwritten;  // was worked for, and stands in the file still
+    if (unwritten != stored) {
+        DlLog(5, "Time to update the archive index pages of  all mailing lists");
+        if (!StartWorker())
+            return;  // the next check tries again
+    }
     const std::time_t next = schedule.Next(Now());
+    if (!file.Overwrite(next)) {
+        if (unwritten != stored)
+            DlLog(1, "Unable to write file: %s", path.c_str());
+        unwritten = stored;
+        return;
+    }
+    unwritten.reset();
     char text[32];
-    if (!file.Overwrite(next))
-        DlLog(1, "Unable to write file: %s", path.c_str());
     DlLog(6, "Next archive index generation  will be on %.24s", ctime_r(&next, text));
 }
 
@@ -136,19 +164,13 @@ void GenerateArchiveIndexes()
 {
     dllist lists;
     (void)lists.RefreshCache();  // it has logged; without lists there is nothing to do
-    try {
-        for (const char* list = lists.GetFirstList(); list; list = lists.GetNextList()) {
-            DlLog(5, "Generating archive index pages of %s mailing list", list);
-            {
-                const ArchiveLock archive(SharedArchive());
-                archive->SetList(list);
-                archive->GetArchivePath();
-            }
-            // Without the lock: filing a posting must not wait for minutes of page writing.
-            CDlArchive::GenerateIndexPages(list);
+    for (const char* list = lists.GetFirstList(); list; list = lists.GetNextList()) {
+        DlLog(5, "Generating archive index pages of %s mailing list", list);
+        try {
+            GeneratePagesOf(list);
+        } catch (const CDlArchiveException& problem) {
+            DlLog(1, "%s", problem.message);  // the other lists have pages too
         }
-    } catch (const CDlArchiveException& problem) {
-        DlLog(1, "%s", problem.message);
     }
     lists.DeleteCache();
     DlLog(5, "Releasing thread...");

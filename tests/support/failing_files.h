@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -54,7 +55,7 @@ class FailingFiles : public FileBackend, public Faults<FileCall>
         if (watched && !writes && Fails(FileCall::kRead, 0))
             return PosixFiles().Open("/proc/self/mem", mode);  // its first byte is an EIO
         std::FILE* file = PosixFiles().Open(path, mode);
-        if (file && watched && writes) {
+        if (file && watched && (writes || std::strchr(mode, '+'))) {
             const std::lock_guard<std::mutex> guard(mutex_);
             written_.insert(file);
         }
