@@ -1,7 +1,5 @@
 // dlctl check: the archive of a list.
 
-#include <algorithm>
-
 #include "platform/archive/archive.h"
 #include "platform/log/format.h"
 #include "tools/dlctl/check.h"
@@ -12,24 +10,33 @@ namespace dl
 namespace
 {
 
+constexpr std::size_t kNamed = 5;  // postings in one finding
+
 // Warns of those that are left out, or of those that are shown in part.
 void WarnOf(const std::string& list, const std::vector<LeftOutPosting>& all, bool in_part,
             CheckReport* report)
 {
-    const auto wanted = [in_part](const LeftOutPosting& one) { return one.in_part == in_part; };
-    const auto first = std::find_if(all.begin(), all.end(), wanted);
-    if (first == all.end())
+    std::size_t count = 0;
+    std::string named;
+    unsigned long first = 0;
+    for (const LeftOutPosting& one : all) {
+        if (one.in_part != in_part || ++count > kNamed)
+            continue;
+        first = count == 1 ? one.id : first;
+        named += (named.empty() ? "" : ", ") + one.file;
+        named += one.cause.empty() ? "" : " (" + one.cause + ")";
+    }
+    if (count == 0)
         return;
+    if (count > kNamed)
+        named += FormatText(" and %zu more", count - kNamed);
     report->Warn(
-        FormatText("the archive of the list %s %s %zu posting(s) that cannot be read%s, the first "
-                   "is %s%s%s",
-                   list.c_str(), in_part ? "shows in part" : "leaves out",
-                   static_cast<std::size_t>(std::count_if(all.begin(), all.end(), wanted)),
-                   in_part ? " whole" : "", first->file.c_str(), first->cause.empty() ? "" : ": ",
-                   first->cause.c_str()),
-        FormatText("put the files right and run dlctl archive unreadable --retry %s, or dlctl "
-                   "archive remove %s %08lX",
-                   list.c_str(), list.c_str(), first->id));
+        FormatText("the archive of the list %s %s %zu posting(s) that cannot be read%s: %s",
+                   list.c_str(), in_part ? "shows in part" : "leaves out", count,
+                   in_part ? " whole" : "", named.c_str()),
+        FormatText("put the files right and run dlctl archive unreadable --retry %s, or "
+                   "dlctl archive remove %s %08lX",
+                   list.c_str(), list.c_str(), first));
 }
 
 }  // namespace
