@@ -1,10 +1,13 @@
-// The archive library: first build of 10,000 and of 100,000 postings, and one posting more in the
-// larger one. Prints postings per second and the process's peak memory.
-// The files lie in a new folder below $DL_BENCH_DIR (default /var/tmp), removed at the end.
+// The archive library: first build of 10,000 and of 100,000 postings, one posting more in the
+// larger one, and what it costs to remember what each was made from. Prints postings per second and
+// the process's peak memory. The files lie in a new folder below $DL_BENCH_DIR (default /var/tmp),
+// removed at the end.
 //   archive_bench [COUNT...]     other numbers of postings
+//   DL_BENCH_ANNOUNCED=1         the postings are announced before, and their sources remembered
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -78,6 +81,37 @@ void Post(const std::string& archive, unsigned long id, unsigned long count)
     dl::CDlArchive::AddArchive(archive, id);
 }
 
+std::uintmax_t IndexSize(const std::string& archive)
+{
+    std::error_code none;
+    std::uintmax_t size = fs::file_size(archive + "/index.db", none);
+    const std::uintmax_t log = fs::file_size(archive + "/index.db-wal", none);
+    return size + (none ? 0 : log);
+}
+
+// Announces the postings, so many in each call; milliseconds for a posting.
+double Announce(const std::string& archive, unsigned long from, unsigned long to,
+                unsigned long at_once)
+{
+    const auto start = Clock::now();
+    for (unsigned long id = from; id < to; id += at_once) {
+        std::vector<dl::ArchiveFiling> filings;
+        for (unsigned long i = id; i < std::min(id + at_once, to); ++i)
+            filings.push_back({dl::FormatText("%08lX 6B%06lX", i * 7919 % to, i), i});
+        dl::CDlArchive::AnnounceArchive(archive, &filings);
+    }
+    return Seconds(start) * 1000 / static_cast<double>(to - from);
+}
+
+void AnnounceAll(const std::string& archive, unsigned long count)
+{
+    const double all = Announce(archive, 1, count + 1, 1000);
+    std::printf("%lu announced, 1000 at once: %.3f ms a posting, the index has %.1f MB\n", count,
+                all, static_cast<double>(IndexSize(archive)) / 1e6);
+    const double known = Announce(archive, 1, count + 1, 1000);
+    std::printf("the same again, all known: %.3f ms a posting\n", known);
+}
+
 void Build(const std::string& folder, unsigned long count)
 {
     setenv("DLMANAGER_CONF", folder.c_str(), 1);
@@ -86,6 +120,8 @@ void Build(const std::string& folder, unsigned long count)
     fs::create_directories(archive);
     for (unsigned long id = 1; id <= count; ++id)
         WriteFile(archive + dl::FormatText("/%08lX.msg", id), Message(id, count));
+    if (std::getenv("DL_BENCH_ANNOUNCED"))
+        AnnounceAll(archive, count);
     auto start = Clock::now();
     dl::CDlArchive::RebuildArchive(kList);  // takes all files that are there
     const double first = Seconds(start);
@@ -105,6 +141,10 @@ void Build(const std::string& folder, unsigned long count)
     }
     std::printf("one posting more in %lu: recorded in %.1f ms, shown in %.1f ms (mean of %lu)\n",
                 count, filing * 1000 / kMore, writing * 1000 / kMore, kMore);
+    const double one = Announce(archive, count * 2, count * 2 + 100, 1);
+    const double ten = Announce(archive, count * 3, count * 3 + 1000, 10);
+    std::printf("announced alone: %.2f ms; ten at once: %.2f ms a posting; the index has %.1f MB\n",
+                one, ten, static_cast<double>(IndexSize(archive)) / 1e6);
     std::fflush(stdout);
 }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "platform/address/address.h"
+#include "platform/archive/announce_private.h"
 #include "platform/archive/failure_private.h"
 #include "platform/archive/generate.h"
 #include "platform/archive/incoming_private.h"
@@ -80,6 +81,17 @@ void CDlArchive::AddArchive(const std::string& archive_path, unsigned long id)
     index->KeepLog();
     index->Run("INSERT OR REPLACE INTO incoming (id, stamp) VALUES (?1, ?2)",
                static_cast<std::int64_t>(id), NowMicroseconds());
+}
+
+void CDlArchive::AnnounceArchive(const std::string& archive_path,
+                                 std::vector<ArchiveFiling>* filings)
+{
+    for (const ArchiveFiling& filing : *filings)
+        if (filing.id > kMaxId)
+            throw CDlArchiveException(FormatText("no message can be archived as %lX", filing.id));
+    const auto index = archive::OpenIndex(archive_path);
+    index->KeepLog();
+    *filings = archive::Announce(*index, *filings);
 }
 
 void CDlArchive::GenerateIndexPages(const std::string& list)

@@ -2,8 +2,8 @@
 //
 // Below the archive folder of a list (<DbPath>/<list>/archive) lie the posting files "%08X.msg",
 // the index "index.db", "htpasswd", and the folder "html" with the pages, which is all that a web
-// server has to see. A posting that AddArchive has recorded is shown from the next
-// GenerateIndexPages on.
+// server has to see. A posting that AddArchive or AnnounceArchive has recorded is shown from the
+// next GenerateIndexPages on.
 //
 // Locking: one CDlArchive serves the whole process. The list and the path that it is set to belong
 // to whoever holds an ArchiveLock, so the two calls that set them, and the reading of the path, are
@@ -28,15 +28,24 @@ enum class ArchiveFault {
     kOther,
     kDamaged,  // the index is no database any more, or its content contradicts itself
     kNewer,    // the index was written by a newer version of this program
-    kMachine,  // no room, no descriptors, no memory, a disk that fails or must not be written;
-               // noted
-};             // (files/machine_fault.h)
+    // No room, no descriptors, no memory, a disk that fails or must not be written; noted
+    // (files/machine_fault.h).
+    kMachine
+};
 
 struct CDlArchiveException {
     explicit CDlArchiveException(const std::string& text,
                                  ArchiveFault fault = ArchiveFault::kOther);
     char message[512];  // one line for the log
     ArchiveFault fault;
+};
+
+// A posting that is about to be filed; `source` names the message that it was made from, empty: it
+// is not remembered.
+struct ArchiveFiling {
+    std::string source;
+    unsigned long id = 0;
+    bool known = false;
 };
 
 // What the pages say of the list besides its postings; each may be empty.
@@ -76,6 +85,17 @@ class CDlArchive
     // under the same id before is replaced. Throws when the file is not there or the index cannot
     // be written. Quick: the file is not read.
     static void AddArchive(const std::string& archive_path, unsigned long id);
+    // Records the postings, durably and in one commit, before their files have their final names,
+    // so that filing a message again after a crash files nothing twice. A posting whose file is not
+    // there is not shown; it counts as unreadable after an hour and is forgotten after a day. For a
+    // source that was recorded before, `id` becomes the identifier under which it was recorded and
+    // `known` true; nothing else changes, except that a file that is not there yet gets another
+    // hour and day. What a posting was made from is remembered as long as the posting:
+    // RemoveArchive forgets it, and so does a rebuild over a damaged index or after the file has
+    // gone. Throws when the index cannot be written; then nothing is recorded and `filings` is as
+    // it was.
+    static void AnnounceArchive(const std::string& archive_path,
+                                std::vector<ArchiveFiling>* filings);
     // Brings the pages of `list` up to date: reads what has been recorded and writes the pages that
     // show it, no others. A list without archive folder has no pages, which is no failure. A
     // posting that cannot be read is left out, one whose parts cannot all be read is shown without

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "platform/archive/announce_private.h"
 #include "platform/archive/assets.h"
 #include "platform/archive/failure_private.h"
 #include "platform/archive/filing_private.h"
@@ -188,18 +189,20 @@ std::vector<std::int64_t> PostingFiles(const std::string& archive_path)
     return ids;
 }
 
-// Addresses and descriptions stay; everything else is read again. The files are listed inside the
-// transaction: one that is filed before it is among them, one that is filed behind it records
-// itself.
+// Addresses and descriptions stay, and what postings were made from; everything else is read again.
+// The files are listed inside the transaction: one that is filed before it is among them, one that
+// is filed behind it records itself, or was announced.
 void ClearIndex(Database& index, const std::string& archive_path, const std::string& token)
 {
     Transaction transaction(index);
     const std::vector<std::int64_t> ids = PostingFiles(archive_path);
     index.Script(
         "DELETE FROM posting; DELETE FROM thread; DELETE FROM author; DELETE FROM wanted;"
-        "DELETE FROM leaf; DELETE FROM shard; DELETE FROM dirty; DELETE FROM incoming;");
+        "DELETE FROM leaf; DELETE FROM shard; DELETE FROM dirty;"
+        "DELETE FROM incoming WHERE announced=0;");
     for (const std::int64_t id : ids)
-        index.Run("INSERT INTO incoming (id, stamp) VALUES (?1, 0)", id);
+        index.Run("INSERT OR REPLACE INTO incoming (id, stamp) VALUES (?1, 0)", id);
+    index.Run("DELETE FROM source WHERE id NOT IN (SELECT id FROM incoming)");
     SetMeta(index, "layout", "");
     SetMeta(index, "rebuild", token);
     transaction.Commit();
@@ -224,6 +227,7 @@ bool Remove(const std::string& archive_path, const std::string& list, std::int64
     found = UnfilePosting(index, id) || found;
     // Also of a posting that was left out because its file has gone.
     found = index.Int("DELETE FROM incoming WHERE id=?1 RETURNING id", id) || found;
+    ForgetSource(index, id);
     if (found)
         MarkGone(index, PostingFileName(id));
     transaction.Commit();

@@ -5,6 +5,7 @@
 #include <new>
 #include <optional>
 
+#include "platform/archive/announce_private.h"
 #include "platform/archive/failure_private.h"
 #include "platform/archive/filing_private.h"
 #include "platform/archive/incoming_private.h"
@@ -91,11 +92,14 @@ void File(Database& index, const std::string& list, Incoming* one)
 
 void ReadIncoming(Database& index, const std::string& archive_path, const std::string& list)
 {
+    SettleAnnounced(index, archive_path);
     for (;;) {
         std::vector<Incoming> all;
         {
             Rows rows = index.Query(
-                "SELECT id, stamp FROM incoming WHERE failed=0 ORDER BY id LIMIT ?1", kReadAtOnce);
+                "SELECT id, stamp FROM incoming WHERE failed=0 AND announced<=?2 ORDER BY id"
+                " LIMIT ?1",
+                kReadAtOnce, static_cast<std::int64_t>(Now()) - kFileMayTake);
             while (rows.Next())
                 all.push_back({rows.Int(0), rows.Int(1), std::nullopt, ""});
         }
