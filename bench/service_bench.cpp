@@ -1,9 +1,8 @@
 // Prints what the service's main job costs: one posting to many members, a burst of postings,
-// loading the lists. Each scenario is a run of its own, so that its peak memory is its own;
-// scripts/bench makes them all.
+// a digest. Each scenario is a run of its own, so that its peak memory is its own; scripts/bench
+// makes them all.
 //
-//   service_bench posting MEMBERS | burst POSTINGS MEMBERS | load ldif|slapd LISTS MEMBERS |
-//                 digest plain|mime POSTINGS BYTES
+//   service_bench posting MEMBERS | burst POSTINGS MEMBERS | digest plain|mime POSTINGS BYTES
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -17,101 +16,31 @@
 #include <fstream>
 #include <string>
 
+#include "bench/bench_site.h"
 #include "digest/digest.h"
 #include "dispatch/dispatcher.h"
 #include "lists/dllist.h"
-#include "platform/config/config.h"
-#include "platform/log/log.h"
 #include "platform/mime/mime.h"
 #include "platform/queue/queue.h"
-#include "tests/support/slapd.h"
 
 namespace
 {
 
-constexpr std::size_t kMessageBytes = 4096;
+using dl::bench::ListEntries;
+using dl::bench::MillisecondsSince;
+using dl::bench::Need;
+using dl::bench::PeakMemory;
+using Clock = dl::bench::SteadyClock;
 
-using Clock = std::chrono::steady_clock;
-
-void Need(bool ok, const char* what)
-{
-    if (ok)
-        return;
-    std::fprintf(stderr, "service_bench: %s failed\n", what);
-    std::exit(1);
-}
-
-double MillisecondsSince(Clock::time_point begin)
-{
-    return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-}
-
-// Peak resident memory of this process, in MiB.
-double PeakMemory()
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0)
-            return std::strtod(line.c_str() + 6, nullptr) / 1024;
-    return 0;
-}
-
-std::string ListEntries(int lists, int members)
-{
-    std::string text;
-    for (int i = 0; i < lists; ++i) {
-        const std::string list = "list" + std::to_string(i) + "@example.org";
-        text += "dn: mail=" + list + ",dc=example,dc=org\nobjectClass: qvlist\nmail: " + list +
-                "\nmode: 0\narchive: 0\n";
-        for (int m = 0; m < members; ++m)
-            text += "listmember: Immediate;member" + std::to_string(m) + "@host" +
-                    std::to_string(m % 997) + ".example.com\n";
-        text += "\n";
-    }
-    return text;
-}
-
-// The site of one scenario, in a folder of its own.
-class Site
-{
- public:
-    explicit Site(const std::string& ldap_settings)
-    {
-        const char* base = std::getenv("DL_BENCH_DIR");
-        std::string name = std::string(base ? base : "/var/tmp") + "/dlbench.XXXXXX";
-        Need(mkdtemp(name.data()) != nullptr, "making a folder");
-        folder_ = name;
-        Write("qvms.conf",
-              "[Connection]\nGatewayHostName=mail\nGatewayDomain=example.org\n[DlManager]\n"
-              "DbPath=" +
-                  folder_ + "/data\n[Queue]\nPath=" + folder_ + "/queue\n[Ldap]\n" + ldap_settings);
-        std::filesystem::create_directories(folder_ + "/data/list0@example.org/digest");
-        dl::SetConfigFolder(folder_);
-        dl::LogSettings log;
-        log.target = dl::LogSettings::Target::kFile;
-        log.path = folder_ + "/log";
-        log.max_bytes = 1'000'000'000;
-        std::string error;
-        Need(dl::OpenLog(log, "service_bench", &error), "opening the log");
-    }
-    ~Site()
-    {
-        dl::MQEnd();
-        dl::CloseLog();
-        std::filesystem::remove_all(folder_);
-    }
+// A site with a queue, which ends before its folder goes.
+struct Site : dl::bench::Site {
+    explicit Site(const std::string& ldap_settings) : dl::bench::Site(ldap_settings) {}
+    ~Site() { dl::MQEnd(); }
     Site(const Site&) = delete;
     Site& operator=(const Site&) = delete;
-
-    void Write(const std::string& name, const std::string& text) const
-    {
-        std::ofstream(folder_ + "/" + name) << text;
-    }
-    [[nodiscard]] const std::string& Folder() const { return folder_; }
-
- private:
-    std::string folder_;
 };
+
+constexpr std::size_t kMessageBytes = 4096;
 
 std::string Message()
 {
@@ -212,35 +141,6 @@ void Burst(int postings, int members)
     Need(dl::CloseMQChannel(channel), "closing the channel");
 }
 
-void Load(const char* back_end, int lists, int members)
-{
-    const std::string entries = ListEntries(lists, members);
-    const bool server = std::strcmp(back_end, "slapd") == 0;
-    const Site site(server ? "" : "File=lists.ldif\n");
-    std::unique_ptr<dl::testing::Slapd> slapd;
-    if (server) {
-        slapd = std::make_unique<dl::testing::Slapd>(site.Folder() + "/slapd", entries);
-        Need(slapd->Up(), slapd->Reason().c_str());
-        site.Write("qvms.conf",
-                   "[DlManager]\nDbPath=" + site.Folder() + "/data\n" + slapd->Settings());
-    } else {
-        site.Write("lists.ldif", entries);
-    }
-    const double before = PeakMemory();
-    Clock::time_point begin = Clock::now();
-    Need(dl::ListCache().InitCache(), "loading the lists");
-    const double load = MillisecondsSince(begin);
-    const double loaded = PeakMemory();
-    begin = Clock::now();
-    Need(dl::ListCache().RefreshCache(), "refreshing the lists");
-    const double refresh = MillisecondsSince(begin);
-    Need(dl::ListCache().Count() == lists, "counting the lists");
-    std::printf(
-        "load of %d lists x %d members from %-5s: %6.0f ms, refresh %6.0f ms, peak memory %.1f MiB "
-        "before, %.1f loaded, %.1f refreshed\n",
-        lists, members, back_end, load, refresh, before, loaded, PeakMemory());
-}
-
 // The postings wait in the digest folder before the clock starts; both disclaimers are inserted.
 void Digest(const char* form, int postings, std::size_t bytes)
 {
@@ -279,8 +179,6 @@ int main(int argc, char** argv)
         Posting(number(2));
     else if (argc == 4 && std::strcmp(argv[1], "burst") == 0)
         Burst(number(2), number(3));
-    else if (argc == 5 && std::strcmp(argv[1], "load") == 0)
-        Load(argv[2], number(3), number(4));
     else if (argc == 5 && std::strcmp(argv[1], "digest") == 0)
         Digest(argv[2], number(3), static_cast<std::size_t>(number(4)));
     else

@@ -212,7 +212,7 @@ TEST_F(LdapDirectory, AddressesOfServers)
 
 TEST_F(LdapDirectory, CertificatesAreVerified)
 {
-    Slapd server(Path("slapd"), ListEntry("staff@example.org", {}), true);
+    Slapd server(Path("slapd"), ListEntry("staff@example.org", {}), {.tls = true});
     ASSERT_TRUE(server.Up()) << server.Reason();
     const std::string trusted = "TLSCACertFile = " + server.Certificate() + "\n";
     const std::string plain = "ldap://127.0.0.1:" + std::to_string(server.Port());

@@ -54,11 +54,11 @@ bool Slapd::Installed()
     return access(kServer, X_OK) == 0;
 }
 
-Slapd::Slapd(const std::string& folder, const std::string& entries, bool tls)
-    : folder_(folder), tls_(tls)
+Slapd::Slapd(const std::string& folder, const std::string& entries, const Options& options)
+    : folder_(folder), tls_(options.tls)
 {
     std::filesystem::create_directories(folder_ + "/db");
-    if (!WriteConfig(tls) || !Load(entries))
+    if (!WriteConfig(options) || !Load(entries))
         return;
     for (int i = 0; i < 3; i++) {  // another test may have taken the port meanwhile
         port_ = FreePort();
@@ -74,28 +74,29 @@ bool Slapd::Fail(const std::string& what, const std::string& output)
     return false;
 }
 
-bool Slapd::WriteConfig(bool tls)
+bool Slapd::WriteConfig(const Options& options)
 {
     std::ofstream config(folder_ + "/slapd.conf");
     config << "include /etc/ldap/schema/core.schema\n"
            << "include " << DL_SOURCE << "/deploy/ldap/dlmanager.schema\n";
-    if (tls)
+    if (tls_)
         config << "TLSCertificateFile " << Certificate() << "\nTLSCertificateKeyFile " << folder_
                << "/server.key\n";
     config << "pidfile " << folder_ << "/slapd.pid\n"
            << "modulepath /usr/lib/ldap\nmoduleload back_mdb\ndatabase mdb\nsuffix \"\"\n"
            << "rootdn " << kAdminDn << "\nrootpw " << kAdminPassword << "\ndirectory " << folder_
-           << "/db\nmaxsize 268435456\ndbnosync\nindex objectClass,mail,listmember eq\n"
+           << "/db\nmaxsize 17179869184\ndbnosync\nindex objectClass,mail,listmember eq\n"
            << "limits dn.exact=\"" << kServiceDn << "\" size=unlimited time=unlimited\n"
-           << "access to attrs=userPassword by anonymous auth\n"
+           << options.config << "access to attrs=userPassword by anonymous auth\n"
            << "access to * by dn.exact=\"" << kServiceDn << "\" write by * read\n";
     config.close();
     std::string output;
-    if (tls && RunProgram({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                           "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
-                           folder_ + "/server.key", "-out", Certificate(), "-subj", "/CN=localhost",
-                           "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1", "-days", "2"},
-                          &output) != 0)
+    if (tls_ &&
+        RunProgram({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                    "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", folder_ + "/server.key",
+                    "-out", Certificate(), "-subj", "/CN=localhost", "-addext",
+                    "subjectAltName=DNS:localhost,IP:127.0.0.1", "-days", "2"},
+                   &output) != 0)
         return Fail("openssl", output);
     return config.good() || Fail("cannot write", folder_);
 }

@@ -26,9 +26,18 @@ class Slapd
 
     static bool Installed();
 
-    // Loads `entries` (LDIF) behind the base entries and starts. `folder` is made. With `tls` the
-    // server has a certificate of its own for localhost and 127.0.0.1, and listens for ldaps too.
-    Slapd(const std::string& folder, const std::string& entries, bool tls = false);
+    // Rules that hide from the service when an entry was changed.
+    static constexpr char kNoEntryCsn[] = "access to attrs=entryCSN by * none\n";
+    static constexpr char kNoStamps[] = "access to attrs=entryCSN,modifyTimestamp by * none\n";
+
+    struct Options {
+        // With a certificate of its own for localhost and 127.0.0.1, listening for ldaps too.
+        bool tls = false;
+        std::string config;  // further lines of slapd.conf, before its rules of access
+    };
+    // Loads `entries` (LDIF) behind the base entries and starts. `folder` is made.
+    Slapd(const std::string& folder, const std::string& entries, const Options& options);
+    Slapd(const std::string& folder, const std::string& entries) : Slapd(folder, entries, {}) {}
 
     [[nodiscard]] bool Up();  // false: Reason() tells
     [[nodiscard]] const std::string& Reason() const { return reason_; }
@@ -44,7 +53,7 @@ class Slapd
     void Thaw();
 
  private:
-    bool WriteConfig(bool tls);
+    bool WriteConfig(const Options& options);
     bool Load(const std::string& entries);
     bool Fail(const std::string& what, const std::string& output);
 
