@@ -44,14 +44,15 @@ class DirectoryTest : public Fixture
 {
  protected:
     // `more`: further lines of section "Ldap".
-    void Begin(DirectoryKind kind, const std::string& entries, const std::string& more = "")
+    void Begin(DirectoryKind kind, const std::string& entries, const std::string& more = "",
+               const Slapd::Options& options = {})
     {
         if (kind == DirectoryKind::kFile) {
             file_ = Write("lists.ldif", Slapd::BaseEntries() + entries);
             Configure("[Ldap]\nFile = " + file_ + "\n" + more);
             return;
         }
-        server_ = std::make_unique<Slapd>(Path("slapd"), entries);
+        server_ = std::make_unique<Slapd>(Path("slapd"), entries, options);
         ASSERT_TRUE(server_->Up()) << server_->Reason();
         Configure(server_->Settings() + more);
     }

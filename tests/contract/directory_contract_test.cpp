@@ -133,6 +133,70 @@ TEST_P(DirectoryContract, ANullBaseIsTheConfiguredOne)
     EXPECT_EQ(Search("objectclass=qvlist", "").entries.size(), 3U);
 }
 
+TEST_P(DirectoryContract, AnAnswerComesEntryByEntryWithWhatIsAskedFor)
+{
+    constexpr char kLists[] = "objectclass=qvlist";
+    Begin(kEntries);
+    const struct {
+        const char* name;
+        SearchQuery query;
+        const char* want;
+    } kRows[] = {
+        {"the addresses",
+         {.filter = kLists, .attributes = {"MAIL"}},
+         "mail=staff@example.org, mail=news@example.org mail=press@example.org, "
+         "mail=far@other.net, "},
+        {"the first",
+         {.filter = kLists, .attributes = {"mail"}, .limit = 1},
+         "mail=staff@example.org, "},
+        {"more than there are",
+         {.filter = kLists, .attributes = {"mode"}, .limit = 9},
+         ", mode=1, , "},
+        {"names alone",
+         {.filter = kLists, .attributes_only = true, .attributes = {"mail", "mode"}},
+         "mail=, mail= mode=, mail=, "},
+        {"nothing", {.filter = kLists, .attributes = {"1.1"}}, ", , , "},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        ldapClient client;
+        ASSERT_TRUE(Open(&client));
+        NamePool names;
+        std::string came;
+        EXPECT_TRUE(client.ForEachEntry(row.query, &names, [&came](SearchEntry&& entry) {
+            std::string one;
+            for (const SearchAttribute& attribute : entry.attributes)
+                one +=
+                    (one.empty() ? "" : " ") + std::string(attribute.name) + "=" + attribute.value;
+            came += one + ", ";
+        }));
+        EXPECT_EQ(came, row.want);
+    }
+}
+
+TEST_P(DirectoryContract, AMarkTellsTheDirectoryAndWhetherItChanged)
+{
+    Begin(kEntries, "BaseDN = dc=example,dc=org\n");
+    const auto mark = [this](const std::string& user, const std::string& password) {
+        ldapClient client;
+        EXPECT_TRUE(Open(&client, user, password));
+        return client.Mark();
+    };
+    const auto ours = [&] { return mark(Slapd::kServiceDn, Slapd::kServicePassword); };
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the file's last tick is over
+    const DirectoryMark before = ours();
+    EXPECT_EQ(ours(), before);
+    EXPECT_EQ(before.state.empty(), server_ != nullptr);
+    EXPECT_EQ(Modify(kStaff, {Add("Digest;new@b")}), ModifyResult::kDone);
+    EXPECT_EQ(ours().source, before.source);
+    EXPECT_EQ(ours() == before, server_ != nullptr);
+    // Right behind a change another one would not show.
+    EXPECT_EQ(ours() == ours(), server_ != nullptr);
+    EXPECT_EQ(mark("", "") == ours(), false);
+    Configure(ReadFile(Path("conf/qvms.conf")) + "BaseDN = dc=org\n");
+    EXPECT_NE(ours().source, before.source);
+}
+
 TEST_P(DirectoryContract, ManyListsAndManyMembersComeWhole)
 {
     std::string entries;

@@ -114,6 +114,73 @@ TEST_F(LdapDirectory, APartOfTheTreeElsewhereIsAFailure)
     EXPECT_EQ(Search("objectclass=qvlist", kStaff).entries.size(), 1U);
 }
 
+// What a server answers that has not judged the change leaves it open; each entry answers with the
+// code of its name.
+TEST_F(LdapDirectory, OnlyAJudgementOfTheChangeIsARefusal)
+{
+    using enum ModifyResult;
+    const struct {
+        const char* name;
+        int code;
+        ModifyResult want;
+    } kRows[] = {
+        {"operationsError", 1, kUnreachable},
+        {"protocolError", 2, kUnreachable},
+        {"timeLimitExceeded", 3, kUnreachable},
+        {"strongerAuthRequired", 8, kRefused},
+        {"adminLimitExceeded", 11, kUnreachable},
+        {"noSuchAttribute", 16, kNotThere},
+        {"constraintViolation", 19, kRefused},
+        {"attributeOrValueExists", 20, kAlready},
+        {"noSuchObject", 32, kRefused},
+        {"insufficientAccessRights", 50, kRefused},
+        {"busy", 51, kUnreachable},
+        {"unavailable", 52, kUnreachable},
+        {"unwillingToPerform", 53, kUnreachable},
+        {"objectClassViolation", 65, kRefused},
+        {"other", 80, kUnreachable},
+    };
+    std::string entries;
+    for (const auto& row : kRows)
+        entries += "dn: cn=" + std::string(row.name) +
+                   ",dc=example,dc=org\nobjectClass: errObject\ncn: " + row.name +
+                   "\nerrOp: modify\nerrCode: " + std::to_string(row.code) + "\n\n";
+    Begin(DirectoryKind::kServer, entries, "",
+          {.config = "moduleload retcode\noverlay retcode\nretcode-parent cn=none\n"
+                     "retcode-indir\n"});
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        const std::string entry = "cn=" + std::string(row.name) + ",dc=example,dc=org";
+        if (row.want == kUnreachable)
+            log.ExpectError("change of " + entry + ": ");
+        EXPECT_EQ(Modify(entry, {Add("Digest;a@b")}), row.want);
+    }
+}
+
+// A server that takes no changes says the same of names that it does not have: these stay refused.
+TEST_F(LdapDirectory, AServerThatTakesNoChangesNowRefusesNothing)
+{
+    const struct {
+        const char *name, *config, *reason;
+    } kRows[] = {
+        {"read-only", "restrict write\n", "Server is unwilling"},
+        {"a copy",
+         "syncrepl rid=1 provider=ldap://127.0.0.1:1 searchbase=\"\" type=refreshOnly "
+         "retry=\"3600 +\" bindmethod=simple\nupdateref ldap://127.0.0.1:1\n",
+         "it names another server for changes"},
+    };
+    for (const auto& row : kRows) {
+        SCOPED_TRACE(row.name);
+        Begin(DirectoryKind::kServer, ListEntry("staff@example.org", {}), "",
+              {.config = row.config});
+        log.ExpectError("change of " + std::string(kStaff) + ": " + row.reason);
+        EXPECT_EQ(Modify(kStaff, {Add("Digest;a@b")}), ModifyResult::kUnreachable);
+        EXPECT_EQ(Modify("mail=x,dc=example,dc=org", {Add("Digest;a@b")}), ModifyResult::kRefused);
+        server_.reset();
+        std::filesystem::remove_all(Path("slapd"));
+    }
+}
+
 TEST_F(LdapDirectory, RefusedBinds)
 {
     Begin(DirectoryKind::kServer, "");

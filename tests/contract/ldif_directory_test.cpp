@@ -160,7 +160,7 @@ TEST_F(LdifDirectory, AFullDiskLeavesTheFileAndNoRubbish)
     const ModifyResult result = Modify("mail=a", {Add("Digest;b")});
     setrlimit(RLIMIT_FSIZE, &old);
     (void)std::signal(SIGXFSZ, handler);
-    EXPECT_EQ(result, ModifyResult::kRefused);
+    EXPECT_EQ(result, ModifyResult::kUnreachable);
     EXPECT_EQ(ReadFile(file_), before);
     for (const auto& entry : std::filesystem::directory_iterator(Path("")))
         EXPECT_TRUE(!entry.is_regular_file() || entry.path() == file_ ||

@@ -33,6 +33,7 @@ class FailingDirectory : public Faults<DirectoryCall>
     FailingDirectory& operator=(const FailingDirectory&) = delete;
 
     ModifyResult result = ModifyResult::kUnreachable;  // of a change that fails
+    std::size_t entries = 0;                           // that come of a search before it fails
 
  private:
     class Session : public DirectorySession
@@ -48,15 +49,17 @@ class FailingDirectory : public Faults<DirectoryCall>
         {
             return !owner_->Fails(DirectoryCall::kBind) && real_->Bind(user, password);
         }
-        SearchReq Search(const char* base, int scope, bool attributes_only,
-                         const std::string& filter) override
+        bool Search(const SearchQuery& query, NamePool* names, const EntrySink& take) override
         {
             if (!owner_->Fails(DirectoryCall::kSearch))
-                return real_->Search(base, scope, attributes_only, filter);
-            SearchReq nothing;
-            nothing.failed = true;
-            return nothing;
+                return real_->Search(query, names, take);
+            SearchQuery part = query;
+            part.limit = owner_->entries;
+            if (part.limit != 0)
+                (void)real_->Search(part, names, take);  // it breaks off whatever came
+            return false;
         }
+        [[nodiscard]] DirectoryMark Mark() const override { return real_->Mark(); }
         ModifyResult Modify(const std::string& entry,
                             const std::vector<AttributeChange>& changes) override
         {

@@ -33,7 +33,7 @@ class Slapd
     struct Options {
         // With a certificate of its own for localhost and 127.0.0.1, listening for ldaps too.
         bool tls = false;
-        std::string config;  // further lines of slapd.conf, before its rules of access
+        std::string config = {};  // further lines of slapd.conf, before its rules of access
     };
     // Loads `entries` (LDIF) behind the base entries and starts. `folder` is made.
     Slapd(const std::string& folder, const std::string& entries, const Options& options);

@@ -78,12 +78,32 @@ int ldapClient::ldapClientBind(const std::string& user, const std::string& passw
 SearchReq ldapClient::ldapClientSearch(const char* base, int scope, bool attributes_only,
                                        const std::string& filter)
 {
-    // A server takes an empty filter for "everything".
-    if (scope < 0 || scope > 2 || filter.empty() || HasNul(filter)) {
-        LogDirectory(1, "search of %s refused: a bad scope, or no filter", filter.c_str());
-        return FailedSearch();
+    SearchReq result;
+    const SearchQuery query{
+        .filter = filter, .base = base, .scope = scope, .attributes_only = attributes_only};
+    const auto take = [&result](SearchEntry&& entry) {
+        result.entries.push_back(std::move(entry));
+    };
+    if (!ForEachEntry(query, &result.names, take)) {
+        result.failed = true;
+        result.entries.clear();
     }
-    return session_->Search(base, scope, attributes_only, filter);
+    return result;
+}
+
+bool ldapClient::ForEachEntry(const SearchQuery& query, NamePool* names, const EntrySink& take)
+{
+    // A server takes an empty filter for "everything".
+    if (query.scope < 0 || query.scope > 2 || query.filter.empty() || HasNul(query.filter)) {
+        LogDirectory(1, "search of %s refused: a bad scope, or no filter", query.filter.c_str());
+        return false;
+    }
+    return session_->Search(query, names, take);
+}
+
+DirectoryMark ldapClient::Mark() const
+{
+    return session_->Mark();
 }
 
 ModifyResult ldapClient::ldapClientModify(const std::string& entry,
@@ -181,13 +201,6 @@ void LogDirectory(int level, const char* format, ...)
     va_start(args, format);
     (void)LogFormatted(level, "Directory", kMaxLogLine, format, args);
     va_end(args);
-}
-
-SearchReq FailedSearch()
-{
-    SearchReq result;
-    result.failed = true;
-    return result;
 }
 
 void SetDirectoryFactory(DirectoryFactory factory)

@@ -2,15 +2,15 @@
 //
 // Two back ends offer the same: an LDAP server through libldap, or, with Ldap/File in "qvms.conf",
 // one LDIF file. An ldapClient is made on the stack for one operation; destroying it ends the
-// session. Nothing here throws. The caller logs what a failure means to it; the back end logs at
-// level 1 the cause that only it knows (file and line of a broken LDIF file, "size limit exceeded
-// after 500 entries"); why a server could not be reached, or refused, at level 5. Further settings
-// of section "Ldap", read at each connect: BaseDN (base of a search with a null base), StartTLS
-// (0/1), TLSCACertFile (who may have signed the server's certificate; else the system's list),
-// TimeOut (seconds for connecting and for each answer, default 5), PageSize (entries a page,
-// default 500). A File without a leading "/" lies in the configuration folder. A host text that
-// begins with "ldap://", "ldaps://" or "ldapi://" is a URI and used as it stands; an empty one is
-// this machine. Several threads may work at once, each with a client of its own.
+// session. Nothing here throws but std::bad_alloc. The caller logs what a failure means to it; the
+// back end logs at level 1 the cause that only it knows (file and line of a broken LDIF file, "size
+// limit exceeded after 500 entries"); why a server could not be reached, or refused, at level 5.
+// Further settings of section "Ldap", read at each connect: BaseDN (base of a search with a null
+// base), StartTLS (0/1), TLSCACertFile (who may have signed the server's certificate; else the
+// system's list), TimeOut (seconds for connecting and for each answer, default 5), PageSize
+// (entries a page, default 500). A File without a leading "/" lies in the configuration folder. A
+// host text that begins with "ldap://", "ldaps://" or "ldapi://" is a URI and used as it stands; an
+// empty one is this machine. Several threads may work at once, each with a client of its own.
 #pragma once
 
 #include <functional>
@@ -61,6 +61,30 @@ struct SearchReq {
     [[nodiscard]] bool Empty() const { return entries.empty(); }
 };
 
+// A question to the directory.
+struct SearchQuery {
+    std::string filter;
+    const char* base = nullptr;  // null: the configured or the server's default base
+    int scope = 2;               // 0 base, 1 one level, 2 whole subtree
+    bool attributes_only = false;
+    // None: all but those that a server keeps for itself, as "*" is beside the names of such.
+    std::vector<std::string> attributes = {};
+    std::size_t limit = 0;  // the answer is whole with so many entries, the first; 0: with all
+};
+
+// Takes the entries of an answer one by one, in the directory's order.
+using EntrySink = std::function<void(SearchEntry&&)>;
+
+// What tells one reading of a directory from another.
+struct DirectoryMark {
+    std::string source;  // the server, the bind's name and the base, or the file and the base
+    // Another text after any change of the directory. Empty: the server does not tell, but marks
+    // each of its entries (attributes entryCSN and modifyTimestamp).
+    std::string state;
+
+    bool operator==(const DirectoryMark&) const = default;
+};
+
 // One change of one value (RFC 4511, 4.6).
 struct AttributeChange {
     enum class Operation { kAdd = 0, kDelete = 1 };
@@ -73,7 +97,7 @@ inline constexpr std::size_t kMaxModifyValue = 511;
 
 enum class ModifyResult {
     kDone = 0,
-    kUnreachable,  // no answer: whether it was done is not known
+    kUnreachable,  // no decision: whether it was done is not known, or the server cannot do it now
     kRefused,      // nothing was done: no rights, schema, no such entry, or the value is too long
     kAlready,      // add: the value is there (in any letter case), or the whole entry is
     kNotThere,     // delete: no such value, or no such entry to delete
@@ -100,6 +124,13 @@ class ldapClient
     // whole subtree. A base that does not exist is a failed search.
     [[nodiscard]] SearchReq ldapClientSearch(const char* base, int scope, bool attributes_only,
                                              const std::string& filter);
+    // The same for an answer that is not to lie in memory whole: gives each entry to `take` as it
+    // comes; the attributes' names lie in `names`. False when the search failed: what was taken is
+    // no answer then.
+    [[nodiscard]] bool ForEachEntry(const SearchQuery& query, NamePool* names,
+                                    const EntrySink& take);
+    // Of the session that stands; taken before a search, it tells any change after it.
+    [[nodiscard]] DirectoryMark Mark() const;
     // All changes or, when one cannot be made, none.
     [[nodiscard]] ModifyResult ldapClientModify(const std::string& entry,
                                                 const std::vector<AttributeChange>& changes);
@@ -130,8 +161,8 @@ class DirectorySession
     virtual ~DirectorySession() = default;
     virtual bool Connect(const std::string& host, int port) = 0;
     virtual bool Bind(const std::string& user, const std::string& password) = 0;
-    virtual SearchReq Search(const char* base, int scope, bool attributes_only,
-                             const std::string& filter) = 0;
+    virtual bool Search(const SearchQuery& query, NamePool* names, const EntrySink& take) = 0;
+    [[nodiscard]] virtual DirectoryMark Mark() const = 0;
     virtual ModifyResult Modify(const std::string& entry,
                                 const std::vector<AttributeChange>& changes) = 0;
     virtual ModifyResult Add(const std::string& entry,

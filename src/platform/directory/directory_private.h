@@ -1,4 +1,4 @@
-// What the two back ends share: settings, log line, the answer of a failed search.
+// What the two back ends share: settings and log line.
 #pragma once
 
 #include <string>
@@ -20,7 +20,5 @@ DirectorySettings ReadDirectorySettings();
 
 // Tag "Directory". Passwords and member values are never passed.
 void LogDirectory(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
-
-SearchReq FailedSearch();
 
 }  // namespace dl

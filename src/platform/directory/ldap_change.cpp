@@ -6,6 +6,56 @@
 
 namespace dl
 {
+namespace
+{
+
+// Whether by `code` (RFC 4511, appendix A) the server has judged the change and who asks for it,
+// and said no. Everything else says something of the server, or of the way to it: busy,
+// unavailable, over a limit, "other", a request that it did not understand, a library that could
+// not send. Whether the change can be made is not known then, and nobody may be told that it was
+// refused.
+bool IsRefusal(int code)
+{
+    switch (code) {
+        case LDAP_STRONG_AUTH_REQUIRED:
+        case LDAP_CONFIDENTIALITY_REQUIRED:
+        case LDAP_UNDEFINED_TYPE:
+        case LDAP_INAPPROPRIATE_MATCHING:
+        case LDAP_CONSTRAINT_VIOLATION:
+        case LDAP_INVALID_SYNTAX:
+        case LDAP_NO_SUCH_OBJECT:
+        case LDAP_ALIAS_PROBLEM:
+        case LDAP_INVALID_DN_SYNTAX:
+        case LDAP_ALIAS_DEREF_PROBLEM:
+        case LDAP_INAPPROPRIATE_AUTH:
+        case LDAP_INSUFFICIENT_ACCESS:
+        case LDAP_NAMING_VIOLATION:
+        case LDAP_OBJECT_CLASS_VIOLATION:
+        case LDAP_NOT_ALLOWED_ON_NONLEAF:
+        case LDAP_NOT_ALLOWED_ON_RDN:
+        case LDAP_NO_OBJECT_CLASS_MODS:
+        case LDAP_AFFECTS_MULTIPLE_DSAS:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+// Whether the server says that it has no such entry.
+bool LdapSession::Lacks(const std::string& entry)
+{
+    char none[] = LDAP_NO_ATTRS;
+    char* names[] = {none, nullptr};
+    timeval wait{};
+    wait.tv_sec = settings_.timeout_seconds;
+    LDAPMessage* got = nullptr;
+    const int code = ldap_search_ext_s(handle_, entry.c_str(), LDAP_SCOPE_BASE, "(objectClass=*)",
+                                       names, 1, nullptr, nullptr, &wait, LDAP_NO_LIMIT, &got);
+    const Owned<LDAPMessage> message(got);
+    return code == LDAP_NO_SUCH_OBJECT;
+}
 
 ModifyResult LdapSession::Answer(const char* deed, const std::string& entry, int code)
 {
@@ -17,18 +67,20 @@ ModifyResult LdapSession::Answer(const char* deed, const std::string& entry, int
             return ModifyResult::kAlready;
         case LDAP_NO_SUCH_ATTRIBUTE:
             return ModifyResult::kNotThere;
-        case LDAP_SERVER_DOWN:
-        case LDAP_TIMEOUT:
-        case LDAP_CONNECT_ERROR:
-        case LDAP_DECODING_ERROR:
-        case LDAP_LOCAL_ERROR:
-            LogDirectory(1, "%s %s: %s", deed, entry.c_str(), LdapReason(handle_, code).c_str());
-            return ModifyResult::kUnreachable;
         default:
-            LogDirectory(5, "%s %s refused: %s", deed, entry.c_str(),
-                         LdapReason(handle_, code).c_str());
-            return ModifyResult::kRefused;
+            break;
     }
+    const std::string reason =
+        code == LDAP_REFERRAL ? "it names another server for changes" : LdapReason(handle_, code);
+    // A server that is read-only for now, or a copy that takes no changes, answers with the same
+    // two codes as one that knows of no such name: only the latter can never make the change.
+    const bool unwilling = code == LDAP_UNWILLING_TO_PERFORM || code == LDAP_REFERRAL;
+    if (IsRefusal(code) || (unwilling && Lacks(entry))) {
+        LogDirectory(5, "%s %s refused: %s", deed, entry.c_str(), reason.c_str());
+        return ModifyResult::kRefused;
+    }
+    LogDirectory(1, "%s %s: %s", deed, entry.c_str(), reason.c_str());
+    return ModifyResult::kUnreachable;
 }
 
 ModifyResult LdapSession::Modify(const std::string& entry,

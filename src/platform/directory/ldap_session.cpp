@@ -1,10 +1,9 @@
-// The LDAP server behind the directory, through libldap: connecting, binding, searching.
+// The LDAP server behind the directory, through libldap: connecting, binding, reading the schema.
 #include <cstdlib>
 #include <mutex>
 
 #include "platform/address/address.h"
 #include "platform/directory/ldap_session_private.h"
-#include "platform/directory/matching.h"
 
 namespace dl
 {
@@ -98,6 +97,7 @@ bool LdapSession::Connect(const std::string& host, int port)
     if (code == LDAP_SUCCESS && start_tls)
         code = ldap_start_tls_s(handle_, nullptr, nullptr);
     connection_.HandshakeDone();
+    mark_.source = uri + "\n" + settings_.base;
     if (code == LDAP_SUCCESS)
         return true;
     LogDirectory(5, "%s: %s", uri.c_str(), LdapReason(handle_, code).c_str());
@@ -120,130 +120,8 @@ bool LdapSession::Bind(const std::string& user, const std::string& password)
     if (code != LDAP_SUCCESS)
         LogDirectory(5, "bind as %s: %s", user.empty() ? "anonymous" : user.c_str(),
                      LdapReason(handle_, code).c_str());
+    mark_.source += "\n" + user;
     return code == LDAP_SUCCESS;
-}
-
-SearchReq LdapSession::Search(const char* base, int scope, bool attributes_only,
-                              const std::string& filter)
-{
-    const NoPipeSignal quiet;
-    if (!handle_)
-        return FailedSearch();
-    Query query{base ? base : settings_.base, scope, attributes_only, filter, ""};
-    SearchReq result;
-    do {
-        const int code = SearchPage(&query, &result);
-        if (code != LDAP_SUCCESS) {
-            LogDirectory(1, "search of %s below \"%s\" failed after %zu entries: %s",
-                         filter.c_str(), query.base.c_str(), result.entries.size(),
-                         LdapReason(handle_, code).c_str());
-            return FailedSearch();
-        }
-    } while (!query.cookie.empty());
-    return result;
-}
-
-int LdapSession::SearchPage(Query* query, SearchReq* result)
-{
-    berval cookie = AsBerval(query->cookie);
-    LDAPControl* made = nullptr;
-    // Critical: a server that cannot do pages must say so rather than answer with its first few.
-    int code = ldap_create_page_control(handle_, settings_.page_size, &cookie, 1, &made);
-    if (code != LDAP_SUCCESS)
-        return code;
-    const Owned<LDAPControl> page(made);
-    LDAPControl* controls[] = {page.get(), nullptr};
-    int id = 0;
-    code = ldap_search_ext(handle_, query->base.c_str(), query->scope, query->filter.c_str(),
-                           nullptr, query->attributes_only ? 1 : 0, controls, nullptr, nullptr,
-                           LDAP_NO_LIMIT, &id);
-    if (code != LDAP_SUCCESS)
-        return code;
-    code = ReadPage(id, query, result);
-    if (code != LDAP_SUCCESS)
-        (void)ldap_abandon_ext(handle_, id, nullptr, nullptr);  // the search has failed anyway
-    return code;
-}
-
-// Takes the messages of one page one by one, so that no second copy of the page stands in memory.
-int LdapSession::ReadPage(int id, Query* query, SearchReq* result)
-{
-    for (;;) {
-        timeval wait{};
-        wait.tv_sec = settings_.timeout_seconds;
-        LDAPMessage* got = nullptr;
-        const int type = ldap_result(handle_, id, LDAP_MSG_ONE, &wait, &got);
-        const Owned<LDAPMessage> message(got);
-        int code = LDAP_SUCCESS;
-        switch (type) {
-            case LDAP_RES_SEARCH_ENTRY:
-                code = TakeEntry(got, query->attributes_only, result);
-                break;
-            case LDAP_RES_SEARCH_RESULT:
-                return EndPage(got, &query->cookie);
-            case LDAP_RES_SEARCH_REFERENCE:
-                // A part of the tree lies on another server: what came would be a short list.
-                return LDAP_REFERRAL;
-            case LDAP_RES_INTERMEDIATE:
-                break;
-            case 0:
-                return LDAP_TIMEOUT;
-            default:
-                (void)ldap_get_option(handle_, LDAP_OPT_RESULT_CODE, &code);
-                return code == LDAP_SUCCESS ? LDAP_SERVER_DOWN : code;
-        }
-        if (code != LDAP_SUCCESS)
-            return code;
-    }
-}
-
-int LdapSession::TakeEntry(LDAPMessage* entry, bool attributes_only, SearchReq* result)
-{
-    BerElement* cursor = nullptr;
-    berval dn{};
-    int code = ldap_get_dn_ber(handle_, entry, &cursor, &dn);
-    const Owned<BerElement> owner(cursor);
-    if (code != LDAP_SUCCESS)
-        return code;
-    SearchEntry taken;
-    taken.dn.assign(dn.bv_val, dn.bv_len);
-    berval name{};
-    berval* values = nullptr;
-    while ((code = ldap_get_attribute_ber(handle_, entry, cursor, &name, &values)) ==
-               LDAP_SUCCESS &&
-           name.bv_val) {
-        const std::string_view kept =
-            result->names.Keep(SchemaName(std::string_view(name.bv_val, name.bv_len)));
-        if (attributes_only)
-            taken.attributes.push_back({kept, {}});
-        for (std::size_t i = 0; values && values[i].bv_val; i++)
-            taken.attributes.push_back({kept, {values[i].bv_val, values[i].bv_len}});
-        ber_memfree(values);  // the array; the values lie in the message
-        values = nullptr;
-    }
-    result->entries.push_back(std::move(taken));
-    return code;
-}
-
-int LdapSession::EndPage(LDAPMessage* message, std::string* cookie)
-{
-    cookie->clear();
-    int answer = LDAP_SUCCESS;
-    LDAPControl** made = nullptr;
-    int code = ldap_parse_result(handle_, message, &answer, nullptr, nullptr, nullptr, &made, 0);
-    const Owned<LDAPControl*> controls(made);
-    if (code != LDAP_SUCCESS || answer != LDAP_SUCCESS)
-        return code != LDAP_SUCCESS ? code : answer;
-    LDAPControl* page = ldap_control_find(LDAP_CONTROL_PAGEDRESULTS, made, nullptr);
-    if (!page)
-        return LDAP_SUCCESS;
-    ber_int_t estimate = 0;
-    berval next{};
-    code = ldap_parse_pageresponse_control(handle_, page, &estimate, &next);
-    if (code == LDAP_SUCCESS && next.bv_val)
-        cookie->assign(next.bv_val, next.bv_len);
-    ber_memfree(next.bv_val);
-    return code;
 }
 
 // The values of one attribute of one entry.

@@ -1,4 +1,4 @@
-// One session with an LDAP server, and what its two source files share.
+// One session with an LDAP server, and what its source files share.
 #pragma once
 
 #include <ldap.h>
@@ -20,6 +20,7 @@ struct LdapDeleter {
     void operator()(LDAPControl** controls) const { ldap_controls_free(controls); }
     void operator()(BerElement* ber) const { ber_free(ber, 0); }
     void operator()(char* text) const { ldap_memfree(text); }
+    void operator()(berval* values) const { ber_memfree(values); }  // the array alone
 };
 template <typename T>
 using Owned = std::unique_ptr<T, LdapDeleter>;
@@ -40,8 +41,8 @@ class LdapSession final : public DirectorySession
 
     bool Connect(const std::string& host, int port) override;
     bool Bind(const std::string& user, const std::string& password) override;
-    SearchReq Search(const char* base, int scope, bool attributes_only,
-                     const std::string& filter) override;
+    bool Search(const SearchQuery& query, NamePool* names, const EntrySink& take) override;
+    [[nodiscard]] DirectoryMark Mark() const override { return mark_; }
     ModifyResult Modify(const std::string& entry,
                         const std::vector<AttributeChange>& changes) override;
     ModifyResult Add(const std::string& entry,
@@ -59,27 +60,30 @@ class LdapSession final : public DirectorySession
     }
 
  private:
-    struct Query {
+    struct Reading {
+        const SearchQuery& query;
         std::string base;
-        int scope;
-        bool attributes_only;
-        const std::string& filter;
+        NamePool* names;
+        const EntrySink& take;
+        std::size_t taken;
         std::string cookie;  // of the next page; empty after the last one
     };
 
     bool SetOptions();
     bool SetTlsOptions();
-    int SearchPage(Query* query, SearchReq* result);
-    int ReadPage(int id, Query* query, SearchReq* result);
-    int TakeEntry(LDAPMessage* entry, bool attributes_only, SearchReq* result);
+    int SearchPage(Reading* reading);
+    int ReadPage(int id, Reading* reading);
+    int TakeEntry(LDAPMessage* entry, Reading* reading);
     bool ReadValues(const std::string& base, const char* attribute,
                     std::vector<std::string>* values);
     int EndPage(LDAPMessage* message, std::string* cookie);
     ModifyResult Answer(const char* deed, const std::string& entry, int code);
+    bool Lacks(const std::string& entry);
 
     LdapConnection connection_;
     LDAP* handle_ = nullptr;
     DirectorySettings settings_;
+    DirectoryMark mark_;
 };
 
 }  // namespace dl

@@ -2,6 +2,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +13,7 @@
 #include <memory>
 #include <mutex>
 
+#include "platform/clock/clock.h"
 #include "platform/directory/directory_private.h"
 #include "platform/directory/filter.h"
 #include "platform/directory/ldif_change.h"
@@ -57,19 +60,57 @@ SoundFiles& Sound()
     return sound;
 }
 
-void Append(LdifRecord* record, bool attributes_only, SearchReq* result)
+// A file that was written this short a time ago may be written again in the same tick of the clock
+// by which the file system stamps it; some stamp in whole seconds, or two.
+bool MayChangeUnseen(const struct stat& state)
+{
+    constexpr std::int64_t kTick = 50'000;  // microseconds
+    constexpr std::int64_t kCoarseTick = 2'100'000;
+    const std::int64_t changed =
+        static_cast<std::int64_t>(state.st_ctim.tv_sec) * 1'000'000 + state.st_ctim.tv_nsec / 1000;
+    return NowMicroseconds() - changed < (state.st_ctim.tv_nsec == 0 ? kCoarseTick : kTick);
+}
+
+// The file's state as a text; one that never comes again while a change would not show.
+std::string StateText(const struct stat& state)
+{
+    static std::atomic<std::uint64_t> unseen{0};
+    std::string text;
+    for (const std::uint64_t number :
+         {static_cast<std::uint64_t>(state.st_dev), static_cast<std::uint64_t>(state.st_ino),
+          static_cast<std::uint64_t>(state.st_size),
+          static_cast<std::uint64_t>(state.st_mtim.tv_sec),
+          static_cast<std::uint64_t>(state.st_mtim.tv_nsec),
+          static_cast<std::uint64_t>(state.st_ctim.tv_sec),
+          static_cast<std::uint64_t>(state.st_ctim.tv_nsec)})
+        text += std::to_string(number) + " ";
+    return MayChangeUnseen(state) ? text + "unsettled " + std::to_string(++unseen) : text;
+}
+
+bool AsksFor(const SearchQuery& query, std::string_view name)
+{
+    const auto answers = [name](const std::string& asked) {
+        return asked == "*" || NameAnswers(asked, name);
+    };
+    return query.attributes.empty() ||
+           std::any_of(query.attributes.begin(), query.attributes.end(), answers);
+}
+
+SearchEntry TakeEntry(LdifRecord* record, const SearchQuery& query, NamePool* names)
 {
     SearchEntry entry;
     entry.dn = std::move(record->dn);
     std::set<std::string_view> seen;
     for (LdifLine& line : record->lines) {
-        const std::string_view name = result->names.Keep(SchemaName(line.name));
-        if (!attributes_only)
+        if (!AsksFor(query, line.name))
+            continue;
+        const std::string_view name = names->Keep(SchemaName(line.name));
+        if (!query.attributes_only)
             entry.attributes.push_back({name, std::move(line.value)});
         else if (seen.insert(name).second)
             entry.attributes.push_back({name, {}});
     }
-    result->entries.push_back(std::move(entry));
+    return entry;
 }
 
 bool InScope(const EntryName& name, const EntryName& base, int scope)
@@ -90,8 +131,8 @@ class LdifSession final : public DirectorySession
     bool Connect(const std::string& host, int port) override;
     // The file's mode is what guards it.
     bool Bind(const std::string&, const std::string&) override { return connected_; }
-    SearchReq Search(const char* base, int scope, bool attributes_only,
-                     const std::string& filter) override;
+    bool Search(const SearchQuery& query, NamePool* names, const EntrySink& take) override;
+    [[nodiscard]] DirectoryMark Mark() const override { return mark_; }
     ModifyResult Modify(const std::string& entry,
                         const std::vector<AttributeChange>& changes) override;
     ModifyResult Add(const std::string& entry,
@@ -120,6 +161,7 @@ class LdifSession final : public DirectorySession
 
     const std::string path_;
     DirectorySettings settings_;
+    DirectoryMark mark_;
     bool connected_ = false;
 };
 
@@ -163,49 +205,51 @@ bool LdifSession::Connect(const std::string&, int)
         }
         Sound().Learn(path_, state);
     }
+    mark_ = {path_ + "\n" + settings_.base, StateText(state)};
     connected_ = true;
     return true;
 }
 
-SearchReq LdifSession::Search(const char* base, int scope, bool attributes_only,
-                              const std::string& filter)
+bool LdifSession::Search(const SearchQuery& query, NamePool* names, const EntrySink& take)
 {
     if (!connected_)
-        return FailedSearch();
-    const std::string base_text = base ? base : settings_.base;
-    const std::optional<Filter> wanted = Filter::Parse(filter);
-    const std::optional<EntryName> base_name = ParseEntryName(base_text);
-    if (!wanted || !base_name) {
+        return false;
+    const std::string base_text = query.base ? query.base : settings_.base;
+    const std::optional<Filter> wanted = Filter::Parse(query.filter);
+    const std::optional<EntryName> base = ParseEntryName(base_text);
+    if (!wanted || !base) {
         LogDirectory(1, "search of %s below \"%s\" failed: the %s is not understood",
-                     filter.c_str(), base_text.c_str(), wanted ? "base" : "filter");
-        return FailedSearch();
+                     query.filter.c_str(), base_text.c_str(), wanted ? "base" : "filter");
+        return false;
     }
     struct stat state {
     };
     const File file = Open(&state);
     if (!file)
-        return FailedSearch();
+        return false;
     LdifReader reader(file.get());
     LdifRecord record;
-    SearchReq result;
-    bool base_exists = base_name->steps.empty();
-    for (;;) {
+    bool base_exists = base->steps.empty();
+    std::size_t taken = 0;
+    while (!base_exists || query.limit == 0 || taken < query.limit) {
         const LdifReader::Result next = reader.Next(&record);
         if (next == LdifReader::Result::kBroken) {
             LogBroken(reader);
-            return FailedSearch();
+            return false;
         }
         if (next == LdifReader::Result::kEnd)
             break;
-        base_exists = base_exists || record.name.IsAtOrBelow(*base_name);
-        if (InScope(record.name, *base_name, scope) && wanted->Matches(record.lines))
-            Append(&record, attributes_only, &result);
+        base_exists = base_exists || record.name.IsAtOrBelow(*base);
+        if (InScope(record.name, *base, query.scope) && wanted->Matches(record.lines)) {
+            taken++;
+            take(TakeEntry(&record, query, names));
+        }
     }
     if (base_exists)
-        return result;
-    LogDirectory(1, "search of %s below \"%s\" failed: no such entry", filter.c_str(),
+        return true;
+    LogDirectory(1, "search of %s below \"%s\" failed: no such entry", query.filter.c_str(),
                  base_text.c_str());
-    return FailedSearch();
+    return false;
 }
 
 // False when the file is broken or holds the entry twice.
@@ -259,7 +303,8 @@ bool LdifSession::ChangeOnce(const std::string& path, const std::string& entry,
     const LdifWrite written = ApplyLdifEdits(file.get(), state, path, change.edits, &error);
     if (written == LdifWrite::kDone)
         return true;
-    *result = written == LdifWrite::kUnsynced ? ModifyResult::kUnreachable : ModifyResult::kRefused;
+    // A full disk, say, is no judgement of the change.
+    *result = ModifyResult::kUnreachable;
     LogDirectory(written == LdifWrite::kChanged ? 6 : 1, "%s: %s", path_.c_str(), error.c_str());
     return written != LdifWrite::kChanged;
 }
@@ -284,7 +329,7 @@ ModifyResult LdifSession::Change(const std::string& entry, const EntryName& name
         if (ChangeOnce(real.get(), entry, name, plan, &result))
             return result;
     LogDirectory(1, "%s: somebody else goes on changing it", path_.c_str());
-    return ModifyResult::kRefused;
+    return ModifyResult::kUnreachable;
 }
 
 ModifyResult LdifSession::Modify(const std::string& entry,
