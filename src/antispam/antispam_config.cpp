@@ -60,6 +60,13 @@ std::string AfterComma(const std::string& text, std::size_t comma)
     return text.substr(comma + 1);
 }
 
+// A list that was read without one of its settings would be another list: it is not read then.
+void OrThrow(bool stored)
+{
+    if (!stored)
+        throw std::bad_alloc();
+}
+
 }  // namespace
 
 const std::string& AntiSpamConfig::Get(Text field) const
@@ -187,9 +194,9 @@ bool AntiSpamConfig::IsWhitelistedIP(const std::string& address) const
 void AntiSpamConfig::ApplyAttribute(std::string_view name, const std::string& value)
 {
     if (EqualNoCase(name, "x-whitelist"))
-        (void)Add(Text::kWhiteList, value);
+        OrThrow(Add(Text::kWhiteList, value));
     else if (EqualNoCase(name, "x-ipwhitelist"))
-        (void)Add(Text::kIPWhiteList, value);
+        OrThrow(Add(Text::kIPWhiteList, value));
     else if (EqualNoCase(name, "x-kvtblaction"))
         ApplyHostAction(value);
     else if (EqualNoCase(name, "x-spamaction"))
@@ -205,7 +212,7 @@ void AntiSpamConfig::ApplySpamAction(const std::string& value)
         kestrune_action_ = kSpamDiscard;
     } else if (StartsWithNoCase(value, "bounce") && comma != std::string::npos) {
         kestrune_action_ = kSpamBounce;
-        (void)Set(Text::kXBounceReason, AfterComma(value, comma));  // without it the default stands
+        OrThrow(Set(Text::kXBounceReason, AfterComma(value, comma)));
     }
 }
 
@@ -217,13 +224,12 @@ void AntiSpamConfig::ApplyHostAction(const std::string& value)
     const std::string host = value.substr(0, comma);
     const std::string action = AfterComma(value, comma);
     const std::size_t second = action.find(',');
-    // Out of memory leaves the host without an action of its own, as if the value were not there.
     if (StartsWithNoCase(action, "ignore"))
-        (void)SetHostAction(host, kSpamIgnore, std::nullopt);
+        OrThrow(SetHostAction(host, kSpamIgnore, std::nullopt));
     else if (StartsWithNoCase(action, "discard"))
-        (void)SetHostAction(host, kSpamDiscard, std::nullopt);
+        OrThrow(SetHostAction(host, kSpamDiscard, std::nullopt));
     else if (StartsWithNoCase(action, "bounce") && second != std::string::npos)
-        (void)SetHostAction(host, kSpamBounce, AfterComma(action, second));
+        OrThrow(SetHostAction(host, kSpamBounce, AfterComma(action, second)));
 }
 
 std::uint32_t AddressNumber(const std::string& dotted)

@@ -83,8 +83,8 @@ class AntiSpamConfig
     [[nodiscard]] bool IsWhitelistedIP(const std::string& address) const;
 
     // One attribute of a list's entry in the directory: x-spamaction, x-kvtblaction, x-whitelist or
-    // x-ipwhitelist, in any case. Others say nothing of spam and change nothing. Out of memory,
-    // nothing is white-listed.
+    // x-ipwhitelist, in any case. Others say nothing of spam and change nothing. Throws
+    // std::bad_alloc.
     void ApplyAttribute(std::string_view name, const std::string& value);
     // The values of the first two: "ignore", "discard", "bounce,<text>";
     // "<host>,<action>[,<text>]". Anything else is ignored.

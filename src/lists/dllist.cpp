@@ -12,20 +12,12 @@ const char* TextOrNull(const std::optional<std::string>& text)
     return text ? text->c_str() : nullptr;
 }
 
-const std::vector<ListMember>* MembersOf(const _mailinglist& record, const std::string& mode)
+const MemberList* MembersOf(const _mailinglist& record, const std::string& mode)
 {
     if (EqualNoCase(mode, "Immediate"))
         return &record.immediate_members;
     if (EqualNoCase(mode, "Digest"))
         return &record.digest_members;
-    return nullptr;
-}
-
-const ListMember* FindMember(const std::vector<ListMember>& members, const std::string& address)
-{
-    for (const ListMember& member : members)
-        if (EqualNoCase(member.address, address))
-            return &member;
     return nullptr;
 }
 
@@ -213,10 +205,12 @@ bool dllist::IsMemberBlocked(const std::string& list, const std::string& address
     const _mailinglist* record = Record(list);
     if (!record)
         return false;
-    const ListMember* member = FindMember(record->digest_members, address);
-    if (!member)
-        member = FindMember(record->immediate_members, address);
-    return member && member->blocked;
+    for (const MemberList* members : {&record->digest_members, &record->immediate_members}) {
+        const std::size_t member = members->Find(address);
+        if (member != members->Count())
+            return members->IsBlocked(member);
+    }
+    return false;
 }
 
 bool dllist::HasMember(const std::string& list, const std::string& mode)
@@ -226,8 +220,8 @@ bool dllist::HasMember(const std::string& list, const std::string& mode)
     if (Find(list) < 0)
         return false;
     const _mailinglist* record = AtCursor();
-    const std::vector<ListMember>* members = record ? MembersOf(*record, mode) : nullptr;
-    return members && !members->empty();
+    const MemberList* members = record ? MembersOf(*record, mode) : nullptr;
+    return members && !members->Empty();
 }
 
 const char* dllist::GetFirstMember(const std::string& list, const std::string& mode)
@@ -242,11 +236,11 @@ const char* dllist::GetFirstMember(const std::string& list, const std::string& m
     else if (list_cursor_ == -1 && !AddCache(list))  // AddCache chooses the list that it appends
         return nullptr;
     const _mailinglist* record = AtCursor();
-    const std::vector<ListMember>* members = record ? MembersOf(*record, mode) : nullptr;
-    if (!members || members->empty())
+    const MemberList* members = record ? MembersOf(*record, mode) : nullptr;
+    if (!members || members->Empty())
         return nullptr;
     (members == &record->immediate_members ? immediate_cursor_ : digest_cursor_) = 0;
-    return members->front().address.c_str();
+    return members->Address(0);
 }
 
 const char* dllist::GetNextMember(const std::string& list, const std::string& mode)
@@ -254,16 +248,16 @@ const char* dllist::GetNextMember(const std::string& list, const std::string& mo
     const _mailinglist* record = AtCursor();
     if (!record || !EqualNoCase(record->name, list))
         return nullptr;
-    const std::vector<ListMember>* members = MembersOf(*record, mode);
+    const MemberList* members = MembersOf(*record, mode);
     if (!members)
         return nullptr;
     std::int32_t& cursor =
         members == &record->immediate_members ? immediate_cursor_ : digest_cursor_;
     const std::size_t next = static_cast<std::size_t>(cursor) + 1;
-    if (next >= members->size())
+    if (next >= members->Count())
         return nullptr;
     ++cursor;
-    return (*members)[next].address.c_str();
+    return members->Address(next);
 }
 
 char* _strlwr(char* text)

@@ -73,7 +73,7 @@ void dllist::CountMembers() const
 {
     std::size_t members = 0;
     for (const _mailinglist& record : records_)
-        members += record.immediate_members.size() + record.digest_members.size();
+        members += record.immediate_members.Count() + record.digest_members.Count();
     SetGauge(Metric::kLists, Count());
     SetGauge(Metric::kMembers, static_cast<std::int64_t>(members));
 }
@@ -191,12 +191,13 @@ bool dllist::AddCache(const std::string& list)
         const std::string* mail = FirstMail(entry);
         if (!mail || !EqualNoCase(*mail, list))
             continue;
-        DlLog(6, "Found mailing list %s", mail->c_str());
+        const std::string spelling = *mail;
+        DlLog(6, "Found mailing list %s", spelling.c_str());
         const std::size_t before = records_.size();
         try {
             _mailinglist& record = records_.emplace_back();
             LoadMailingList(list, &entry, &record);
-            record.spelling = *mail;
+            record.spelling = spelling;
             AddToIndex(Count() - 1);
         } catch (const std::bad_alloc&) {
             records_.resize(before);

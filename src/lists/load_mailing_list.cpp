@@ -18,10 +18,6 @@ namespace dl
 namespace
 {
 
-constexpr std::string_view kImmediate = "Immediate;";
-constexpr std::string_view kDigest = "Digest;";
-constexpr std::string_view kBlocked = "Blocked;";
-
 void ReadReceipt(const std::string& value, _mailinglist* record)
 {
     record->remove_return_receipt = !EqualNoCase(value, "NO");
@@ -135,14 +131,6 @@ void ReadMode(const std::string& value, _mailinglist* record)
     DlLog(6, "This is %s list", record->mode == kOpenList ? "an open" : "a close");
 }
 
-void ReadMember(const std::string& value, _mailinglist* record)
-{
-    if (StartsWithNoCase(value, kImmediate))
-        ++record->immediate_count;
-    else if (StartsWithNoCase(value, kDigest))
-        ++record->digest_count;
-}
-
 template <std::optional<std::string> _mailinglist::*Field>
 void ReadPath(const std::string& value, _mailinglist* record)
 {
@@ -155,7 +143,6 @@ struct AttributeReader {
 };
 
 constexpr AttributeReader kAttributes[] = {
-    {"listmember", ReadMember},
     {"RemoveReturnReceiptTo", ReadReceipt},
     {"AutoSubscription", ReadAutoSubscription},
     {"postingpermission", ReadPostingPermission},
@@ -186,57 +173,6 @@ void ReadAttributes(const SearchEntry& entry, _mailinglist* record)
         else
             record->spam_settings.ApplyAttribute(attribute.name, attribute.value);
     }
-}
-
-// False when there is no room for `count` members; the list then has none of that mode.
-bool Reserve(std::vector<ListMember>* members, std::int32_t count)
-{
-    try {
-        members->reserve(static_cast<std::size_t>(count));
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    return true;
-}
-
-void AppendMember(std::string* value, std::string_view prefix, int mode,
-                  std::vector<ListMember>* members)
-{
-    value->erase(0, prefix.size());
-    const bool blocked = StartsWithNoCase(*value, kBlocked);
-    if (blocked)
-        value->erase(0, kBlocked.size());
-    members->push_back({std::move(*value), mode, blocked});
-}
-
-void ReadMembers(const std::string& list, SearchEntry* entry, _mailinglist* record)
-{
-    DlLog(6, "There are %d digest mode members for mailing list %s", record->digest_count,
-          list.c_str());
-    DlLog(6, "There are %d immediate mode members for mailing list %s", record->immediate_count,
-          list.c_str());
-    const bool digest = Reserve(&record->digest_members, record->digest_count);
-    if (!digest)
-        DlLog(6,
-              "Out of memory, could not allocate space to hold digest mode memeber of mailing "
-              "list %s",
-              list.c_str());
-    const bool immediate = Reserve(&record->immediate_members, record->immediate_count);
-    if (!immediate)
-        DlLog(6,
-              "Out of memory, could not allocate space to hold immediate mode memeber of "
-              "mailing list %s",
-              list.c_str());
-    for (SearchAttribute& attribute : entry->attributes) {
-        if (!EqualNoCase(attribute.name, "listmember"))
-            continue;
-        if (immediate && StartsWithNoCase(attribute.value, kImmediate))
-            AppendMember(&attribute.value, kImmediate, 0, &record->immediate_members);
-        else if (digest && StartsWithNoCase(attribute.value, kDigest))
-            AppendMember(&attribute.value, kDigest, 1, &record->digest_members);
-    }
-    record->digest_count = static_cast<std::int32_t>(record->digest_members.size());
-    record->immediate_count = static_cast<std::int32_t>(record->immediate_members.size());
 }
 
 const char* DaySuffix(int day)
@@ -271,33 +207,36 @@ void ClampDigestDay(_mailinglist* record)
     }
 }
 
-// An existing file stays, so that a refresh never moves a pending digest.
-void SeedDigestSchedule(const std::string& list, const _mailinglist& record)
+}  // namespace
+
+bool LoadMailingList(const std::string& list, SearchEntry* entry, _mailinglist* record)
 {
-    if (!IsSafeFolderName(list)) {
+    record->name = list;
+    TakeMembers(list, entry, record);
+    ReadAttributes(*entry, record);
+    DlLog(6, "There are %d digest mode members for mailing list %s", record->digest_count,
+          list.c_str());
+    DlLog(6, "There are %d immediate mode members for mailing list %s", record->immediate_count,
+          list.c_str());
+    ClampDigestDay(record);
+    if (!IsSafeFolderName(list))
         DlLog(1, "Mailing list %s has no digest: its name cannot be the name of a folder",
               list.c_str());
+    SeedDigestSchedule(*record);
+    return true;
+}
+
+void SeedDigestSchedule(const _mailinglist& record)
+{
+    if (!IsSafeFolderName(record.name))
         return;
-    }
-    const std::string path = DigestDuePath(list);
+    const std::string path = DigestDuePath(record.name);
     if (DueFile(path).IsOpen())
         return;
     const std::time_t first =
         adjusttime(Now(), record.digest_hour, record.digest_minute, record.digest_frequency,
                    record.digest_day, record.digest_day);
     (void)DueFile::Create(path, first);  // the folder may be missing: the list has no digest then
-}
-
-}  // namespace
-
-bool LoadMailingList(const std::string& list, SearchEntry* entry, _mailinglist* record)
-{
-    record->name = list;
-    ReadAttributes(*entry, record);
-    ReadMembers(list, entry, record);
-    ClampDigestDay(record);
-    SeedDigestSchedule(list, *record);
-    return true;
 }
 
 }  // namespace dl

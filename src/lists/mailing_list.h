@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "antispam/antispam_config.h"
+#include "lists/member_list.h"
 #include "platform/directory/directory.h"
 
 namespace dl
@@ -25,12 +25,6 @@ inline constexpr int kBouncePosting = 1;
 inline constexpr int kForwardPosting = 2;
 inline constexpr int kBounceAndForwardPosting = 3;
 
-struct ListMember {
-    std::string address;    // as written in the directory
-    std::int32_t mode = 0;  // 0 immediate, 1 digest
-    bool blocked = false;   // receives mail but may not post
-};
-
 struct _mailinglist {
     std::string name;  // the list's address, key of every lookup
     std::optional<std::string> owner;
@@ -39,8 +33,8 @@ struct _mailinglist {
     std::optional<std::string> welcome_text;
     std::optional<std::string> disclaimer_text;
     std::optional<std::string> disclaimer_html;
-    std::vector<ListMember> digest_members;
-    std::vector<ListMember> immediate_members;
+    MemberList digest_members;
+    MemberList immediate_members;
     std::int32_t mode = kOpenList;
     std::int32_t archive = 1;
     std::int32_t digest_count = 0;
@@ -59,8 +53,15 @@ struct _mailinglist {
     std::string spelling;  // of the name in the directory, when it is another; names the folders
 };
 
-// Fills `record` from `entry`, whose member values it takes; logs each setting at level 6; seeds
-// the list's digest schedule file when it is missing. Always true.
+// Moves the members from `entry` to `record`, silently but for members that find no room, at level
+// 6. Throws std::bad_alloc then: a list without its members would swallow its postings.
+void TakeMembers(const std::string& list, SearchEntry* entry, _mailinglist* record);
+// Fills `record` from `entry`, whose members it takes when that is not done (its attributes move
+// then); logs each setting at level 6; seeds the list's digest schedule file. Always true; throws
+// std::bad_alloc.
 bool LoadMailingList(const std::string& list, SearchEntry* entry, _mailinglist* record);
+// Makes the list's digest schedule file when it is missing. An existing file stays, so that a
+// refresh never moves a pending digest.
+void SeedDigestSchedule(const _mailinglist& record);
 
 }  // namespace dl
