@@ -23,6 +23,22 @@ const MemberList* MembersOf(const _mailinglist& record, const std::string& mode)
 
 }  // namespace
 
+// FNV-1a: the names are the directory's.
+std::size_t NameHash::operator()(const std::string& name) const
+{
+    std::uint64_t hash = 0xCBF29CE484222325U;
+    for (const char c : name) {
+        const char lower = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        hash = (hash ^ static_cast<unsigned char>(lower)) * 0x100000001B3U;
+    }
+    return hash;
+}
+
+bool NameEqual::operator()(const std::string& a, const std::string& b) const
+{
+    return EqualNoCase(a, b);
+}
+
 dllist& ListCache()
 {
     static dllist cache;
@@ -49,13 +65,8 @@ void dllist::DeleteCache()
 
 std::int32_t dllist::Find(const std::string& list) const
 {
-    const auto found = index_.find(LowerCase(list));
+    const auto found = index_.find(list);
     return found == index_.end() ? -1 : found->second;
-}
-
-void dllist::AddToIndex(std::int32_t record)
-{
-    index_.emplace(LowerCase(records_[static_cast<std::size_t>(record)].name), record);
 }
 
 const _mailinglist* dllist::Record(const std::string& list) const
@@ -98,23 +109,19 @@ const char* dllist::GetNextList()
 bool dllist::IsCached(const std::string& list)
 {
     look_up_failed_ = false;
-    if (CacheEmpty() && !InitCache())
-        return false;
-    return Find(list) >= 0 || AddCache(list);
+    return LoadWhenEmpty() && (Find(list) >= 0 || AddCache(list));
 }
 
 int dllist::GetMode(const std::string& list)
 {
-    if (CacheEmpty())
-        (void)InitCache();  // an empty cache answers below
+    LoadWhenEmpty();
     const _mailinglist* record = Record(list);
     return record ? record->mode : -1;
 }
 
 int dllist::GetArchiveFlag(const std::string& list)
 {
-    if (CacheEmpty())
-        (void)InitCache();  // an empty cache answers below
+    LoadWhenEmpty();
     const _mailinglist* record = Record(list);
     return record ? record->archive : -1;
 }
@@ -215,7 +222,7 @@ bool dllist::IsMemberBlocked(const std::string& list, const std::string& address
 
 bool dllist::HasMember(const std::string& list, const std::string& mode)
 {
-    if (CacheEmpty())
+    if (CacheEmpty() && !pause_.Runs())
         (void)RefreshCache();  // an empty cache answers below
     if (Find(list) < 0)
         return false;
@@ -226,8 +233,7 @@ bool dllist::HasMember(const std::string& list, const std::string& mode)
 
 const char* dllist::GetFirstMember(const std::string& list, const std::string& mode)
 {
-    if (CacheEmpty())
-        (void)InitCache();  // an empty cache answers below
+    LoadWhenEmpty();
     if (CacheEmpty())
         return nullptr;
     const std::int32_t index = Find(list);

@@ -14,10 +14,22 @@
 #include <unordered_map>
 
 #include "antispam/spam_checker.h"
+#include "lists/look_up_pause.h"
 #include "lists/mailing_list.h"
 
 namespace dl
 {
+
+class ListReading;
+
+// Lists by name, without regard to case. Looking one up takes no memory.
+struct NameHash {
+    std::size_t operator()(const std::string& name) const;
+};
+struct NameEqual {
+    bool operator()(const std::string& a, const std::string& b) const;
+};
+using ListIndex = std::unordered_map<std::string, std::int32_t, NameHash, NameEqual>;
 
 struct DigestTime {
     int hour = 0;
@@ -34,24 +46,35 @@ class dllist
     dllist(const dllist&) = delete;
     dllist& operator=(const dllist&) = delete;
 
-    // Empties the cache and loads every list. True when the directory answered, also with no list;
-    // false, and the cache empty, when it could not be reached, refused, gave no whole answer, or
-    // memory ran out.
+    // Loads every list, in place of those that there are. True when the directory answered, also
+    // with no list; false, and the cache as it was, when it could not be reached, refused, gave no
+    // whole answer, or memory ran out.
     bool InitCache();
-    // Reloads from a directory that answers; else keeps the cache as it is. False only when the
-    // reload itself fails.
+    // Reloads what has changed. A directory that does not give its whole answer leaves the cache as
+    // it was: true when it could not be reached or refused, silently; false when the answer broke
+    // off or memory ran out. RefreshFailed() tells either from a refresh that was done.
     bool RefreshCache();
+    [[nodiscard]] bool RefreshFailed() const { return refresh_failed_; }
     // Looks one list up in the directory and appends it. True when it was found.
     bool AddCache(const std::string& list);
     void DeleteCache();
     // The owner's address of a cached list, looked up once; the postmaster when the list has no
-    // owner alias. Null when the list is not cached or the owner cannot be found out.
+    // owner alias. Null when the list is not cached, when the look-up failed, or when the alias
+    // names no owner, which is logged at level 1.
     [[nodiscard]] const char* GetListOwner(const std::string& list);
-
-    // Whether the last connect and bind of InitCache, AddCache or GetListOwner succeeded.
-    [[nodiscard]] bool DirectoryReachable() const { return directory_reachable_; }
-    // Whether the last IsCached, AddCache or GetListOwner asked a directory that gave no answer.
+    // Whether the last IsCached, AddCache or GetListOwner, or query that loads an empty cache,
+    // needed the directory and got no answer: what it returned means nothing then. After that
+    // look-ups fail at once, without asking and without a line, for a pause that grows
+    // (look_up_pause.h); cached lists answer all the same.
     [[nodiscard]] bool LookUpFailed() const { return look_up_failed_; }
+
+    // Whether the last connect and bind of InitCache, AddCache or GetListOwner succeeded; false,
+    // too, when the last InitCache failed later.
+    [[nodiscard]] bool DirectoryReachable() const { return directory_reachable_; }
+    // True until a load has had a whole answer: nobody knows then what is a list. CacheEmpty()
+    // without DirectoryReachable() is not the same: a directory that holds no list and goes away
+    // later brings that about, too, and then nothing would end it.
+    [[nodiscard]] bool WaitsForDirectory() const { return !answered_ && CacheEmpty(); }
     // True until lists have been loaded.
     [[nodiscard]] bool CacheEmpty() const { return !loaded_; }
     [[nodiscard]] std::int32_t Count() const { return static_cast<std::int32_t>(records_.size()); }
@@ -60,9 +83,9 @@ class dllist
     [[nodiscard]] const char* GetFirstList();
     [[nodiscard]] const char* GetNextList();
 
-    // Whether the list is known; asks the directory when it is not cached.
+    // Whether the list is known; asks the directory when it is not cached. See LookUpFailed().
     [[nodiscard]] bool IsCached(const std::string& list);
-    // -1 for an unknown list. These two load an empty cache.
+    // -1 for an unknown list. These two, and the members' below, load an empty cache.
     [[nodiscard]] int GetMode(const std::string& list);
     [[nodiscard]] int GetArchiveFlag(const std::string& list);
 
@@ -99,24 +122,34 @@ class dllist
 
  private:
     [[nodiscard]] std::int32_t Find(const std::string& list) const;  // -1: not cached
-    void AddToIndex(std::int32_t record);
     [[nodiscard]] const _mailinglist* Record(const std::string& list) const;
     [[nodiscard]] const _mailinglist* AtCursor() const;
+    enum class Found { kYes, kNo, kNoAnswer };
     [[nodiscard]] bool Connect(ldapClient* client);
-    // All list entries; false, and logged, when the directory gives no whole answer.
-    [[nodiscard]] bool FindLists(SearchReq* found);
-    [[nodiscard]] bool ReadLists();
-    [[nodiscard]] bool Load(SearchReq* found);
+    // Loads a cache that is empty. False when the directory gave no answer, or was not asked.
+    bool LoadWhenEmpty();
+    // Around each look-up, for LookUpFailed(): whether the directory may be asked now, and what
+    // came of it; true when it was found.
+    [[nodiscard]] bool MayLookUp();
+    [[nodiscard]] bool EndLookUp(Found found);
+    [[nodiscard]] Found FindList(const std::string& list);
+    [[nodiscard]] Found FindOwner(_mailinglist* record);
+    void Append(std::deque<_mailinglist>* lists);
+    // Replaces the records by the directory's whole answer, or logs why there is none.
+    [[nodiscard]] bool Reload(ldapClient* client, bool keep);
+    void Replace(ListReading* reading);
     void CountRefresh(bool done) const;
     void CountMembers() const;
-    [[nodiscard]] bool LookUpOwner(_mailinglist* record);
 
     std::unique_ptr<SpamChecker> spam_checker_;
     bool directory_reachable_ = false;
+    bool answered_ = false;  // a load has had a whole answer
+    bool refresh_failed_ = false;
     bool look_up_failed_ = false;
+    LookUpPause pause_;
     bool loaded_ = false;  // the records exist, be there none
     std::deque<_mailinglist> records_;
-    std::unordered_map<std::string, std::int32_t> index_;  // by name in lower case; the first one
+    ListIndex index_;  // by name; the first one
     std::int32_t list_cursor_ = -1;
     std::int32_t immediate_cursor_ = -1;
     std::int32_t digest_cursor_ = -1;

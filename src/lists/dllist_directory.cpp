@@ -1,13 +1,15 @@
-// The operations of dllist that ask the directory.
+// The operations of dllist that ask the directory for lists.
 
 #include <new>
+#include <type_traits>
 
 #include "lists/directory_access.h"
 #include "lists/dllist.h"
+#include "lists/list_reading.h"
+#include "lists/within_memory.h"
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"
-#include "platform/log/format.h"
 #include "platform/log/log.h"
 #include "platform/metrics/metrics.h"
 
@@ -16,43 +18,19 @@ namespace dl
 namespace
 {
 
-constexpr char kAllLists[] = "objectclass=qvlist";
-constexpr int kSubtree = 2;
-
-const std::string* FirstMail(const SearchEntry& entry)
+void LogNoAnswer()
 {
-    for (const SearchAttribute& attribute : entry.attributes)
-        if (EqualNoCase(attribute.name, "mail"))
-            return &attribute.value;
-    return nullptr;
+    DlLog(1, "Could not read the mailing lists from Directory Server");
 }
 
-std::string PostmasterAddress()
+void LogNoLists()
 {
-    const auto read = [](const char* key) {
-        return GetPrivateProfileString("Connection", key, "", 128, kMainConfig);
-    };
-    return FormatText("postmaster@%s.%s", read("GatewayHostName").c_str(),
-                      read("GatewayDomain").c_str());
+    DlLog(6, "There is no mailing listing available in the Directory Server");
 }
 
-// The owner's address among the alias entries: an alias and an owner need not stand in the same
-// entry.
-const std::string* FindOwner(const SearchReq& found, const std::string& alias)
+void LogShortMemory()
 {
-    bool matched = false;
-    const std::string* owner = nullptr;
-    for (const SearchEntry& entry : found.entries) {
-        for (const SearchAttribute& attribute : entry.attributes) {
-            if (EqualNoCase(attribute.name, "mail") && EqualNoCase(attribute.value, alias))
-                matched = true;
-            else if (EqualNoCase(attribute.name, "listowner"))
-                owner = &attribute.value;
-        }
-        if (matched && owner)
-            return owner;
-    }
-    return nullptr;
+    DlLog(1, "Out of memory, unable to allocate space to hold mailing list entry");
 }
 
 }  // namespace
@@ -63,6 +41,7 @@ void dllist::CountRefresh(bool done) const
     if (this != &ListCache())
         return;
     dl::Count(done ? Metric::kRefreshes : Metric::kRefreshesFailed);
+    SetGauge(Metric::kWaitsForDirectory, WaitsForDirectory() ? 1 : 0);
     if (!done)
         return;
     SetGauge(Metric::kLastRefresh, Now());
@@ -85,181 +64,158 @@ bool dllist::Connect(ldapClient* client)
     return directory_reachable_;
 }
 
-bool dllist::FindLists(SearchReq* found)
-{
-    ldapClient client;
-    if (!Connect(&client))
-        return false;
-    *found = client.ldapClientSearch(nullptr, kSubtree, false, kAllLists);
-    client.ldapClientUnbind();
-    look_up_failed_ = found->failed;
-    if (found->failed)
-        DlLog(1, "Could not read the mailing lists from Directory Server");
-    return !found->failed;
-}
-
 bool dllist::InitCache()
 {
-    const bool done = ReadLists();
+    const auto load = [this] {
+        ldapClient client;
+        return Connect(&client) && Reload(&client, false);
+    };
+    const bool done = WithinMemory(false, load, LogShortMemory);
+    // Also after half an answer and out of memory: without lists, the main loop must wait then and
+    // not answer every posting as sent to an unknown list.
+    directory_reachable_ = done;
     CountRefresh(done);
     return done;
 }
 
-bool dllist::ReadLists()
-{
-    DeleteCache();
-    SearchReq found;
-    if (!FindLists(&found)) {
-        // Taken as "no lists", half an answer would bounce every posting as sent to an unknown
-        // list.
-        directory_reachable_ = false;
-        return false;
-    }
-    return Load(&found);
-}
-
-// A search for the names alone shows whether the directory gives a whole answer, before the old
-// lists go: with all values, both generations of the lists would lie in memory at once.
 bool dllist::RefreshCache()
 {
-    const DirectoryLogin login = ReadDirectoryLogin(kMainConfig);
-    {
+    bool reached = false;
+    const auto refresh = [&] {
+        const DirectoryLogin login = ReadDirectoryLogin(kMainConfig);
         ldapClient client;
-        if (client.ldapClientConnect(login.host, login.port) != 0 ||
-            client.ldapClientBind(login.user, login.password) != 0) {
-            CountRefresh(false);
-            return true;
-        }
-        const SearchReq names = client.ldapClientSearch(nullptr, kSubtree, true, kAllLists);
-        client.ldapClientUnbind();
-        if (names.failed) {
-            DlLog(1, "Could not read the mailing lists from Directory Server");
-            CountRefresh(false);
-            return false;
-        }
-    }
-    DeleteCache();
-    return InitCache();
+        reached = client.ldapClientConnect(login.host, login.port) == 0 &&
+                  client.ldapClientBind(login.user, login.password) == 0;
+        return reached && Reload(&client, true);
+    };
+    const bool done = WithinMemory(false, refresh, LogShortMemory);
+    if (done)
+        directory_reachable_ = true;
+    refresh_failed_ = !done;
+    CountRefresh(done);
+    return done || !reached;
 }
 
-// Fills the empty cache. Each entry is given back as soon as its list stands, so that both never
-// lie in memory whole.
-bool dllist::Load(SearchReq* found)
+bool dllist::Reload(ldapClient* client, bool keep)
 {
-    if (found->Empty()) {
-        DlLog(6, "There is no mailing listing available in the Directory Server");
-        return true;
-    }
-    int count = 0;
-    for (const SearchEntry& entry : found->entries) {
-        if (const std::string* mail = FirstMail(entry)) {
-            DlLog(6, "Found mailing list %s", mail->c_str());
-            ++count;
-        }
-    }
-    DlLog(6, "%d mailing list(s) are found in Directory Server", count);
-    try {
-        for (SearchEntry& entry : found->entries) {
-            if (const std::string* mail = FirstMail(entry)) {
-                const std::string name = *mail;
-                DlLog(6, "Try loading all list members for mailing list %s", name.c_str());
-                LoadMailingList(name, &entry, &records_.emplace_back());
-                AddToIndex(Count() - 1);
-            }
-            entry = SearchEntry();
-        }
-    } catch (const std::bad_alloc&) {
-        DlLog(1, "Out of memory, unable to allocate space to hold mailing list entry");
-        DeleteCache();
+    static const std::deque<_mailinglist> kNoRecords;
+    ListReading reading(keep ? records_ : kNoRecords);
+    const bool whole = reading.Read(client);
+    client->ldapClientUnbind();
+    if (!whole) {
+        LogNoAnswer();
         return false;
     }
-    loaded_ = true;
+    if (reading.Empty()) {
+        LogNoLists();
+        DeleteCache();
+    } else {
+        reading.Load();
+        Replace(&reading);
+    }
+    answered_ = true;
+    pause_.Answered();
     return true;
+}
+
+// Everything that can fail comes before the old records go.
+void dllist::Replace(ListReading* reading)
+{
+    static_assert(std::is_nothrow_move_assignable_v<_mailinglist>);
+    std::deque<_mailinglist> records(reading->Count());
+    ListIndex index;
+    index.reserve(records.size());
+    for (std::size_t i = 0; i < records.size(); ++i)
+        index.emplace(reading->Name(i), static_cast<std::int32_t>(i));
+    for (std::size_t i = 0; i < records.size(); ++i)
+        reading->Give(i, &records_, &records[i]);
+    records_.swap(records);
+    index_.swap(index);
+    loaded_ = true;
+}
+
+bool dllist::MayLookUp()
+{
+    look_up_failed_ = pause_.Runs();
+    return !look_up_failed_;
+}
+
+bool dllist::EndLookUp(Found found)
+{
+    look_up_failed_ = found == Found::kNoAnswer;
+    if (look_up_failed_)
+        pause_.Failed();
+    else
+        pause_.Answered();
+    return found == Found::kYes;
+}
+
+bool dllist::LoadWhenEmpty()
+{
+    return !CacheEmpty() ||
+           (MayLookUp() && EndLookUp(InitCache() ? Found::kYes : Found::kNoAnswer));
 }
 
 bool dllist::AddCache(const std::string& list)
 {
-    SearchReq found;
-    if (!FindLists(&found))
-        return false;
-    if (found.Empty()) {
-        DlLog(6, "There is no mailing listing available in the Directory Server");
-        return false;
+    const auto short_memory = [] {
+        DlLog(6,
+              "Out of memory, realloc failed, unable to create space to hold the mailing list "
+              "entry.");
+    };
+    const auto find = [&] { return FindList(list); };
+    return MayLookUp() && EndLookUp(WithinMemory(Found::kNoAnswer, find, short_memory));
+}
+
+dllist::Found dllist::FindList(const std::string& list)
+{
+    ldapClient client;
+    if (!Connect(&client))
+        return Found::kNoAnswer;
+    SearchReq found = client.ldapClientSearch(nullptr, 2, false, "objectclass=qvlist");
+    client.ldapClientUnbind();
+    if (found.failed) {
+        LogNoAnswer();
+        return Found::kNoAnswer;
     }
-    bool added = false;
+    if (found.Empty())
+        LogNoLists();
+    std::deque<_mailinglist> lists;
     for (SearchEntry& entry : found.entries) {
         const std::string* mail = FirstMail(entry);
         if (!mail || !EqualNoCase(*mail, list))
             continue;
-        const std::string spelling = *mail;
-        DlLog(6, "Found mailing list %s", spelling.c_str());
-        const std::size_t before = records_.size();
-        try {
-            _mailinglist& record = records_.emplace_back();
-            LoadMailingList(list, &entry, &record);
-            record.spelling = spelling;
-            AddToIndex(Count() - 1);
-        } catch (const std::bad_alloc&) {
-            records_.resize(before);
-            DlLog(6,
-                  "Out of memory, realloc failed, unable to create space to hold the mailing "
-                  "list entry.");
-            return false;
-        }
-        loaded_ = true;
-        list_cursor_ = Count() - 1;
-        added = true;
+        DlLog(6, "Found mailing list %s", mail->c_str());
+        _mailinglist& record = lists.emplace_back();
+        record.spelling = *mail;
+        LoadMailingList(list, &entry, &record);
     }
-    if (added && this == &ListCache())
+    if (lists.empty())
+        return Found::kNo;
+    Append(&lists);
+    return Found::kYes;
+}
+
+// All of them or, out of memory, none.
+void dllist::Append(std::deque<_mailinglist>* lists)
+{
+    const std::size_t before = records_.size();
+    const auto [place, is_new] =
+        index_.emplace(lists->front().name, static_cast<std::int32_t>(before));
+    try {
+        for (_mailinglist& list : *lists)
+            records_.push_back(std::move(list));
+    } catch (const std::bad_alloc&) {
+        while (records_.size() > before)
+            records_.pop_back();
+        if (is_new)
+            index_.erase(place);
+        throw;
+    }
+    loaded_ = true;
+    list_cursor_ = Count() - 1;
+    if (this == &ListCache())
         CountMembers();
-    return added;
-}
-
-const char* dllist::GetListOwner(const std::string& list)
-{
-    const std::int32_t index = Find(list);
-    look_up_failed_ = false;
-    if (index < 0)
-        return nullptr;
-    _mailinglist* record = &records_[static_cast<std::size_t>(index)];
-    if (!record->owner && !LookUpOwner(record))
-        return nullptr;
-    return record->owner->c_str();
-}
-
-bool dllist::LookUpOwner(_mailinglist* record)
-{
-    RT parsed;
-    ldapClient client;
-    if (!Connect(&client) || RecipParse(record->name, &parsed, 1) != 1)
-        return false;
-    const std::string local = parsed.addresses[0].local;
-    const std::string domain = parsed.addresses[0].domain;
-    Clear_RT(&parsed);
-    const std::string filter =
-        FormatText("(&(objectclass=qvlistowner)(mail=%s-owner@%s))",
-                   EscapeFilterValue(local).c_str(), EscapeFilterValue(domain).c_str());
-    const SearchReq found = client.ldapClientSearch(nullptr, kSubtree, false, filter);
-    client.ldapClientUnbind();
-    look_up_failed_ = found.failed;
-    if (found.failed) {
-        // Not the same as "no alias": the postmaster would get the list's mail until the next
-        // refresh.
-        DlLog(1, "Could not look up the owner of mailing list %s", record->name.c_str());
-        return false;
-    }
-    if (found.Empty()) {
-        DlLog(1, "Missing list-owner alias for %s, use postmaster instead.", record->name.c_str());
-        record->owner = PostmasterAddress();
-        return true;
-    }
-    const std::string* owner =
-        FindOwner(found, FormatText("%s-owner@%s", local.c_str(), domain.c_str()));
-    if (!owner)
-        return false;
-    record->owner = *owner;
-    DlLog(6, "List owner is: %s", owner->c_str());
-    return true;
 }
 
 }  // namespace dl

@@ -25,6 +25,12 @@ inline constexpr int kBouncePosting = 1;
 inline constexpr int kForwardPosting = 2;
 inline constexpr int kBounceAndForwardPosting = 3;
 
+// By what a refresh knows a list again.
+struct ListOrigin {
+    std::string dn;          // of its entry
+    std::uint64_t hash = 0;  // of the entry's values
+};
+
 struct _mailinglist {
     std::string name;  // the list's address, key of every lookup
     std::optional<std::string> owner;
@@ -51,6 +57,7 @@ struct _mailinglist {
     bool remove_return_receipt = true;
     AntiSpamConfig spam_settings;
     std::string spelling;  // of the name in the directory, when it is another; names the folders
+    ListOrigin origin;     // empty for a list that was added by itself: the next refresh reads it
 };
 
 // Moves the members from `entry` to `record`, silently but for members that find no room, at level

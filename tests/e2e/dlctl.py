@@ -29,6 +29,7 @@ class Commands:
         entries = directory.list_entries(GARDEN, ["mode: 1", f"listmember: Immediate;{ANNA}", "listmember: Digest;Blocked;Dora@example.com"])
         entries += directory.list_entries(TWICE, [f"listmember: Immediate;{ANNA}", f"listmember: Digest;{ANNA}", f"listmember: Digest;{PAUL}"],
                                         "dc=example,dc=org")
+        entries[-1] = entries[-1].replace("listowner: owner@members.example", "cn: without an owner")
         self.house = service.House(self.binaries, self.kind, [*entries, person])
         self.addCleanup(self.house.end)
         self.service, self.members = self.house.services[0], self.house.directory.members
@@ -116,7 +117,9 @@ class Commands:
         self.assertIn(f"the folder {folder}/archive cannot be made", self.dlctl("list", "check", "--fix", GARDEN, want=1)[1])
         self.assertEqual(stat.S_IMODE(other.stat().st_mode), 0o755)
         # The service would look for this one under another name.
-        found, = self.json("list", "check", TWICE, want=1)
+        found, owner = self.json("list", "check", TWICE, want=1)
+        self.assertEqual(owner, {"finding": "the owner alias twice-owner@lists.example.org names no owner: mail for the owner cannot be sent",
+                                 "mend": "add the attribute listowner with the owner's address"})
         self.assertEqual(found, {"finding": f"the entry is named mail={TWICE},dc=example,dc=org: nobody can join or leave by mail",
                                  "mend": f"name it mail={TWICE},dc=lists,dc=example,dc=org"})
         self.data.rename(self.house.dir / "away")

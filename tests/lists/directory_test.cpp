@@ -2,6 +2,7 @@
 
 #include "lists/directory_access.h"
 #include "platform/config/config.h"
+#include "platform/metrics/metrics.h"
 #include "tests/lists/lists_fixture.h"
 
 namespace dl::testing
@@ -95,57 +96,121 @@ struct Fault {
     DirectoryCall call;
     const char* logged;
     bool reachable;
+    std::size_t entries = 0;  // that come before the search fails
 };
 constexpr Fault kFaults[] = {
     {"connect", DirectoryCall::kConnect, kNoConnection, false},
     {"bind", DirectoryCall::kBind, kNoBind, false},
     {"search", DirectoryCall::kSearch, kNoAnswer, true},
+    {"half an answer", DirectoryCall::kSearch, kNoAnswer, true, 1},
 };
 
-TEST_F(DirectoryOfLists, AFailedInitCacheLeavesNothing)
+TEST_F(DirectoryOfLists, AFailedFirstLoadWaitsAndLeavesNothing)
 {
-    Directory(List(kTeam));
+    Directory(List("first@example.org") + List(kTeam));
     for (const Fault& fault : kFaults) {
         SCOPED_TRACE(fault.name);
-        ASSERT_TRUE(cache.InitCache());
-        log.Clear();
+        dllist fresh;
         log.ExpectError(std::string(fault.logged).substr(2, 20));
+        directory.entries = fault.entries;
         directory.FailNext(fault.call);
-        EXPECT_FALSE(cache.InitCache());
+        EXPECT_FALSE(fresh.InitCache());
         EXPECT_EQ(Logged(), fault.logged);
-        EXPECT_TRUE(cache.CacheEmpty());
-        EXPECT_FALSE(cache.DirectoryReachable()) << "the main loop must wait, not bounce";
-        // Asking for a list tries again, and gives up when that fails.
+        EXPECT_TRUE(fresh.CacheEmpty());
+        EXPECT_FALSE(fresh.DirectoryReachable()) << "the main loop must wait, not bounce";
+        EXPECT_TRUE(fresh.WaitsForDirectory());
+        // Asking for a list tries again, and gives up for a second when that fails.
         directory.FailNext(fault.call);
-        EXPECT_FALSE(cache.IsCached(kTeam));
+        EXPECT_FALSE(fresh.IsCached("first@example.org"));
+        EXPECT_TRUE(fresh.LookUpFailed());
         EXPECT_EQ(Logged(), fault.logged);
-        EXPECT_TRUE(cache.IsCached(kTeam));
-        EXPECT_TRUE(cache.DirectoryReachable());
+        EXPECT_EQ(fresh.GetMode(kTeam), -1);
+        EXPECT_EQ(Logged(), "");
+        ++clock.now;
+        EXPECT_TRUE(fresh.IsCached(kTeam));
+        EXPECT_FALSE(fresh.LookUpFailed());
+        EXPECT_TRUE(fresh.DirectoryReachable());
+        EXPECT_FALSE(fresh.WaitsForDirectory());
+        log.Clear();
     }
 }
 
-TEST_F(DirectoryOfLists, AFailedRefreshKeepsTheLists)
+TEST_F(DirectoryOfLists, TheServicesFiguresTellOfItsOwnCacheAlone)
+{
+    ASSERT_TRUE(OpenMetrics(Path(""), "dlmanager"));
+    const auto figures = [this] {
+        MetricsSnapshot seen;
+        EXPECT_TRUE(ReadMetrics(Path(""), "dlmanager", &seen));
+        std::string text;
+        for (const Metric metric : {Metric::kWaitsForDirectory, Metric::kRefreshes,
+                                    Metric::kRefreshesFailed, Metric::kLists})
+            text += std::to_string(seen[metric]) + " ";
+        return text;
+    };
+    Directory(List(kTeam));
+    ListCache().DeleteCache();
+    log.ExpectError("Could not connect to Directory Server");
+    directory.FailNth(DirectoryCall::kConnect, 1, 2);
+    EXPECT_FALSE(ListCache().InitCache());
+    EXPECT_FALSE(cache.InitCache());
+    EXPECT_EQ(figures(), "1 0 1 0 ");
+    EXPECT_TRUE(cache.InitCache());
+    EXPECT_EQ(figures(), "1 0 1 0 ") << "the archive worker's is another one";
+    EXPECT_TRUE(ListCache().RefreshCache());
+    EXPECT_EQ(figures(), "0 1 1 1 ");
+    ListCache().DeleteCache();
+    CloseMetrics();
+}
+
+// A directory that held no list when it was read first, and goes away, is not waited for.
+TEST_F(DirectoryOfLists, WaitingEndsWithTheFirstAnswer)
+{
+    ASSERT_TRUE(cache.InitCache());
+    EXPECT_TRUE(cache.CacheEmpty());
+    log.ExpectError("Could not connect to Directory Server");
+    directory.FailNext(DirectoryCall::kConnect);
+    EXPECT_FALSE(cache.IsCached(kTeam));
+    EXPECT_FALSE(cache.DirectoryReachable());
+    EXPECT_FALSE(cache.WaitsForDirectory());
+}
+
+TEST_F(DirectoryOfLists, OnlyAWholeAnswerReplacesTheLists)
 {
     Directory(List(kTeam, "listmember: Immediate;m@example.com\n"));
     ASSERT_TRUE(cache.InitCache());
     const char* name = cache.GetFirstList();
-    Directory(List("new@example.org"));
-    for (const Fault& fault : kFaults) {
-        SCOPED_TRACE(fault.name);
-        const bool search = fault.call == DirectoryCall::kSearch;
-        if (search)
-            log.ExpectError("Could not read the mailing lists from Directory Server");
-        log.Clear();
-        directory.FailNext(fault.call);
-        EXPECT_EQ(cache.RefreshCache(), !search);
-        EXPECT_EQ(Logged(), search ? kNoAnswer : "");
-        EXPECT_TRUE(cache.DirectoryReachable());
-        EXPECT_EQ(cache.Count(), 1);
+    Directory(List("new@example.org") + List("newer@example.org"));
+    const auto unchanged = [&] {
+        EXPECT_EQ(Names(&cache), "team@example.org ");
         EXPECT_STREQ(name, kTeam) << "texts are still valid";
         EXPECT_EQ(Members(&cache, kTeam, "Immediate"), "m@example.com ");
+        EXPECT_FALSE(cache.WaitsForDirectory());
+    };
+    for (const Fault& fault : kFaults) {
+        SCOPED_TRACE(fault.name);
+        log.ExpectError(std::string(fault.logged).substr(2, 20));
+        log.Clear();
+        directory.entries = fault.entries;
+        directory.FailNext(fault.call);
+        EXPECT_EQ(cache.RefreshCache(), !fault.reachable);
+        EXPECT_TRUE(cache.RefreshFailed());
+        EXPECT_EQ(Logged(), fault.reachable ? fault.logged : "");
+        EXPECT_TRUE(cache.DirectoryReachable()) << "a refresh that fails does not touch it";
+        unchanged();
+        directory.FailNext(fault.call);
+        EXPECT_FALSE(cache.InitCache());
+        EXPECT_EQ(Logged(), fault.logged);
+        EXPECT_FALSE(cache.DirectoryReachable());
+        unchanged();
+        Directory(List(kTeam, "listmember: Immediate;m@example.com\n"));
+        EXPECT_TRUE(cache.RefreshCache());
+        EXPECT_FALSE(cache.RefreshFailed());
+        EXPECT_TRUE(cache.DirectoryReachable());
+        name = cache.GetFirstList();
+        Directory(List("new@example.org") + List("newer@example.org"));
     }
     ASSERT_TRUE(cache.RefreshCache());
-    EXPECT_EQ(Names(&cache), "new@example.org ");
+    EXPECT_EQ(Names(&cache), "new@example.org newer@example.org ");
     // A directory that answers without lists does empty the cache.
     Directory("");
     log.Clear();
@@ -153,6 +218,44 @@ TEST_F(DirectoryOfLists, AFailedRefreshKeepsTheLists)
     EXPECT_EQ(Logged(), kNoLists);
     EXPECT_TRUE(cache.CacheEmpty());
     EXPECT_TRUE(cache.DirectoryReachable());
+}
+
+// Look-ups that ask, in seconds from the first one. In between they fail without a line, and lists
+// that are cached answer.
+TEST_F(DirectoryOfLists, FailedLookUpsAreRepeatedLessAndLess)
+{
+    Directory(List(kTeam));
+    ASSERT_TRUE(cache.InitCache());
+    log.ExpectError("Could not connect to Directory Server");
+    directory.FailNth(DirectoryCall::kConnect, 1, 1000);
+    const std::time_t begin = clock.now;
+    std::string asked;
+    for (; clock.now - begin <= 190; ++clock.now) {
+        const int connects = directory.Made(DirectoryCall::kConnect);
+        log.Clear();
+        EXPECT_FALSE(cache.IsCached("new@example.org"));
+        EXPECT_TRUE(cache.LookUpFailed());
+        EXPECT_FALSE(cache.AddCache("other@example.org"));
+        EXPECT_TRUE(cache.LookUpFailed());
+        const bool asks = directory.Made(DirectoryCall::kConnect) != connects;
+        EXPECT_EQ(Logged(), asks ? kNoConnection : "");
+        asked += asks ? std::to_string(clock.now - begin) + " " : "";
+        EXPECT_TRUE(cache.IsCached(kTeam));
+        EXPECT_FALSE(cache.LookUpFailed());
+    }
+    EXPECT_EQ(asked, "0 1 3 7 15 31 63 123 183 ");
+    // Any answer, here that of a refresh, ends the pause.
+    directory.ForgetFaults();
+    EXPECT_FALSE(cache.IsCached("new@example.org"));
+    EXPECT_TRUE(cache.LookUpFailed());
+    EXPECT_TRUE(cache.RefreshCache());
+    EXPECT_FALSE(cache.IsCached("new@example.org"));
+    EXPECT_FALSE(cache.LookUpFailed());
+    directory.FailNext(DirectoryCall::kConnect);
+    EXPECT_FALSE(cache.IsCached("new@example.org"));
+    clock.now -= 86'400;  // so does a clock that is set back
+    EXPECT_FALSE(cache.IsCached("new@example.org"));
+    EXPECT_FALSE(cache.LookUpFailed());
 }
 
 TEST_F(DirectoryOfLists, AnUnreadableFileIsAnUnreachableDirectory)
@@ -234,11 +337,14 @@ TEST_F(DirectoryOfLists, AFailedAddCacheLeavesTheLists)
         SCOPED_TRACE(fault.name);
         log.Clear();
         log.ExpectError(std::string(fault.logged).substr(2, 20));
+        directory.entries = fault.entries;
         directory.FailNext(fault.call);
         EXPECT_FALSE(cache.AddCache(kTeam));
+        EXPECT_TRUE(cache.LookUpFailed());
         EXPECT_EQ(Logged(), fault.logged);
         EXPECT_EQ(cache.DirectoryReachable(), fault.reachable);
         EXPECT_EQ(Names(&cache), "a@x.org ");
+        clock.now += 60;
     }
     EXPECT_TRUE(cache.AddCache(kTeam));
     EXPECT_TRUE(cache.DirectoryReachable());

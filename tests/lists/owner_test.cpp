@@ -36,6 +36,7 @@ std::string Alias(const std::string& dn, const std::string& attributes)
 TEST_F(Owner, IsFoundAmongTheAliases)
 {
     log.ExpectError("Missing list-owner alias");
+    log.ExpectError("names no owner");
     for (const DataBlock& row : ReadBlocks("list_owners.txt")) {
         SCOPED_TRACE(row.name);
         Load(row.in);
@@ -82,9 +83,15 @@ TEST_F(Owner, AFailedLookupIsTriedAgain)
         log.ExpectError(std::string(row.logged).substr(2, 20));
         directory.FailNext(row.call);
         EXPECT_EQ(OwnerOf(kTeam), "null");
+        EXPECT_TRUE(cache.LookUpFailed());
         EXPECT_EQ(Logged(), row.logged);
         EXPECT_EQ(cache.DirectoryReachable(), row.reachable);
+        EXPECT_EQ(OwnerOf(kTeam), "null") << "a second has to pass";
+        EXPECT_TRUE(cache.LookUpFailed());
+        EXPECT_EQ(Logged(), "");
+        ++clock.now;
         EXPECT_EQ(OwnerOf(kTeam), "ann@example.com");
+        EXPECT_FALSE(cache.LookUpFailed());
         EXPECT_TRUE(cache.DirectoryReachable());
     }
 }
@@ -107,6 +114,11 @@ TEST_F(Owner, OfAListWithAnOddName)
              row.list);
         EXPECT_EQ(OwnerOf(row.list), "ann@example.com");
     }
+    log.ExpectError("Mailing list no address has no owner: its name is not a mail address");
+    log.ExpectError("Mailing list no address has no digest");
+    Load("", "no address");
+    EXPECT_EQ(OwnerOf("no address"), "null");
+    EXPECT_FALSE(cache.LookUpFailed());
 }
 
 TEST_F(Owner, IsNullWithoutAskingForAListThatIsNotCached)

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <map>
 
+#include "lists/dllist.h"
+
 namespace dl::testing
 {
 namespace
@@ -170,6 +172,7 @@ FaultSite::Outcome FaultSite::Do(const std::function<void()>& prepare, const Dee
     if (!passes_ || result != "1")
         return seen;
     const std::size_t sent = On().size();
+    EXPECT_TRUE(ListCache().InitCache());  // as after a restart
     LineList then = {"result " + std::to_string(Run())};
     const std::vector<Queued> out = On();
     for (std::size_t i = sent; i < out.size(); ++i)

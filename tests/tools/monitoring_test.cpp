@@ -84,8 +84,20 @@ TEST_F(Monitoring, StatusSaysWhatRunsAndWaits)
     EXPECT_NE(output.find("last error     2004-11-09T11:33:20Z  dlmanager: the disk\\nis full"),
               std::string::npos)
         << output;
+    // A service that found no directory when it started is named, with what to do, while it runs.
+    const auto named = [this](const std::vector<std::string>& command, const char* text) {
+        (void)Dlctl(command);
+        EXPECT_NE(output.find(text), std::string::npos) << output;
+    };
+    EXPECT_EQ(seen.at("waits_for_directory"), false);
+    SetGauge(Metric::kWaitsForDirectory, 1);
+    named({"status"}, "it stands idle: restart it once the directory answers");
+    named({"status", "--json"}, "\"waits_for_directory\": true");
+    named({"check", "--no-relay"}, "stands idle; mend: restart it once the directory answers");
+    named({"metrics"}, "dlmanager_waits_for_directory 1\n");
     RemoveProcessInfo("dl");
     EXPECT_EQ(Dlctl({"status"}), 3);
+    named({"metrics"}, "dlmanager_waits_for_directory 0\n");
 }
 
 // The intake as a server is seen like the other programs; called for one message it is not, and

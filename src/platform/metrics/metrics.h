@@ -64,6 +64,7 @@ enum class Metric : std::uint32_t {
     kIntakeRefused,        // messages or recipients, for good
     kIntakeRefusedForNow,  // the same, to be tried again
     kErrors,               // level 1 lines of the log
+    kWaitsForDirectory,    // dlmanager: 1 while it idles because its first load found no directory
     kEnd
 };
 

@@ -96,6 +96,8 @@ bool CheckFolder(const FolderRule& rule, CheckReport* report);
 void CheckDataAndQueue(const CheckOptions& options, CheckReport* report);
 void CheckRelay(CheckReport* report);
 void CheckDirectoryAndLists(CheckReport* report);
+// Whether the service that runs has found its directory.
+void CheckService(CheckReport* report);
 // The index of a list's archive, and what its pages leave out.
 void CheckArchive(const std::string& list, CheckReport* report);
 

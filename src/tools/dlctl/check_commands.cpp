@@ -76,6 +76,7 @@ int Check(const CheckOptions& options)
     if (CheckConfiguration(&report)) {
         CheckDataAndQueue(options, &report);
         CheckDirectoryAndLists(&report);
+        CheckService(&report);
         if (!options.no_relay)
             CheckRelay(&report);
     }

@@ -70,7 +70,7 @@ void CheckOwner(const std::string& list, const Owners& owners, CheckReport* repo
             "add an entry of class qvlistowner with mail " + alias + " and listowner");
     else if (!place->second.has_owner)
         report->Fail(
-            "the owner alias " + alias + " names no owner: mail for the owner stops the service",
+            "the owner alias " + alias + " names no owner: mail for the owner cannot be sent",
             "add the attribute listowner with the owner's address");
     else if (!place->second.usable)
         report->Warn("the owner of " + list + " is no mail address",

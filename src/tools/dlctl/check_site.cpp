@@ -13,6 +13,8 @@
 #include "platform/config/config.h"
 #include "platform/config/data_path.h"
 #include "platform/log/format.h"
+#include "platform/metrics/metrics.h"
+#include "platform/process/process.h"
 #include "platform/queue/queue.h"
 #include "platform/smtp/session.h"
 #include "tools/dlctl/check.h"
@@ -134,6 +136,15 @@ void CheckDataAndQueue(const CheckOptions& options, CheckReport* report)
         {"the run folder", Setting("Process", "RunDir", "/run/dlmanager"), 0755, queue, false},
         report);  // the service makes it when it may
     CheckLogFile(report);
+}
+
+void CheckService(CheckReport* report)
+{
+    MetricsSnapshot counts;
+    if (RunningProcess("dl") != 0 && ReadMetrics(QueuePath(), "dlmanager", &counts) &&
+        counts[Metric::kWaitsForDirectory] != 0)
+        report->Fail("dlmanager found no directory when it started and stands idle",
+                     "restart it once the directory answers (dlctl directory wait)");
 }
 
 void CheckRelay(CheckReport* report)

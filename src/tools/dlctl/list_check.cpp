@@ -88,6 +88,15 @@ void CheckEntryName(const SearchEntry& entry, const std::string& list, Findings*
                       "name it " + ListEntryName(list));
 }
 
+bool HasOwner(const SearchReq& aliases)
+{
+    for (const SearchEntry& entry : aliases.entries)
+        for (const SearchAttribute& attribute : entry.attributes)
+            if (EqualNoCase(attribute.name, "listowner") && !attribute.value.empty())
+                return true;
+    return false;
+}
+
 void CheckOwner(ldapClient& client, const std::string& list, Findings* findings)
 {
     const std::string alias = OwnerAlias(list);
@@ -97,6 +106,10 @@ void CheckOwner(ldapClient& client, const std::string& list, Findings* findings)
     else if (owner.Empty())
         findings->Add("there is no owner alias " + alias + ", the postmaster gets its mail",
                       "add an entry of class qvlistowner with mail and listowner");
+    else if (!HasOwner(owner))
+        findings->Add(
+            "the owner alias " + alias + " names no owner: mail for the owner cannot be sent",
+            "add the attribute listowner with the owner's address");
 }
 
 }  // namespace

@@ -298,6 +298,9 @@ void AddTimes(const SiteState& site, Exposition* out)
     out->Sample(late);
     out->Family("digests_overdue", "gauge", "Lists whose digest is due and not sent.");
     out->Sample(overdue);
+    out->Family("waits_for_directory", "gauge",
+                "1 while the service stands idle because it found no directory at its start.");
+    out->Sample(site.WaitsForDirectory() ? 1 : 0);
     out->Family("directory_refresh_age_seconds", "gauge",
                 "Time since the lists were read from the directory.");
     if (const std::int64_t last = site.manager.metrics[Metric::kLastRefresh])

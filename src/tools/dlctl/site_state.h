@@ -30,6 +30,11 @@ struct SiteState {
     ProgramState manager;
     ProgramState sender;
     ProgramState intake;  // as a server; called for each message it is no process to be seen
+    // Whether the service found no directory when it started: it idles until it is started again.
+    [[nodiscard]] bool WaitsForDirectory() const
+    {
+        return manager.pid != 0 && manager.metrics[Metric::kWaitsForDirectory] != 0;
+    }
     // Whether the intake is, or was, a server on this host.
     [[nodiscard]] bool HasIntakeServer() const
     {

@@ -53,6 +53,7 @@ Json StatusJson(const SiteState& site)
             {"lists", counted ? Json(counts[Metric::kLists]) : Json()},
             {"members", counted ? Json(counts[Metric::kMembers]) : Json()},
             {"last_refresh", TimeOrNull(counts[Metric::kLastRefresh])},
+            {"waits_for_directory", site.WaitsForDirectory()},
             {"refreshes_failed", counts[Metric::kRefreshesFailed]},
             {"relay_up",
              site.sender.counted ? Json(site.sender.metrics[Metric::kRelayUp] != 0) : Json()},
@@ -117,6 +118,10 @@ int Status(bool json)
     PrintProgram(site, site.sender);
     if (site.HasIntakeServer())
         PrintProgram(site, site.intake);
+    if (site.WaitsForDirectory())
+        PrintLine("directory",
+                  "there was none when dlmanager started, and it stands idle: restart it once the "
+                  "directory answers (dlctl directory wait)");
     if (site.manager.counted) {
         PrintLine("lists", FormatText("%lld with %lld members",
                                       static_cast<long long>(counts[Metric::kLists]),
