@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 
 #include "platform/directory/ldif_edit.h"
 #include "tests/contract/directory_contract.h"
@@ -84,6 +85,40 @@ TEST_F(LdifDirectory, BrokenAndHostileFilesAreAnUnreachableDirectory)
         EXPECT_EQ(client.ldapClientModify("mail=a", {Add("Digest;b")}), ModifyResult::kUnreachable);
         EXPECT_EQ(ReadFile(file_), row.in);
     }
+}
+
+// Bytes that this process has read from files.
+std::uint64_t BytesRead()
+{
+    return std::stoull(ReadFile("/proc/self/io").substr(std::strlen("rchar: ")));
+}
+
+TEST_F(LdifDirectory, OneAddressIsFoundWithoutReadingTheFile)
+{
+    std::string entries;
+    for (int i = 0; i < 2000; ++i)
+        entries += ListEntry("list" + std::to_string(i) + "@example.org", {"Digest;m@example.com"});
+    const auto look_up = [this](const char* address, std::size_t want) {
+        const std::uint64_t before = BytesRead();
+        EXPECT_EQ(
+            Search("(&(objectclass=qvlist)(mail=" + std::string(address) + "))").entries.size(),
+            want);
+        return BytesRead() - before;
+    };
+    UseFile(entries);
+    usleep(60'000);
+    EXPECT_GT(look_up("list7@example.org", 1), entries.size());
+    EXPECT_LT(look_up("list1999@example.org", 1), 30'000U);
+    EXPECT_LT(look_up("nobody@example.org", 0), 30'000U);
+    // A change makes another file of it, and another index.
+    EXPECT_EQ(Modify("mail=list7@example.org,dc=example,dc=org", {Add("Digest;new@example.com")}),
+              ModifyResult::kDone);
+    EXPECT_EQ(Members("list7@example.org").size(), 2U);
+    UseFile("dn: mail=x\nobjectClass: qvlist\nmail: list1999@example.org\n" + entries);
+    EXPECT_GT(look_up("list1999@example.org", 2), entries.size());
+    usleep(60'000);
+    (void)look_up("list1999@example.org", 2);
+    EXPECT_LT(look_up("list1999@example.org", 2), 30'000U);
 }
 
 TEST_F(LdifDirectory, WhatIsNoRegularFileIsUnreachable)

@@ -147,4 +147,24 @@ bool Filter::Matches(const std::vector<LdifLine>& lines) const
     return false;
 }
 
+std::optional<std::vector<std::string>> Filter::Needs(std::string_view name) const
+{
+    using Keys = std::vector<std::string>;
+    if (kind_ == Kind::kEqual && SameName(name_, name))
+        return Keys{key_};
+    if (kind_ != Kind::kAnd && kind_ != Kind::kOr)
+        return std::nullopt;
+    Keys all;
+    for (const Filter& part : parts_) {
+        const std::optional<Keys> keys = part.Needs(name);
+        if (kind_ == Kind::kAnd && keys)
+            return keys;
+        if (kind_ == Kind::kOr && !keys)
+            return std::nullopt;
+        if (keys)
+            all.insert(all.end(), keys->begin(), keys->end());
+    }
+    return kind_ == Kind::kOr ? std::optional(all) : std::nullopt;
+}
+
 }  // namespace dl

@@ -22,6 +22,9 @@ class Filter
     static std::optional<Filter> Parse(std::string_view text);
 
     [[nodiscard]] bool Matches(const std::vector<LdifLine>& lines) const;
+    // Values of attribute `name`, as ValueKey, of which an entry must have one to match; none when
+    // it may match without any.
+    [[nodiscard]] std::optional<std::vector<std::string>> Needs(std::string_view name) const;
 
  private:
     friend class FilterParser;

@@ -31,7 +31,10 @@ bool IsBase64OrText(std::string_view rest)
 
 }  // namespace
 
-LdifReader::LdifReader(std::FILE* file) : file_(file) {}
+LdifReader::LdifReader(std::FILE* file, const LdifPlace& place)
+    : file_(file), offset_(place.begin), line_(place.line - 1)
+{
+}
 
 LdifReader::~LdifReader()
 {

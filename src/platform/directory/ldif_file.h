@@ -42,11 +42,17 @@ struct LdifRecord {
     [[nodiscard]] const char* LineEnd() const { return crlf ? "\r\n" : "\n"; }
 };
 
+// Where a record begins.
+struct LdifPlace {
+    std::uint64_t begin = 0;
+    unsigned long line = 1;
+};
+
 class LdifReader
 {
  public:
-    // Reads from where `file` stands; the caller closes it.
-    explicit LdifReader(std::FILE* file);
+    // Reads from where `file` stands, which is `place`; the caller closes it.
+    explicit LdifReader(std::FILE* file, const LdifPlace& place = {});
     ~LdifReader();
     LdifReader(const LdifReader&) = delete;
     LdifReader& operator=(const LdifReader&) = delete;
