@@ -10,6 +10,7 @@
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
 #include "platform/config/config.h"
+#include "platform/log/format.h"
 #include "platform/log/log.h"
 #include "platform/metrics/metrics.h"
 
@@ -17,6 +18,8 @@ namespace dl
 {
 namespace
 {
+
+constexpr int kSubtree = 2;
 
 void LogNoAnswer()
 {
@@ -31,6 +34,15 @@ void LogNoLists()
 void LogShortMemory()
 {
     DlLog(1, "Out of memory, unable to allocate space to hold mailing list entry");
+}
+
+// Whether there is a list at all. False when the search failed.
+bool FindAnyList(ldapClient* client, bool* found)
+{
+    NamePool names;
+    return client->ForEachEntry(
+        {.filter = "objectclass=qvlist", .attributes = {"mail"}, .limit = 1}, &names,
+        [found](SearchEntry&&) { *found = true; });
 }
 
 }  // namespace
@@ -172,13 +184,17 @@ dllist::Found dllist::FindList(const std::string& list)
     ldapClient client;
     if (!Connect(&client))
         return Found::kNoAnswer;
-    SearchReq found = client.ldapClientSearch(nullptr, 2, false, "objectclass=qvlist");
-    client.ldapClientUnbind();
-    if (found.failed) {
+    SearchReq found = client.ldapClientSearch(
+        nullptr, kSubtree, false,
+        FormatText("(&(objectclass=qvlist)(mail=%s))", EscapeFilterValue(list).c_str()));
+    // A directory from which lists were loaded is known to hold some.
+    bool some = !found.Empty() || Count() > 0;
+    if (found.failed || (!some && !FindAnyList(&client, &some))) {
         LogNoAnswer();
         return Found::kNoAnswer;
     }
-    if (found.Empty())
+    client.ldapClientUnbind();
+    if (!some)
         LogNoLists();
     std::deque<_mailinglist> lists;
     for (SearchEntry& entry : found.entries) {

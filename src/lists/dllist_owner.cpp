@@ -12,6 +12,8 @@ namespace dl
 namespace
 {
 
+constexpr int kSubtree = 2;
+
 std::string PostmasterAddress()
 {
     const auto read = [](const char* key) {
@@ -78,7 +80,7 @@ dllist::Found dllist::FindOwner(_mailinglist* record)
     if (!Connect(&client))
         return Found::kNoAnswer;
     const SearchReq found = client.ldapClientSearch(
-        nullptr, 2, false,
+        nullptr, kSubtree, false,
         FormatText("(&(objectclass=qvlistowner)(mail=%s))", EscapeFilterValue(alias).c_str()));
     client.ldapClientUnbind();
     if (found.failed) {

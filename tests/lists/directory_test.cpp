@@ -321,11 +321,24 @@ TEST_F(DirectoryOfLists, AddCacheAppendsEachListOfTheAddress)
     EXPECT_FALSE(cache.AddCache("nobody@example.org"));
     EXPECT_TRUE(cache.AddCache("a@x.org")) << "it does not look whether the list is cached";
     EXPECT_EQ(cache.Count(), 4);
-    Directory("");
+    Directory(List("Other@x.org", "mail: third@x.org\n") + List("third@x.org"));
     log.Clear();
-    EXPECT_FALSE(cache.AddCache(kTeam));
-    EXPECT_EQ(Logged(), kNoLists);
-    EXPECT_EQ(cache.Count(), 4);
+    EXPECT_TRUE(cache.AddCache("third@x.org"))
+        << "an entry whose first address is another is not it";
+    EXPECT_EQ(cache.Count(), 5);
+    EXPECT_FALSE(cache.AddCache("(mail=*"));
+    // Without a list the line comes, which a cache with lists does not ask for.
+    for (const bool any : {true, false}) {
+        Directory(any ? List("a@x.org") : "");
+        log.Clear();
+        EXPECT_FALSE(dllist().AddCache(kTeam));
+        EXPECT_EQ(Logged(), any ? "" : kNoLists);
+    }
+    log.ExpectError("Could not read the mailing lists from Directory Server");
+    directory.FailNth(DirectoryCall::kSearch, 2);
+    dllist empty;
+    EXPECT_FALSE(empty.AddCache(kTeam));
+    EXPECT_TRUE(empty.LookUpFailed());
 }
 
 TEST_F(DirectoryOfLists, AFailedAddCacheLeavesTheLists)
