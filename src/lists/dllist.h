@@ -135,8 +135,11 @@ class dllist
     [[nodiscard]] Found FindList(const std::string& list);
     [[nodiscard]] Found FindOwner(_mailinglist* record);
     void Append(std::deque<_mailinglist>* lists);
-    // Replaces the records by the directory's whole answer, or logs why there is none.
+    // Replaces the records by the directory's whole answer, or logs why there is none. `keep`:
+    // lists that have not changed need not be read or loaded again.
     [[nodiscard]] bool Reload(ldapClient* client, bool keep);
+    [[nodiscard]] bool ReadLists(ldapClient* client, const DirectoryMark& mark,
+                                 ListReading* reading) const;
     void Replace(ListReading* reading);
     void CountRefresh(bool done) const;
     void CountMembers() const;
@@ -147,7 +150,10 @@ class dllist
     bool refresh_failed_ = false;
     bool look_up_failed_ = false;
     LookUpPause pause_;
-    bool loaded_ = false;  // the records exist, be there none
+    bool loaded_ = false;    // the records exist, be there none
+    bool appended_ = false;  // by AddCache, since the last load
+    DirectoryMark mark_;     // of the directory at the last load
+    std::time_t last_whole_reading_ = 0;
     std::deque<_mailinglist> records_;
     ListIndex index_;  // by name; the first one
     std::int32_t list_cursor_ = -1;

@@ -108,11 +108,30 @@ bool dllist::RefreshCache()
     return done || !reached;
 }
 
+// A file is read when it is in another state. A server is asked for what has changed; once an hour
+// for everything, since what the service may read can change without a trace in the entries.
+bool dllist::ReadLists(ldapClient* client, const DirectoryMark& mark, ListReading* reading) const
+{
+    constexpr std::time_t kWholeReadings = 3600;
+    const std::time_t passed = Now() - last_whole_reading_;
+    if (!loaded_ || mark != mark_)
+        return reading->ReadAll(client);
+    if (mark.state.empty())
+        return passed >= 0 && passed < kWholeReadings ? reading->ReadChanges(client)
+                                                      : reading->ReadAll(client);
+    if (appended_)
+        return reading->ReadAll(client);
+    reading->KeepAll();
+    return true;
+}
+
 bool dllist::Reload(ldapClient* client, bool keep)
 {
     static const std::deque<_mailinglist> kNoRecords;
-    ListReading reading(keep ? records_ : kNoRecords);
-    const bool whole = reading.Read(client);
+    DirectoryMark mark = client->Mark();
+    const std::time_t begin = Now();
+    ListReading reading(keep ? records_ : kNoRecords, mark.state.empty());
+    const bool whole = keep ? ReadLists(client, mark, &reading) : reading.ReadAll(client);
     client->ldapClientUnbind();
     if (!whole) {
         LogNoAnswer();
@@ -125,6 +144,10 @@ bool dllist::Reload(ldapClient* client, bool keep)
         reading.Load();
         Replace(&reading);
     }
+    mark_ = std::move(mark);
+    appended_ = false;
+    if (reading.HasReadAll())
+        last_whole_reading_ = begin;
     answered_ = true;
     pause_.Answered();
     return true;
@@ -229,6 +252,7 @@ void dllist::Append(std::deque<_mailinglist>* lists)
         throw;
     }
     loaded_ = true;
+    appended_ = true;
     list_cursor_ = Count() - 1;
     if (this == &ListCache())
         CountMembers();

@@ -29,6 +29,7 @@ inline constexpr int kBounceAndForwardPosting = 3;
 struct ListOrigin {
     std::string dn;          // of its entry
     std::uint64_t hash = 0;  // of the entry's values
+    std::string stamp;       // that the server gave the entry; empty: it may have changed since
 };
 
 struct _mailinglist {

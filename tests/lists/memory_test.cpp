@@ -20,19 +20,26 @@ std::string Entry(const std::string& list, const std::string& attributes)
            attributes + "\n";
 }
 
-// Caches hold the lists of one file; then the directory is another file, or a server.
-class ShortMemory : public ListsFixture, public ::testing::WithParamInterface<bool>
+// What takes the place of the file whose lists a cache holds: another one, a server, or the same
+// file with other stamps, so that a refresh reads what has changed.
+enum class Then { kFile, kServer, kStamps };
+
+class ShortMemory : public ListsFixture, public ::testing::WithParamInterface<Then>
 {
  protected:
     void SetUp() override
     {
-        if (GetParam())
+        if (GetParam() == Then::kServer)
             DL_NEED_SLAPD();
-        Write("conf/before.ldif",
-              Slapd::BaseEntries() +
+        directory.stamps_entries = GetParam() == Then::kStamps;
+        std::string same;
+        for (const char* list : {"x@example.org", "y@example.org", "z@example.org"})
+            same += Entry(list, directory.stamps_entries ? "entryCSN: 1\n" : "");
+        before_ = Slapd::BaseEntries() + same +
                   Entry(kTeam, "listmember: Immediate;ann@example.com\nmode: 1\n") +
-                  Entry("old@example.org", "listmember: Digest;bob@example.com\n"));
+                  Entry("old@example.org", "listmember: Digest;bob@example.com\n");
         const std::string entries =
+            same +
             Entry(kTeam,
                   "listmember: Immediate;ann@example.com\n"
                   "listmember: Digest;Blocked;a-longer-address@example.com\n"
@@ -41,13 +48,23 @@ class ShortMemory : public ListsFixture, public ::testing::WithParamInterface<bo
             Entry("new@example.org", "subtxtpath: /srv/texts/a-subscription.txt\n") +
             "dn: mail=team-owner@example.org,dc=example,dc=org\nobjectClass: qvlistowner\n"
             "mail: team-owner@example.org\nlistowner: the-owner-of-it@example.com\n\n";
-        after_ = "[Ldap]\nFile = after.ldif\n";
-        Write("conf/after.ldif", Slapd::BaseEntries() + entries);
-        if (!GetParam())
+        after_ = Slapd::BaseEntries() + entries;
+        if (GetParam() != Then::kServer)
             return;
         server_ = std::make_unique<Slapd>(Path("slapd"), entries);
         ASSERT_TRUE(server_->Up()) << server_->Reason();
-        after_ = server_->Settings();
+    }
+    void PutBefore()
+    {
+        Configure("[Ldap]\nFile = directory.ldif\n");
+        Directory(before_);
+    }
+    void PutAfter()
+    {
+        if (server_)
+            Configure(server_->Settings());
+        else
+            Directory(after_);
     }
 
     // Does `deed` with ever later allocations failing, until none is left to fail: one, or all from
@@ -62,9 +79,9 @@ class ShortMemory : public ListsFixture, public ::testing::WithParamInterface<bo
             for (long n = 0; failed && !HasFailure(); n += all ? 5 : 1) {
                 SCOPED_TRACE((all ? "all after " : "only ") + std::to_string(n));
                 dllist lists;
-                Configure("[Ldap]\nFile = before.ldif\n");
+                PutBefore();
                 ASSERT_TRUE(lists.InitCache());
-                Configure(after_);
+                PutAfter();
                 log.Clear();
                 FailAllocation(n, all);
                 const bool was_done = deed(&lists);
@@ -83,16 +100,24 @@ class ShortMemory : public ListsFixture, public ::testing::WithParamInterface<bo
                (lists->GetSpamSettings(kTeam)->IsWhitelistedSender("x@example.net") ? " w" : "");
     }
 
+    std::string before_;
     std::string after_;
     std::unique_ptr<Slapd> server_;
 };
 
-INSTANTIATE_TEST_SUITE_P(Both, ShortMemory, ::testing::Values(false, true),
-                         [](const auto& row) { return row.param ? "Server" : "File"; });
+INSTANTIATE_TEST_SUITE_P(Then, ShortMemory,
+                         ::testing::Values(Then::kFile, Then::kServer, Then::kStamps),
+                         [](const auto& row) {
+                             return row.param == Then::kFile     ? "File"
+                                    : row.param == Then::kServer ? "Server"
+                                                                 : "Stamps";
+                         });
 
-constexpr char kBefore[] = "team@example.org old@example.org ann@example.com 1";
+constexpr char kBefore[] =
+    "x@example.org y@example.org z@example.org team@example.org old@example.org ann@example.com 1";
 constexpr char kAfter[] =
-    "team@example.org new@example.org ann@example.com a-longer-address@example.com 0 w";
+    "x@example.org y@example.org z@example.org team@example.org new@example.org ann@example.com "
+    "a-longer-address@example.com 0 w";
 constexpr char kLine[] = "1 Out of memory, unable to allocate space to hold mailing list entry\n";
 
 TEST_P(ShortMemory, ARefreshIsDoneOrLeavesTheLists)
@@ -114,7 +139,9 @@ TEST_P(ShortMemory, ALookUpAppendsTheListOrNothing)
             EXPECT_NE(found, lists->LookUpFailed());
             return found;
         },
-        "team@example.org old@example.org new@example.org ann@example.com 1", kBefore,
+        "x@example.org y@example.org z@example.org team@example.org old@example.org "
+        "new@example.org ann@example.com 1",
+        kBefore,
         "6 Out of memory, realloc failed, unable to create space to hold the mailing list "
         "entry.\n");
 }

@@ -4,6 +4,7 @@
 // all clients; only those that do not fail reach the directory.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -32,8 +33,12 @@ class FailingDirectory : public Faults<DirectoryCall>
     FailingDirectory(const FailingDirectory&) = delete;
     FailingDirectory& operator=(const FailingDirectory&) = delete;
 
-    ModifyResult result = ModifyResult::kUnreachable;  // of a change that fails
-    std::size_t entries = 0;                           // that come of a search before it fails
+    // The result of a change that fails, and how many entries come of a search before it does.
+    ModifyResult result = ModifyResult::kUnreachable;
+    std::size_t entries = 0;
+    std::function<void()> before_search;
+    // A file passes for a server: it tells changes by the stamps that are written there.
+    bool stamps_entries = false;
 
  private:
     class Session : public DirectorySession
@@ -51,6 +56,8 @@ class FailingDirectory : public Faults<DirectoryCall>
         }
         bool Search(const SearchQuery& query, NamePool* names, const EntrySink& take) override
         {
+            if (owner_->before_search)
+                owner_->before_search();
             if (!owner_->Fails(DirectoryCall::kSearch))
                 return real_->Search(query, names, take);
             SearchQuery part = query;
@@ -59,7 +66,13 @@ class FailingDirectory : public Faults<DirectoryCall>
                 (void)real_->Search(part, names, take);  // it breaks off whatever came
             return false;
         }
-        [[nodiscard]] DirectoryMark Mark() const override { return real_->Mark(); }
+        [[nodiscard]] DirectoryMark Mark() const override
+        {
+            DirectoryMark mark = real_->Mark();
+            if (owner_->stamps_entries)
+                mark.state.clear();
+            return mark;
+        }
         ModifyResult Modify(const std::string& entry,
                             const std::vector<AttributeChange>& changes) override
         {
