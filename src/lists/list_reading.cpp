@@ -4,6 +4,7 @@
 
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
+#include "platform/config/data_path.h"
 #include "platform/log/log.h"
 
 namespace dl
@@ -42,8 +43,10 @@ const std::string* FirstMail(const SearchEntry& entry)
 ListReading::ListReading(const std::deque<_mailinglist>& records, bool stamped)
     : records_(records), stamped_(stamped), stamps_(Now()), kept_(records.size())
 {
-    for (std::size_t i = 0; i < records.size(); ++i)
+    for (std::size_t i = 0; i < records.size(); ++i) {
         by_dn_.emplace(records[i].origin.dn, static_cast<std::int32_t>(i));
+        by_name_.emplace(records[i].name, static_cast<std::int32_t>(i));
+    }
 }
 
 bool ListReading::ReadAll(ldapClient* client)
@@ -170,6 +173,21 @@ void ListReading::Take(SearchEntry&& entry, List* list)
     fresh.record.origin.hash = hash;
     fresh.entry = std::move(entry);
     TakeMembers(fresh.record.name, &fresh.entry, &fresh.record);
+    ShareMembers(&fresh.record);
+}
+
+// Old and new lists lie in memory together for a while. Most members of a list that has changed, or
+// moved, are in both.
+void ListReading::ShareMembers(_mailinglist* fresh) const
+{
+    const auto same_name = by_name_.find(fresh->name);
+    const auto same_dn = by_dn_.find(fresh->origin.dn);
+    if (same_name == by_name_.end() && same_dn == by_dn_.end())
+        return;
+    const std::int32_t place = same_dn != by_dn_.end() ? same_dn->second : same_name->second;
+    const _mailinglist& old = records_[static_cast<std::size_t>(place)];
+    fresh->digest_members.ShareWith(old.digest_members);
+    fresh->immediate_members.ShareWith(old.immediate_members);
 }
 
 void ListReading::Load()
@@ -183,9 +201,10 @@ void ListReading::Load()
         LoadMailingList(name, &fresh.entry, &fresh.record);
         fresh.entry = SearchEntry();
     }
+    const std::string data_path = DataPath();
     for (std::size_t i = 0; i < kept_.size(); ++i)
         if (kept_[i])
-            SeedDigestSchedule(records_[i]);
+            SeedDigestSchedule(records_[i], data_path);
 }
 
 const std::string& ListReading::Name(std::size_t list) const

@@ -69,11 +69,13 @@ class ListReading
     template <typename Same>
     [[nodiscard]] std::int32_t Find(const std::string& dn, const Same& same) const;
     void Keep(std::int32_t record, List* list);
+    void ShareMembers(_mailinglist* fresh) const;
 
     const std::deque<_mailinglist>& records_;
     const bool stamped_;
     const ChangeStamps stamps_;
     std::unordered_multimap<std::string_view, std::int32_t> by_dn_;  // of records_
+    std::unordered_map<std::string_view, std::int32_t> by_name_;     // of records_
     std::vector<bool> kept_;                                         // of records_
     NamePool names_;
     std::deque<Fresh> fresh_;

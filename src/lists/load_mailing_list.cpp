@@ -9,6 +9,7 @@
 #include "lists/mailing_list.h"
 #include "platform/address/address.h"
 #include "platform/clock/clock.h"
+#include "platform/config/data_path.h"
 #include "platform/log/log.h"
 #include "schedule/date_arithmetic.h"
 #include "schedule/due_file.h"
@@ -222,16 +223,16 @@ bool LoadMailingList(const std::string& list, SearchEntry* entry, _mailinglist* 
     if (!IsSafeFolderName(list))
         DlLog(1, "Mailing list %s has no digest: its name cannot be the name of a folder",
               list.c_str());
-    SeedDigestSchedule(*record);
+    SeedDigestSchedule(*record, DataPath());
     return true;
 }
 
-void SeedDigestSchedule(const _mailinglist& record)
+void SeedDigestSchedule(const _mailinglist& record, const std::string& data_path)
 {
     if (!IsSafeFolderName(record.name))
         return;
-    const std::string path = DigestDuePath(record.name);
-    if (DueFile(path).IsOpen())
+    const std::string path = DigestDuePath(data_path, record.name);
+    if (DueFile::Exists(path))
         return;
     const std::time_t first =
         adjusttime(Now(), record.digest_hour, record.digest_minute, record.digest_frequency,

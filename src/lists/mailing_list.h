@@ -68,8 +68,8 @@ void TakeMembers(const std::string& list, SearchEntry* entry, _mailinglist* reco
 // then); logs each setting at level 6; seeds the list's digest schedule file. Always true; throws
 // std::bad_alloc.
 bool LoadMailingList(const std::string& list, SearchEntry* entry, _mailinglist* record);
-// Makes the list's digest schedule file when it is missing. An existing file stays, so that a
-// refresh never moves a pending digest.
-void SeedDigestSchedule(const _mailinglist& record);
+// Makes the list's digest schedule file below `data_path` when it is missing. An existing file
+// stays, so that a refresh never moves a pending digest.
+void SeedDigestSchedule(const _mailinglist& record, const std::string& data_path);
 
 }  // namespace dl

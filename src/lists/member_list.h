@@ -1,10 +1,14 @@
 // MemberList: the members of one list in one mode, in the directory's order.
 //
-// All addresses lie in one text, each with a NUL at its end: a cache of ten million members has no
-// room for an object each. Filled once by the loader, then only read; owned by the list's record.
+// Addresses lie behind each other in blocks of some dozens: a cache of ten million members has no
+// room for an object each. Where a block ends follows from the addresses in it, so that a list that
+// was read again after a change has most of its blocks in common with the old one, and can share
+// them while both are there. Filled once by the loader, up to Finish, then only read; owned by the
+// list's record.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,35 +19,40 @@ namespace dl
 class MemberList
 {
  public:
-    // Makes room for so many members with so many bytes of addresses in all. Throws std::bad_alloc.
-    void Reserve(std::size_t members, std::size_t bytes);
-    // Throws std::bad_alloc, also when the addresses are more than 2 GiB.
+    // Both throw std::bad_alloc.
     void Add(std::string_view address, bool blocked);
+    void Finish();
+    // Gives up what `other` has, too, and uses that.
+    void ShareWith(const MemberList& other);
 
-    [[nodiscard]] bool Empty() const { return places_.empty(); }
-    [[nodiscard]] std::size_t Count() const { return places_.size(); }
-    // As written in the directory; lives as long as the list.
-    [[nodiscard]] const char* Address(std::size_t member) const
+    [[nodiscard]] bool Empty() const { return blocks_.empty(); }
+    [[nodiscard]] std::size_t Count() const
     {
-        return texts_.c_str() + places_[member].begin;
+        return blocks_.empty() ? 0 : blocks_.back().first + blocks_.back().block->members.size();
     }
+    // As written in the directory; lives as long as the list.
+    [[nodiscard]] const char* Address(std::size_t member) const;
     // Receives mail but may not post.
-    [[nodiscard]] bool IsBlocked(std::size_t member) const { return places_[member].blocked != 0; }
+    [[nodiscard]] bool IsBlocked(std::size_t member) const;
     // The first member of that address, without regard to case; Count() when there is none.
     [[nodiscard]] std::size_t Find(std::string_view address) const;
 
  private:
-    struct Place {
-        std::uint32_t begin : 31;
-        std::uint32_t blocked : 1;
-    };
-    [[nodiscard]] std::size_t End(std::size_t member) const
-    {
-        return (member + 1 < places_.size() ? places_[member + 1].begin : texts_.size()) - 1;
-    }
+    struct Block {
+        std::string text;                    // each address with a NUL behind it
+        std::vector<std::uint16_t> members;  // where each begins, and the highest bit: blocked
 
-    std::string texts_;
-    std::vector<Place> places_;
+        [[nodiscard]] std::size_t Begin(std::size_t member) const;
+        bool operator==(const Block&) const = default;
+    };
+    struct Place {
+        std::size_t first;  // member of the block, counted over all
+        std::shared_ptr<Block> block;
+    };
+    [[nodiscard]] const Place& PlaceOf(std::size_t member) const;
+
+    std::vector<Place> blocks_;
+    bool open_ = false;  // the last block takes more
 };
 
 }  // namespace dl

@@ -1,5 +1,6 @@
 #include "schedule/due_file.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "platform/config/data_path.h"
@@ -47,9 +48,19 @@ bool DueFile::Create(const std::string& path, std::time_t moment)
     return false;
 }
 
+bool DueFile::Exists(const std::string& path)
+{
+    return faccessat(AT_FDCWD, path.c_str(), R_OK | W_OK, AT_EACCESS) == 0;
+}
+
 std::string DigestDuePath(const std::string& list)
 {
-    return FormatText("%s%c%s%cdigest%cdigest.dt", DataPath().c_str(), '/', list.c_str(), '/', '/');
+    return DigestDuePath(DataPath(), list);
+}
+
+std::string DigestDuePath(const std::string& data_path, const std::string& list)
+{
+    return FormatText("%s%c%s%cdigest%cdigest.dt", data_path.c_str(), '/', list.c_str(), '/', '/');
 }
 
 }  // namespace dl

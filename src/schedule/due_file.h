@@ -20,6 +20,8 @@ class DueFile
     // Opens an existing file for reading and writing; IsOpen() is false when that fails.
     explicit DueFile(const std::string& path);
     ~DueFile();
+    // Whether it would be open, at a third of the cost.
+    [[nodiscard]] static bool Exists(const std::string& path);
     DueFile(const DueFile&) = delete;
     DueFile& operator=(const DueFile&) = delete;
 
@@ -35,7 +37,8 @@ class DueFile
     std::FILE* file_;
 };
 
-// <data path>/<list>/digest/digest.dt
+// <data path>/<list>/digest/digest.dt; the second for whoever needs many, and has the data path.
 [[nodiscard]] std::string DigestDuePath(const std::string& list);
+[[nodiscard]] std::string DigestDuePath(const std::string& data_path, const std::string& list);
 
 }  // namespace dl

@@ -160,6 +160,25 @@ TEST_F(Cursors, SurviveARefresh)
     EXPECT_EQ(OrNull(cache.GetFirstMember("a@x.org", "Immediate")), "a9@y");
 }
 
+// Of any length, with a blocked one before and behind each.
+TEST_F(MembersOfLists, LongAddresses)
+{
+    std::string values;
+    std::string want;
+    for (const std::size_t size : {1U, 16'000U, 16'384U, 40'000U, 70'000U}) {
+        values += "listmember: Immediate;Blocked;b" + std::to_string(size) + "@x\n";
+        values += "listmember: Immediate;" + std::string(size, 'a') + "@x\n";
+        want += "b" + std::to_string(size) + "@x " + std::string(size, 'a') + "@x ";
+    }
+    Directory(List(kTeam, values));
+    ASSERT_TRUE(cache.InitCache());
+    EXPECT_EQ(Members(&cache, kTeam, "Immediate"), want);
+    for (const std::size_t size : {1U, 16'000U, 16'384U, 40'000U, 70'000U}) {
+        EXPECT_TRUE(cache.IsMemberBlocked(kTeam, "b" + std::to_string(size) + "@x"));
+        EXPECT_FALSE(cache.IsMemberBlocked(kTeam, std::string(size, 'a') + "@x"));
+    }
+}
+
 TEST_F(MembersOfLists, TenThousandInBoundedTime)
 {
     constexpr int kMembers = 10'000;
@@ -174,12 +193,14 @@ TEST_F(MembersOfLists, TenThousandInBoundedTime)
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(cache.InitCache());
     ASSERT_TRUE(cache.RefreshCache());
-    int members = 0;
-    for (const char* mode : {"Immediate", "Digest"})
+    for (const char* mode : {"Immediate", "Digest"}) {
+        int members = 0;
+        const char* name = mode[0] == 'I' ? "member" : "reader";
         for (const char* member = cache.GetFirstMember(kTeam, mode); member;
              member = cache.GetNextMember(kTeam, mode))
-            ++members;
-    EXPECT_EQ(members, 2 * kMembers);
+            ASSERT_EQ(member, name + std::to_string(members++) + "@example.com");
+        EXPECT_EQ(members, kMembers);
+    }
     EXPECT_TRUE(cache.IsMemberBlocked(kTeam, "READER9999@example.com"));
     EXPECT_TRUE(cache.GetSpamSettings(kTeam)->IsWhitelistedSender("w9999@example.com"));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));

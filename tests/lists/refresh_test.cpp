@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr char kAnn[] = "listmember: Immediate;ann@example.com\n";
+constexpr char kAnnBlocked[] = "listmember: Immediate;Blocked;ann@example.com\n";
 
 // Everything that a cache answers of its lists. Asking for members moves the list cursor.
 std::string Dump(dllist* lists)
@@ -152,6 +153,12 @@ TEST_P(Refresh, GivesWhatALoadOfEverythingGives)
          Modify(a, "add: listmember\nlistmember: Digest;Blocked;bob@example.com\n"),
          {kAnn, std::string(kAnn) + "listmember: Digest;Blocked;bob@example.com\n"},
          "a@example.org 5"},
+        {"a member blocked",
+         Modify(a,
+                "delete: listmember\nlistmember: Immediate;ann@example.com\n-\n"
+                "add: listmember\nlistmember: Immediate;Blocked;ann@example.com\n"),
+         {kAnn, kAnnBlocked},
+         "a@example.org 5"},
         {"an attribute changed",
          Modify(b, "replace: mode\nmode: 0\n"),
          {"mode: 1", "mode: 0"},
@@ -177,8 +184,8 @@ TEST_P(Refresh, GivesWhatALoadOfEverythingGives)
          {"dn: mail=b@", again + "dn: mail=b@"},
          "A@example.org 7"},
         {"one of them changed",
-         Modify(a, "delete: listmember\nlistmember: Immediate;ann@example.com\n"),
-         {kAnn, ""},
+         Modify(a, "delete: listmember\nlistmember: Immediate;Blocked;ann@example.com\n"),
+         {kAnnBlocked, ""},
          "a@example.org 7"},
         {"renamed",
          Name("e@example.org") +

@@ -105,11 +105,10 @@ bool Slapd::Load(const std::string& entries)
 {
     const std::string file = folder_ + "/entries.ldif";
     std::ofstream(file, std::ios::binary) << BaseEntries() << entries;
-    std::string output;
-    if (RunProgram({"/usr/sbin/slapadd", "-q", "-f", folder_ + "/slapd.conf", "-l", file},
-                   &output) != 0)
-        return Fail("slapadd", output);
-    return true;
+    constexpr int kPatience = 600;  // seconds; ten million members take a while
+    const std::string output = folder_ + "/slapadd.out";
+    Child load({"/usr/sbin/slapadd", "-q", "-f", folder_ + "/slapd.conf", "-l", file}, output);
+    return load.Wait(kPatience) == 0 || Fail("slapadd", ReadFile(output));
 }
 
 bool Slapd::Start()
