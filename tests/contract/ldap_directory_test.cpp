@@ -144,7 +144,9 @@ TEST_F(LdapDirectory, OnlyAJudgementOfTheChangeIsARefusal)
     for (const auto& row : kRows)
         entries += "dn: cn=" + std::string(row.name) +
                    ",dc=example,dc=org\nobjectClass: errObject\ncn: " + row.name +
-                   "\nerrOp: modify\nerrCode: " + std::to_string(row.code) + "\n\n";
+                   "\nerrOp: modify\nerrCode: " + std::to_string(row.code) + "\n\ndn: cn=s-" +
+                   row.name + ",dc=example,dc=org\nobjectClass: errObject\ncn: s-" + row.name +
+                   "\nerrOp: search\nerrCode: " + std::to_string(row.code) + "\n\n";
     Begin(DirectoryKind::kServer, entries, "",
           {.config = "moduleload retcode\noverlay retcode\nretcode-parent cn=none\n"
                      "retcode-indir\n"});
@@ -154,6 +156,9 @@ TEST_F(LdapDirectory, OnlyAJudgementOfTheChangeIsARefusal)
         if (row.want == kUnreachable)
             log.ExpectError("change of " + entry + ": ");
         EXPECT_EQ(Modify(entry, {Add("Digest;a@b")}), row.want);
+        // Of a search none is an answer.
+        log.ExpectError("search of (cn=*) below \"cn=s-" + entry.substr(3));
+        EXPECT_TRUE(Search("(cn=*)", ("cn=s-" + entry.substr(3)).c_str(), 0).failed);
     }
 }
 
