@@ -190,6 +190,7 @@ TEST_F(Dispatching, WhatAListLacksHoldsUpNobody)
     ldif.erase(at, ldif.find('\n', at) + 1 - at);
     Write("site.ldif", ldif);
     Submit(kPaul, {"club-owner@lists.example.org"}, kPosting);
+    log.ExpectError("Owner alias club-owner@lists.example.org of mailing list");
     log.ExpectError("cannot be handled (329), next attempt in ");
     log.ExpectError("could not be handled in 5 attempts, moved from channel dl to dlhold");
     for (int i = 0; i < 6; ++i, clock.now += 60) {
