@@ -1,5 +1,6 @@
 #include "core/service.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
@@ -27,6 +28,10 @@ constexpr char kModule[] = "DL Manager";
 constexpr int kDefaultInterval = 15;
 constexpr int kShortestIgnored = 5;
 constexpr std::chrono::seconds kPause{1};
+
+// Seconds between tries of a refresh that fails, doubled from one to the next.
+constexpr int kShortestRefreshPause = 1;
+constexpr int kLongestRefreshPause = 60;
 
 // While the last pass ends, the service manager is told this often to wait so long.
 constexpr std::time_t kTellSeconds = 10;
@@ -118,7 +123,7 @@ bool Service::Start()
 
 void Service::Loop()
 {
-    last_refresh_ = Now();
+    next_refresh_ = Uptime() + interval_ * 60;
     while (stop_requested == 0 && Turn())
         FlushLog();
 }
@@ -126,7 +131,7 @@ void Service::Loop()
 bool Service::Turn()
 {
     dllist& cache = ListCache();
-    if (cache.CacheEmpty() && !cache.DirectoryReachable()) {
+    if (cache.WaitsForDirectory()) {
         SleepFor(kPause);
         return true;
     }
@@ -166,14 +171,21 @@ void Service::TellThatItEnds()
 
 void Service::RefreshWhenDue()
 {
-    const std::time_t now = Now();
-    if (std::difftime(now, last_refresh_) < interval_ * 60.0)
+    const std::int64_t uptime = Uptime();
+    if (uptime < next_refresh_)
         return;
     DlLog(6, "Refreshing cache..");
-    (void)ListCache().RefreshCache();  // it has logged; the old lists serve until the next
+    (void)ListCache().RefreshCache();  // RefreshFailed tells more
     DlLog(6, "Done..");
     ExpireConfirmations();
-    last_refresh_ = now;
+    const bool failed = ListCache().RefreshFailed();
+    if (failed && refresh_pause_ == 0)
+        DlLog(1, "The lists cannot be refreshed, those that are known serve on");
+    else if (!failed && refresh_pause_ != 0)
+        DlLog(5, "The lists can be refreshed again");
+    refresh_pause_ =
+        failed ? std::clamp(2 * refresh_pause_, kShortestRefreshPause, kLongestRefreshPause) : 0;
+    next_refresh_ = uptime + (failed ? refresh_pause_ : interval_ * 60);
 }
 
 void Service::Stop()

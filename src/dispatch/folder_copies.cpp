@@ -5,7 +5,9 @@
 #include "platform/address/address.h"
 #include "platform/archive/archive.h"
 #include "platform/files/files.h"
+#include "platform/log/format.h"
 #include "platform/log/log.h"
+#include "platform/queue/queue.h"
 
 namespace dl
 {
@@ -27,6 +29,15 @@ bool Copy(const std::string& from, const std::string& to)
         return false;
     }
     return true;
+}
+
+// Names the message to an archive: identifiers come again, but not in the same second.
+std::string SourceOf(unsigned long message)
+{
+    std::vector<QueueItem> items;
+    if (!FindMQ(message, &items) || items.empty())
+        return {};  // the queue has said why; the commit that follows will fail as well
+    return FormatText("%08lX.%lld", message, static_cast<long long>(items.front().closed));
 }
 
 // The identifier under which the archive files the entry; none, and logged, when it cannot.
@@ -65,6 +76,7 @@ void MakeFolderCopies(const std::string& list, unsigned long id, const std::stri
         if (!copied)
             DlLog(1, "Unable to copy message <%s> to the archive folder of %s mailing list",
                   copy.name.c_str(), list.c_str());
+        copy.source = SourceOf(id);
         copy.archive_id =
             ArchiveId(copy.folder, rewritten.substr(rewritten.rfind('/') + 1), copied);
     }

@@ -95,12 +95,33 @@ class Filer
                Sync(archive);
     }
 
+    // An archive that knows of a copy from an earlier attempt gives it the name of then.
     bool AnnounceToArchives()
     {
-        for (const FolderCopy* copy : copies_) {
-            if (!copy->archive_id)
-                continue;
-            ids_[copy] = *copy->archive_id;
+        std::map<std::string, std::vector<const FolderCopy*>> archives;  // by path
+        for (const FolderCopy* copy : copies_)
+            if (copy->archive_id)
+                archives[copy->ArchivePath()].push_back(copy);
+        for (const auto& [path, copies] : archives) {
+            std::vector<ArchiveFiling> filings;
+            for (const FolderCopy* copy : copies)
+                filings.push_back({copy->source, *copy->archive_id});
+            if (!Announce(path, &filings))
+                return false;
+            for (std::size_t i = 0; i < copies.size(); ++i)
+                filings_[copies[i]] = filings[i];
+        }
+        return true;
+    }
+
+    // An index that cannot take them keeps no posting from its place: a rebuild brings them in.
+    static bool Announce(const std::string& path, std::vector<ArchiveFiling>* filings)
+    {
+        try {
+            CDlArchive::AnnounceArchive(path, filings);
+        } catch (const CDlArchiveException& problem) {
+            DlLog(1, "%s", problem.message);
+            return problem.fault != ArchiveFault::kMachine;
         }
         return true;
     }
@@ -119,15 +140,19 @@ class Filer
     bool PlaceInArchive(const FolderCopy& copy)
     {
         const std::string folder = copy.ArchivePath();
-        const std::string file = folder + FormatText("/%08lX.msg", ids_[&copy]);
+        const unsigned long id = filings_[&copy].id;
+        const std::string file = folder + FormatText("/%08lX.msg", id);
+        const bool was_there = FileSize(file) >= 0;
         if (!Rename(copy.BesideArchive(), file))
             return false;
         folders_.insert(folder);
+        if (!was_there)
+            return true;  // the announcement is enough
         try {
-            const ArchiveLock archive(SharedArchive());
-            archive->AddArchive(folder, ids_[&copy]);
+            CDlArchive::AddArchive(folder, id);  // to be read again
         } catch (const CDlArchiveException& problem) {
             DlLog(1, "%s", problem.message);
+            return problem.fault != ArchiveFault::kMachine;
         }
         return true;
     }
@@ -179,8 +204,8 @@ class Filer
     }
 
     std::vector<const FolderCopy*> copies_;
-    std::map<const FolderCopy*, unsigned long> ids_;  // in the archives
-    std::map<std::string, Digest> digests_;           // by path
+    std::map<const FolderCopy*, ArchiveFiling> filings_;
+    std::map<std::string, Digest> digests_;  // by path
     std::set<std::string> folders_;
 };
 

@@ -29,6 +29,7 @@ struct FolderCopy {
     unsigned long id;    // of the message
     std::string name;    // "%08X.msg" of it
     std::optional<std::string> subject;
+    std::string source;     // what an archive knows it by when it comes again
     std::string rewritten;  // the file that it is a copy of
     DigestFolder digest;
     bool in_digest = false;                   // a copy lies beside the digest's

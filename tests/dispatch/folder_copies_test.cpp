@@ -7,6 +7,7 @@
 #include "lists/dllist.h"
 #include "platform/archive/archive.h"
 #include "tests/support/fault_table.h"
+#include "tests/support/queued.h"
 
 namespace dl::testing
 {
@@ -39,14 +40,14 @@ class FolderCopies : public FaultSite
     {
         return Path("data/" + list + "/" + name);
     }
-    // Names in the list's two folders, "digest: <names> archive: <names>"; databases left out.
+    // Names in the list's two folders, "digest: <names> archive: <names>", of postings and topics.
     [[nodiscard]] std::string Names(const std::string& list) const
     {
         std::string text;
         for (const char* folder : {"digest", "archive"}) {
             text += std::string(text.empty() ? "" : " ") + folder + ":";
             for (const std::string& name : FileNames(Of(list, folder)))
-                if (!name.starts_with("index.db") && !name.ends_with(".dt"))
+                if (name.ends_with(".msg") || name.ends_with(".new") || name.ends_with(".txt"))
                     text += " " + name;
         }
         return text;
@@ -102,6 +103,26 @@ TEST_F(FolderCopies, AnArchivedListFilesUnderTheNewEntrysName)
     CDlArchive::GenerateIndexPages(kNotes);
     EXPECT_NE(ReadFile(Of(kNotes, "archive/html/index.html")).find(">hi<"), std::string::npos);
     CDlArchive::RemoveArchive(kNotes, 0x00AB0001);  // throws when the archive does not know it
+}
+
+TEST_F(FolderCopies, AMessageThatIsHandledAgainIsFiledOnce)
+{
+    const unsigned long id = PutEntry(kPosting, "dl", "a@example.com", {kNotes});
+    const unsigned long next = PutEntry(kPosting, "dl", "a@example.com", {kNotes});
+    Keep(kNotes, " hi\r\n", id);
+    // What was made of it is gone with a crash; now it gets another name.
+    rewritten_ = Write("queue/msg/00AB0002.msg", kPosting);
+    Keep(kNotes, " hi\r\n", id);
+    const std::string once = "digest: " + PostingName(id) + " subject.txt archive: 00AB0001.msg";
+    EXPECT_EQ(Names(kNotes), once);
+    CDlArchive::GenerateIndexPages(kNotes);
+    rewritten_ = Write("queue/msg/00AB0003.msg", kPosting);
+    Keep(kNotes, " hi\r\n", id);
+    EXPECT_EQ(Names(kNotes), once) << "also when its page has been made";
+    rewritten_ = Write("queue/msg/00AB0004.msg", kPosting);
+    Keep(kNotes, " hi\r\n", next);
+    EXPECT_TRUE(Names(kNotes).ends_with("archive: 00AB0001.msg 00AB0004.msg")) << Names(kNotes);
+    EXPECT_EQ(ReadFile(Of(kNotes, "digest/subject.txt")), "   1.  hi\r\n   2.  hi\r\n");
 }
 
 TEST_F(FolderCopies, AListIsOneListHoweverItIsWritten)

@@ -200,6 +200,21 @@ std::optional<std::uint32_t> EntryFiles::Reserve(const std::function<Known(std::
     return tried == Tried::kMade ? std::optional(id) : std::nullopt;
 }
 
+bool EntryFiles::GoOnBehind(std::uint32_t id, std::string* cause)
+{
+    if (!counter_.Wait(0)) {
+        *cause = "the file next.id cannot be locked: " + PlainError(errno);
+        return false;
+    }
+    constexpr std::uint32_t kHalf = 0x80000000;  // beyond it the counter has begun again meanwhile
+    const bool before = id - ReadCounter(counter_.fd()) < kHalf;
+    const bool done = !before || WriteCounter(counter_.fd(), AfterId(id));
+    if (!done)
+        *cause = "the file next.id cannot be written: " + PlainError(errno);
+    counter_.Unlock(0);
+    return done;
+}
+
 bool EntryFiles::Claim(std::uint32_t id)
 {
     if (HasClaim(id))

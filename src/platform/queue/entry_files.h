@@ -39,6 +39,9 @@ class EntryFiles
     // ".msg" file. `known` that fails leaves `cause` as it is.
     [[nodiscard]] std::optional<std::uint32_t> Reserve(
         const std::function<Known(std::uint32_t)>& known, std::string* cause);
+    // The counter goes on behind `id` when it is before it: its file is never synced, and a power
+    // loss may have brought an older one back.
+    [[nodiscard]] bool GoOnBehind(std::uint32_t id, std::string* cause);
     // False when another process has it. Claiming what this object has already is true.
     [[nodiscard]] bool Claim(std::uint32_t id);
     void Release(std::uint32_t id);

@@ -25,7 +25,8 @@ constexpr char kSettings[] =
 // chan       one row per channel that it is in; seq is the order of closing; owner is the reader
 //            that has it; due is 0 when it may be taken, else the time from which on; suspect is 1
 //            when it was in flight as a reader died; attempts are those that count
-// counter    "reader": the last reader's number; "sync": only written to
+// counter    "reader": the last reader's number; "sync": only written to; "entry": the latest
+//            identifier of an entry
 // delivery   what became of the recipients of an entry that is handed over in parts: one byte each
 // answer     and what was answered for those whose answer is still wanted
 // mark       facts by name that became so with a commit

@@ -61,11 +61,22 @@ bool SqliteQueue::Open()
                  folder_.c_str());
         return false;
     }
-    if (!Sweep(files_.Enter())) {
-        Complain("The message queue cannot be opened: %s: %s", path.c_str(), Cause().c_str());
+    if (!GoOnBehindLastEntry(&cause) || !Sweep(files_.Enter())) {
+        Complain("The message queue cannot be opened: %s: %s", path.c_str(),
+                 cause.empty() ? Cause().c_str() : cause.c_str());
         return false;
     }
     return true;
+}
+
+// An identifier that comes again soon would have the copies that digests and archives have under
+// the same name overwritten.
+bool SqliteQueue::GoOnBehindLastEntry(std::string* cause)
+{
+    Query last(index_, "SELECT value FROM counter WHERE name = 'entry'");
+    if (!last.Row())
+        return !last.Failed();
+    return files_.GoOnBehind(static_cast<std::uint32_t>(last.Int(0)), cause);
 }
 
 std::optional<std::uint32_t> SqliteQueue::Reserve()
@@ -146,6 +157,13 @@ bool SqliteQueue::InsertEntry(const PendingEntry& entry, std::int64_t bytes)
     if (!entry.envelope.empty())
         (void)Query(index_, "INSERT INTO envelope VALUES (?1, ?2)", entry.id, Blob{entry.envelope})
             .Done();
+    // The latest of all, though the counter may have begun again, and they are not put in in order.
+    (void)Query(index_,
+                "INSERT INTO counter VALUES ('entry', ?1) ON CONFLICT (name) DO UPDATE"
+                " SET value = excluded.value"
+                " WHERE ((excluded.value - value) & 0xFFFFFFFF) < 0x80000000",
+                entry.id)
+        .Done();
     for (const auto& [channel, priority] : entry.channels)
         (void)Query(index_, "INSERT INTO chan (channel, entry, priority) VALUES (?1, ?2, ?3)",
                     channel, entry.id, priority)

@@ -104,6 +104,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
     };
 
     bool CommitEntry(const PendingEntry& entry, std::int64_t bytes);
+    bool GoOnBehindLastEntry(std::string* cause);
     bool InsertEntry(const PendingEntry& entry, std::int64_t bytes);  // inside a transaction
 
     // Several entries at once (sqlite_group.cpp).

@@ -312,6 +312,33 @@ TEST_F(Queue, IdentifiersRiseAndNeverStartAgain)
     }
 }
 
+TEST_F(Queue, AnOlderCounterAfterAPowerLossGivesNoIdentifierAgain)
+{
+    const struct {
+        const char* name;
+        const char* before;
+        const char* after;
+        unsigned long want;
+    } rows[] = {
+        {"as it was", "0000000041\n", "0000000042\n", 42},
+        {"an older one", "0000000051\n", "0000000043\n", 52},
+        {"a later one", "0000000061\n", "0000000099\n", 99},
+        {"the time", "1800000000\n", "0000000043\n", 1800000001},
+        {"far on", "3600000000\n", "3600000001\n", 3600000001},
+        {"one that has begun again", "4294967290\n", "0000000001\n", 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Write("queue/next.id", row.before);
+        (void)Put("x");
+        EXPECT_EQ(Drain("dl"), Texts{"x"});
+        Write("queue/next.id", row.after);
+        MQEnd();
+        ASSERT_TRUE(MQInitAt(folder));
+        EXPECT_EQ(GetMQId(NewMQEntry().get()), row.want);
+    }
+}
+
 TEST_F(Queue, ASweepTakesWhatDeadWritersLeftAndNothingElse)
 {
     const unsigned long waiting = Put("waiting");
