@@ -260,9 +260,11 @@ class Pass
             return GiveUp(kEnvelopeUnreadable, message, found.damaged);
         freeStringChain(processed_);
         message.envelope = found.envelope.get();
-        const long place = message.envelope
-                               ? HandleMessage({message, output_, work_}, input_, processed_)
-                               : Missing();
+        long place = message.envelope ? HandleMessage({message, output_, work_}, input_, processed_)
+                                      : Missing();
+        // The directory does not tell whose mail it is: that holds up nobody else.
+        if (place != kGoOn && NotedMachineFault() == 0 && ListCache().LookUpFailed())
+            place = kWait;
         if (place != kGoOn && place != kWait)
             return GiveUp(place, message, OnlyTheMessage());
         if (place == kWait)
@@ -312,7 +314,7 @@ class Pass
         return stop ? place : kGoOn;
     }
 
-    static bool OnlyTheMessage() { return NotedMachineFault() == 0 && !ListCache().LookUpFailed(); }
+    static bool OnlyTheMessage() { return NotedMachineFault() == 0; }
 
     MQContext* channel_;
     const std::string& input_;

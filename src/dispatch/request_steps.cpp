@@ -106,7 +106,8 @@ long BounceUnknownCommand(const Handling& it, const std::string& request_address
 long Confirm(const Handling& it, const std::string& request_address, const ConfirmationKind& kind)
 {
     const bool sent = SendConfirmationRequest(it.message, request_address, it.output, kind) == 0;
-    return sent || NotedMachineFault() == 0 ? kGoOn : kNoConfirmation;
+    const bool later = NotedMachineFault() != 0 || ListCache().LookUpFailed();
+    return sent || !later ? kGoOn : kNoConfirmation;
 }
 
 long HandleSubscription(const Handling& it, const std::string& request_address,

@@ -5,6 +5,8 @@
 #include <cstdlib>
 
 #include "lists/cache_shortcuts.h"
+#include "lists/data_folder.h"
+#include "lists/dllist.h"
 #include "platform/clock/clock.h"
 #include "platform/files/files.h"
 #include "platform/log/format.h"
@@ -60,7 +62,7 @@ std::string PendingLine(const ConfirmationKind& kind, const std::string& list,
     return FormatText("subscribe %s %s\r\n", list.c_str(), requester.c_str());
 }
 
-// Creates the pending file; false when it cannot be created whole.
+// Creates the pending file, on disk before anybody is asked; false when it cannot be created whole.
 bool WritePending(const ConfirmationKind& kind, const std::string& list,
                   const std::string& requester, std::uint32_t* id)
 {
@@ -71,7 +73,8 @@ bool WritePending(const ConfirmationKind& kind, const std::string& list,
     FileWriter out(path, "wbx");
     if (!out.IsOpen())
         return false;
-    if (out.Write(PendingLine(kind, list, OneLine(requester))) && out.Close())
+    if (out.Write(PendingLine(kind, list, OneLine(requester))) && out.Close() && SyncPath(path) &&
+        SyncPath(ListFolder(DataFolderName(list))))
         return true;
     (void)Files().Remove(path.c_str());  // half a line would only wait to expire
     return false;
@@ -158,9 +161,14 @@ int SendConfirmationRequest(const Incoming& message, const std::string& request_
     LogSent(kind, list, requester);
     const std::string owner =
         FormatText("%.*s-owner@%s", parts.length, parts.local.c_str(), parts.domain.c_str());
-    // The request is on its way whether or not the owner hears of it; a failure has been logged.
-    (void)ForwardToOwner(owner, message, channel, OwnerReason(kind));
-    return 0;
+    // The request is on its way whether or not the owner hears of it, a failure has been logged;
+    // but while nobody knows who that is, all of it is for later.
+    if (ForwardToOwner(owner, message, channel, OwnerReason(kind)) == 0 ||
+        !ListCache().LookUpFailed())
+        return 0;
+    if (!kind.archive)
+        (void)Files().Remove(PendingPath(list, id).c_str());  // or it waits to expire
+    return -1;
 }
 
 }  // namespace dl

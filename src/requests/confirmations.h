@@ -25,8 +25,9 @@ struct ConfirmationKind {
 
 // Writes the pending file (an archive registration's exists already), mails the confirmation
 // request to the requester and a copy of `message` to the owner. `request_address` is the list's
-// request address as the message came to it. 0 when the request was sent, -1 when not; a pending
-// file whose request could not be sent stays until it expires.
+// request address as the message came to it. 0 when the request was sent, -1 when not, also
+// when the directory did not say who the owner is (dllist::LookUpFailed); a pending file whose
+// request could not be sent stays until it expires.
 int SendConfirmationRequest(const Incoming& message, const std::string& request_address,
                             const std::string& channel, const ConfirmationKind& kind);
 

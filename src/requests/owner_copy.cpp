@@ -103,6 +103,8 @@ int ForwardToOwner(const std::string& alias, const Incoming& message, const std:
     if (!copy.IsMade())
         return -1;
     const char* found = ListCache().GetListOwner(parts.List());
+    if (!found && ListCache().LookUpFailed())
+        copy.SetUnsent(Unsent::kDiscard);  // it is tried again and again
     if (!found)
         return -1;
     const std::string owner = found;
