@@ -90,6 +90,32 @@ TEST(DlsendRules, AMessageWaitsForRealTime)
     EXPECT_LE(time.Of(1000, 1120), 120);
 }
 
+TEST(DlsendRules, WaitingTimeOutlivesTheProcess)
+{
+    constexpr std::int64_t kDay = 86'400;
+    WaitingTime before(1000, 50);
+    (void)before.Tick(1010 + kDay, 60);
+    const struct {
+        const char* name;
+        std::string text;
+        std::int64_t now, uptime, jump, waited;
+    } rows[] = {
+        {"nothing happened", before.Text(), 1020 + kDay, 70, 0, 20},
+        {"set while it was down", before.Text(), 1020 + 11 * kDay, 70, 10 * kDay, 20},
+        {"and back", before.Text(), 1020, 70, -kDay, 20},
+        {"the host was down", before.Text(), 1020 + 11 * kDay, 5, 0, 10 * kDay + 20},
+        {"and lost its clock", before.Text(), 1010, 5, -kDay, 10},
+        {"no text", "nonsense", 1020 + kDay, 70, 0, kDay + 20},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        WaitingTime time(row.now, row.uptime);
+        time.Restore(row.text);
+        EXPECT_EQ(time.Tick(row.now, row.uptime), row.jump);
+        EXPECT_EQ(time.Of(1000, row.now), row.waited);
+    }
+}
+
 TEST(DlsendRules, ReadsAnswersAndMakesThemFields)
 {
     for (const auto& row : testing::ReadTable("tables/platform.txt", "answers")) {

@@ -316,7 +316,7 @@ TEST_F(HandoverTest, AFaultOfTheMachineHoldsNothing)
     const auto channel = DeliveryChannel::Open("dlout");
     const std::atomic<bool> stop{false};
     Handover(settings, channel.get(), &stop).Run(true);  // has all files open, the sanitizer's too
-    Put(Addresses(2));
+    Put(Addresses(2, "late"));
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     const int next = dup(0);

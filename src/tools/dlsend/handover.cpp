@@ -12,6 +12,7 @@
 #include "platform/clock/clock.h"
 #include "platform/files/machine_fault.h"
 #include "platform/log/log.h"
+#include "platform/queue/work.h"
 
 namespace dl
 {
@@ -26,6 +27,8 @@ constexpr std::chrono::milliseconds kListen{100};  // for news; the end waits fo
 constexpr std::chrono::milliseconds kTogether{2};  // news that come so close are one
 constexpr std::chrono::milliseconds kTrouble{5000};  // the same, when it could not be read
 constexpr std::chrono::seconds kEnd{20};             // for running transactions when it is to stop
+constexpr std::int64_t kSaveClock = 60;              // seconds
+constexpr char kClockMark[] = "dlsend.clock";
 
 }  // namespace
 
@@ -45,6 +48,9 @@ Handover::Handover(const RelaySettings& settings, DeliveryChannel* channel,
       waiting_time_(Now(), Uptime()),
       random_(std::random_device()())
 {
+    std::map<std::string, std::string> marks;
+    if (ReadMQMarks(kClockMark, &marks) && !marks.empty())
+        waiting_time_.Restore(marks.begin()->second);
 }
 
 Handover::~Handover() = default;
@@ -125,10 +131,21 @@ void Handover::LookForRoom()
 
 void Handover::LookAtClock()
 {
-    const Lock lock(mutex_);
-    if (const std::int64_t jump = waiting_time_.Tick(Now(), Uptime()))
+    const std::int64_t uptime = Uptime();
+    std::int64_t jump = 0;
+    std::string text;
+    {
+        const Lock lock(mutex_);
+        jump = waiting_time_.Tick(Now(), uptime);
+        text = waiting_time_.Text();
+    }
+    if (jump != 0)
         SendLog(1, "The clock was set %s by %lld s, which counts for no message",
                 jump > 0 ? "forward" : "back", static_cast<long long>(std::abs(jump)));
+    if (jump == 0 && uptime < clock_saved_ + kSaveClock)
+        return;
+    clock_saved_ = uptime;
+    (void)SetMQMark(kClockMark, text);  // the queue has said why not; the next one tells as much
 }
 
 bool Handover::IsExpired(std::int64_t closed) const

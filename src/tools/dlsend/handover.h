@@ -120,6 +120,7 @@ class Handover
     int connecting_ = 0;
     bool no_room_ = false;  // on the queue's disk; no new transaction meanwhile
     WaitingTime waiting_time_;
+    std::int64_t clock_saved_ = 0;  // when, of Uptime
     bool relay_down_ = false;
     bool due_ = false;           // something was, when it was down
     std::string relay_problem_;  // why it was down last
