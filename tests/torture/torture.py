@@ -30,7 +30,7 @@ PR_SET_CHILD_SUBREAPER = 36
 DISTURBED = (6.0, 9.0)  # seconds of a round
 REST_TIME = 40  # after which a round must be at rest
 HELD_UP = 1.0  # seconds that a hostile mail may take from the others
-LARGE, SMALL = 200, 20  # megabytes of a disk
+LARGE, SMALL = 200, 40  # megabytes of a disk
 BIG, LITTLE = 16_000_000, 500_000  # bytes of a large hostile mail, by the disk
 COLUMNS = 100
 SHOWN = 5  # findings of each kind
@@ -149,7 +149,8 @@ class Round:
         probe = Mail(f"{mail.key}-probe", "posting", STATIC[0], [address("open")], body=self.traffic.text(1))
         self.traffic.post(mail, "lmtp")
         began = time.time()
-        self.traffic.post(probe, "lmtp")
+        if not self.traffic.post(probe, "lmtp"):  # the disk is full, with what was kept
+            return 0.0
         while not (took := [taken.took for taken in list(self.chain.relay.taken) if taken.kind == "copy" and taken.keys == [probe.key]]):
             if time.time() > began + REST_TIME:
                 return float(REST_TIME)

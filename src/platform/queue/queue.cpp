@@ -35,13 +35,13 @@ Opened& TheQueue()
     return opened;
 }
 
-bool OpenAt(const std::string& folder, const std::string& module)
+bool OpenAt(const std::string& folder, const std::string& module, QueueUse use = QueueUse::kLong)
 {
     MQEnd();
     int attempts = GetPrivateProfileInt("Queue", "MaxAttempts", kDefaultMaxAttempts, kMainConfig);
     if (attempts < 1)
         attempts = kDefaultMaxAttempts;
-    std::shared_ptr<QueueBackend> queue = OpenSqliteQueue(folder, attempts, module);
+    std::shared_ptr<QueueBackend> queue = OpenSqliteQueue(folder, attempts, module, use);
     Opened& opened = TheQueue();
     const std::lock_guard<std::mutex> guard(opened.mutex);
     opened.own = std::move(queue);
@@ -98,6 +98,11 @@ std::string QueuePath()
 bool MQInit(const std::string& /*host*/, const std::string& module)
 {
     return OpenAt(QueuePath(), module);
+}
+
+bool MQInitBriefly(const std::string& module)
+{
+    return OpenAt(QueuePath(), module, QueueUse::kBrief);
 }
 
 bool MQInitAt(const std::string& folder)

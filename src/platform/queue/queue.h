@@ -52,6 +52,9 @@ inline constexpr char kDefaultQueuePath[] = "/var/spool/dlmanager/queue";
 // lines; `host` is not used by the embedded queue. False when it cannot be opened, is damaged, was
 // written by a newer version, or when the index is gone while message files are there.
 [[nodiscard]] bool MQInit(const std::string& host, const std::string& module);
+// The same for a process that puts in a message and ends: it leaves sweeping, and bringing the
+// index's log into the index, to the others.
+[[nodiscard]] bool MQInitBriefly(const std::string& module);
 // Opens the queue in `folder` instead; for tools with an option and for tests. MQEnd closes it; all
 // may be repeated. Contexts that are still open keep their queue open.
 [[nodiscard]] bool MQInitAt(const std::string& folder);

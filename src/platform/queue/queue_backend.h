@@ -116,8 +116,10 @@ class QueueBackend
 
 // Null, with the reason logged at level 1, when the folder or the index cannot be opened. `module`
 // tags the log lines.
+enum class QueueUse { kLong, kBrief };  // see MQInitBriefly
 std::unique_ptr<QueueBackend> OpenSqliteQueue(const std::string& folder, int max_attempts,
-                                              const std::string& module = "DL Queue");
+                                              const std::string& module = "DL Queue",
+                                              QueueUse use = QueueUse::kLong);
 
 // Puts `backend` (not owned) in place of the one that MQInit opened; null goes back. For tests
 // (failing wrapper).

@@ -41,6 +41,8 @@ class Index
     [[nodiscard]] bool Open(const std::string& path, const std::function<bool()>& may_be_new,
                             std::string* cause);
     void Close();
+    // Close is not to bring the log into the index: the next process finds it there.
+    void LeaveLogAtEnd();
     // Leaves the connection to the process that opened it.
     void Forget();
 

@@ -37,7 +37,7 @@ SqliteQueue::~SqliteQueue()
     EraseRemoved(false);
 }
 
-bool SqliteQueue::Open()
+bool SqliteQueue::Open(QueueUse use)
 {
     std::string cause;
     bool made = false;
@@ -61,7 +61,11 @@ bool SqliteQueue::Open()
                  folder_.c_str());
         return false;
     }
-    if (!GoOnBehindLastEntry(&cause) || !Sweep(files_.Enter())) {
+    const bool brief = use == QueueUse::kBrief;
+    if (brief)
+        index_.LeaveLogAtEnd();
+    const bool alone = files_.Enter();
+    if (!GoOnBehindLastEntry(&cause) || (!brief && !Sweep(alone))) {
         Complain("The message queue cannot be opened: %s: %s", path.c_str(),
                  cause.empty() ? Cause().c_str() : cause.c_str());
         return false;
@@ -282,10 +286,10 @@ void SqliteQueue::Complain(const char* format, ...) const
 }
 
 std::unique_ptr<QueueBackend> OpenSqliteQueue(const std::string& folder, int max_attempts,
-                                              const std::string& module)
+                                              const std::string& module, QueueUse use)
 {
     auto queue = std::make_unique<SqliteQueue>(folder, max_attempts, module);
-    if (!queue->Open())
+    if (!queue->Open(use))
         return nullptr;
     return queue;
 }

@@ -26,7 +26,7 @@ class SqliteQueue : public QueueBackend, public DeliveryBackend
  public:
     SqliteQueue(std::string folder, int max_attempts, std::string module);
     ~SqliteQueue() override;
-    [[nodiscard]] bool Open();
+    [[nodiscard]] bool Open(QueueUse use);
 
     std::optional<std::uint32_t> Reserve() override;
     bool AddChannel(PendingEntry* entry, const std::string& channel, int priority) override;

@@ -120,7 +120,7 @@ int SubmitMessage(const SubmitJob& job, std::FILE* in)
         Count(Metric::kIntakeRefused);
         return EX_DATAERR;
     }
-    if (!MQInit("", "dlsubmit"))
+    if (!MQInitBriefly("dlsubmit"))
         return TryAgain("the queue cannot be opened");
     if (!counting)
         (void)OpenMetrics(QueuePath(), "dlsubmit");  // a new queue; the message goes in without too
