@@ -4,9 +4,9 @@
     bench/pipeline.py BUILD/bin      DL_BENCH_DIR (default /var/tmp): on the disk that is to be measured
 
 Each case starts the three programs anew on an empty queue, with the log of a usual site in files, and ends when the queue is
-empty: everything is then handed over and written down as such. The service's pause of a second is taken out: SIGUSR1, which
-asks for its status, ends a pause early. Beside each case smtp-source sends as many messages to as many recipients straight to
-smtp-sink, which writes nothing down; before all of them stands what the disk alone takes.
+empty: everything is then handed over and written down as such. Beside each case smtp-source sends as many messages to as many
+recipients straight to smtp-sink, which writes nothing down; before all of them stands what the disk alone takes. By pipe, each
+posting is a process of dlsubmit; beside it stand as many processes of true.
 """
 import os
 import pathlib
@@ -19,7 +19,6 @@ import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
 SOURCE, SINK = "/usr/sbin/smtp-source", "/usr/sbin/smtp-sink"
@@ -28,8 +27,9 @@ LIST = "list0@lists.example.org"
 BYTES = 4096
 PER_TRANSACTION = 100
 TIMES = int(os.environ.get("DL_BENCH_TIMES", "3"))
+PIPE = 0
 #        postings, members, connections of the client
-CASES = ((1, 100, 1), (1, 1_000, 1), (1, 10_000, 1), (1, 100_000, 1), (200, 50, 20), (2_000, 50, 20))
+CASES = ((1, 100, 1), (1, 1_000, 1), (1, 10_000, 1), (1, 100_000, 1), (200, 50, 1), (200, 50, 20), (2_000, 50, 20), (200, 50, PIPE))
 
 
 def free_port():
@@ -92,31 +92,18 @@ class Site:
         file = self.dir / name
         return file.read_text(errors="replace") if file.exists() else ""
 
-    def wake(self, stop):
-        """Ends each pause of the service as it begins."""
-        pid = self.pids["dlmanager"]
-        while not stop.is_set():
-            try:
-                if pathlib.Path(f"/proc/{pid}/syscall").read_text().split()[0] in ("35", "230"):  # nanosleep, clock_nanosleep
-                    os.kill(pid, signal.SIGUSR1)
-            except OSError:
-                return
-            time.sleep(0.002)
-
     def run(self, postings, connections):
         """(seconds in all, seconds until the client had its last answer)"""
         index = sqlite3.connect(f"file:{self.dir}/queue/index.db?mode=ro", uri=True, isolation_level=None, timeout=30)
-        stop = threading.Event()
-        waker = threading.Thread(target=self.wake, args=(stop,))
-        waker.start()
-        time.sleep(0.3)  # what starting has left to do
+        time.sleep(1.3)  # what starting has left to do
         begin = time.perf_counter()
-        send(postings, connections, 1, self.port, "-L", "-t", LIST)
+        if connections == PIPE:
+            pipe(postings, self.env, self.binaries / "dlsubmit", "-f", "anna@example.com", "--", LIST)
+        else:
+            send(postings, connections, 1, self.port, "-L", "-t", LIST)
         taken = time.perf_counter() - begin
         wait_for("the end of the queue", lambda: not index.execute("SELECT EXISTS (SELECT 1 FROM chan)").fetchone()[0], 0.001)
         time_in_all = time.perf_counter() - begin
-        stop.set()
-        waker.join()
         index.close()
         return time_in_all, taken
 
@@ -151,7 +138,17 @@ def send(messages, connections, recipients, port, *options):
                     "anna@example.com", *options, f"127.0.0.1:{port}"], check=True, timeout=300)
 
 
+def pipe(count, env, *command):
+    text = ("Subject: x\n\n" + ("x" * 70 + "\n") * (BYTES // 71)).encode()
+    for _ in range(count):
+        subprocess.run(command, env=env, input=text, check=True, stdout=subprocess.DEVNULL, timeout=60)
+
+
 def direct(postings, members, connections, port):
+    if connections == PIPE:
+        begin = time.perf_counter()
+        pipe(postings, None, "/bin/true")
+        return time.perf_counter() - begin
     recipients = min(members, PER_TRANSACTION)
     begin = time.perf_counter()
     send(postings * (members // recipients), max(connections, 4), recipients, port, "-t", "member@example.com")
@@ -185,7 +182,7 @@ def main():
         wait_for("smtp-sink", lambda: listens(port))
         floor = disk()
         print(f"the disk: {floor:.2f} ms to put one posting on it, {1000 / floor:.0f} postings/s one after the other")
-        print(f"{'postings x members':>18}  {'ms':>8} {'intake':>8} {'direct':>8}  {'postings/s':>10} {'rcpts/s':>8}  "
+        print(f"{'postings x members':>18} {'by':>8}  {'ms':>8} {'intake':>8} {'direct':>8}  {'postings/s':>10} {'rcpts/s':>8}  "
               f"{'CPU ms, peak MiB of ' + ', '.join(PROGRAMS)}", flush=True)
         for postings, members, connections in CASES:
             runs = []
@@ -206,7 +203,8 @@ def main():
                 straight.append(direct(postings, members, connections, port))
             runs.sort(key=lambda run: run[0])
             total, intake, cpu, memory = runs[len(runs) // 2]
-            print(f"{postings:>8} x {members:>7}  {total * 1000:8.1f} {intake * 1000:8.1f} {statistics.median(straight) * 1000:8.1f}"
+            way = f"{connections} conn." if connections else "pipe"
+            print(f"{postings:>8} x {members:>7} {way:>8}  {total * 1000:8.1f} {intake * 1000:8.1f} {statistics.median(straight) * 1000:8.1f}"
                   f"  {postings / total:10.0f} {postings * members / total:8.0f}  " +
                   ", ".join(f"{cpu[name] * 1000:.0f} {memory[name]:.1f}" for name in PROGRAMS) +
                   f"   [{runs[0][0] * 1000:.1f} .. {runs[-1][0] * 1000:.1f}]", flush=True)

@@ -17,7 +17,6 @@
 #include "platform/config/config.h"
 #include "platform/config/data_path.h"
 #include "platform/files/files.h"
-#include "platform/log/format.h"
 #include "platform/log/log.h"
 #include "schedule/date_arithmetic.h"
 #include "schedule/due_file.h"
@@ -64,11 +63,6 @@ IndexSchedule ReadSchedule()
     schedule.weekday = number("ArchiveDayOfWeek", 0, 6);
     schedule.month_day = number("ArchiveDayOfMonth", 1, 31);
     return schedule;
-}
-
-std::string IndexDuePath()
-{
-    return FormatText("%s%cindex.dt", DataPath().c_str(), '/');
 }
 
 // A new file always holds today at the configured time, whatever the frequency; what lies after the

@@ -63,4 +63,9 @@ std::string DigestDuePath(const std::string& data_path, const std::string& list)
     return FormatText("%s%c%s%cdigest%cdigest.dt", data_path.c_str(), '/', list.c_str(), '/', '/');
 }
 
+std::string IndexDuePath()
+{
+    return DataPath() + "/index.dt";
+}
+
 }  // namespace dl

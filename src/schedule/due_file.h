@@ -39,6 +39,8 @@ class DueFile
 
 // <data path>/<list>/digest/digest.dt; the second for whoever needs many, and has the data path.
 [[nodiscard]] std::string DigestDuePath(const std::string& list);
+// <data path>/index.dt
+[[nodiscard]] std::string IndexDuePath();
 [[nodiscard]] std::string DigestDuePath(const std::string& data_path, const std::string& list);
 
 }  // namespace dl

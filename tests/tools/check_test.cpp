@@ -172,6 +172,11 @@ TEST_F(Check, EachFaultIsNamedWithItsMend)
          "index.db is damaged", "dlctl archive rebuild garden@lists.example.org"},
         {"digest file without a moment", [&] { Write(data + "/digest/digest.dt", "soon"); }, 1,
          "holds no moment", "remove the file"},
+        {"digest due beyond its schedule",
+         [&] { Write(data + "/digest/digest.dt", "99999999999999999999"); }, 1,
+         "digest.dt holds a moment farther off than its schedule", "start the service"},
+        {"archive index due beyond its schedule", [&] { Write("data/index.dt", "4000000000"); }, 1,
+         "index.dt holds a moment farther off than its schedule", "start the service"},
     };
     for (const auto& row : ReadTable("tables/check.txt", "faults")) {
         const auto harm = [=, this] {

@@ -88,6 +88,14 @@ struct FolderRule {
 // Whether the folder is there, now.
 bool CheckFolder(const FolderRule& rule, CheckReport* report);
 
+// A file that holds when a job is due next.
+struct DueRule {
+    const char* job;  // "digest"
+    std::string path;
+    std::string frequency;  // daily, weekly or monthly; empty: daily
+};
+void CheckDueFile(const DueRule& rule, CheckReport* report);
+
 // Whether all of `text` matches the extended regular expression (a constant), whatever its case.
 [[nodiscard]] bool Matches(const std::string& text, const char* pattern);
 

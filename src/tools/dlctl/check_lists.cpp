@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <unordered_map>
 #include <unordered_set>
@@ -164,7 +162,8 @@ void CheckMembers(const std::string& list, const SearchEntry& entry, CheckReport
                      "dlctl member remove, then dlctl member add");
 }
 
-void CheckListFolders(const std::string& list, bool archived, CheckReport* report)
+void CheckListFolders(const std::string& list, bool archived, const std::string& frequency,
+                      CheckReport* report)
 {
     const std::string data = DataPath();
     if (data.empty() || access(data.c_str(), F_OK) != 0)
@@ -181,19 +180,8 @@ void CheckListFolders(const std::string& list, bool archived, CheckReport* repor
         if (CheckFolder({role.c_str(), archive, 0755, data}, report))
             CheckArchive(list, report);
     }
-    std::FILE* file = digests ? std::fopen(DigestDuePath(list).c_str(), "rb") : nullptr;
-    if (!file) {
-        if (digests && errno != ENOENT)
-            report->CannotTell("the digest file " + DigestDuePath(list) + " may not be read",
-                               "run this as root or as the service's user; else chown it to that");
-        return;  // the service makes it at the next refresh
-    }
-    long due = 0;
-    if (std::fscanf(file, "%ld", &due) != 1 || due < 0)
-        report->Warn("the digest file " + DigestDuePath(list) +
-                         " holds no moment: the digest is due at once",
-                     "remove the file, the service makes it anew at the next refresh");
-    std::fclose(file);
+    if (digests)
+        CheckDueFile({"digest", DigestDuePath(list), frequency}, report);
 }
 
 void CheckList(const SearchEntry& entry, const Owners& owners,
@@ -214,7 +202,7 @@ void CheckList(const SearchEntry& entry, const Owners& owners,
         CheckValue(list, attribute, report);
     CheckMembers(list, entry, report);
     CheckOwner(list, owners, report);
-    CheckListFolders(list, ValueOf(entry, "archive") != "0", report);
+    CheckListFolders(list, ValueOf(entry, "archive") != "0", ValueOf(entry, "frequency"), report);
 }
 
 bool Open(ldapClient* client, CheckReport* report)

@@ -17,6 +17,7 @@
 #include "platform/process/process.h"
 #include "platform/queue/queue.h"
 #include "platform/smtp/session.h"
+#include "schedule/due_file.h"
 #include "tools/dlctl/check.h"
 
 namespace dl
@@ -131,6 +132,9 @@ void CheckDataAndQueue(const CheckOptions& options, CheckReport* report)
         if (access(data.c_str(), W_OK | X_OK) != 0)
             report->CannotTell("the data folder " + data + " may not be written by this user",
                                "run this as root or as the service's user");
+        CheckDueFile({"archive index", IndexDuePath(),
+                      Setting("DlManager", "ArchiveIndexFrequency", "Daily")},
+                     report);
     }
     (void)CheckFolder(
         {"the run folder", Setting("Process", "RunDir", "/run/dlmanager"), 0755, queue, false},
