@@ -92,11 +92,12 @@ bool Service::Start()
 {
     SetTimeZone();
     const bool counting = OpenMetrics(QueuePath(), "dlmanager");
-    interval_ = RefreshInterval();
+    const int minutes = RefreshInterval();
+    interval_ = std::int64_t{60} * minutes;
     DlLog(6, "Initialize mailing list entry cache..");
     (void)ListCache().InitCache();  // it has logged; the loop looks at what came of it
     DlLog(6, "Done..");
-    DlLog(6, "Refreshing mailing list in every %d minutes", interval_);
+    DlLog(6, "Refreshing mailing list in every %d minutes", minutes);
     const std::string host =
         GetPrivateProfileString("Ldap", "HostName", "DefaultHostName", 128, kMainConfig);
     DlLog(6, "Connected to %s Server", host.c_str());
@@ -123,7 +124,7 @@ bool Service::Start()
 
 void Service::Loop()
 {
-    next_refresh_ = Uptime() + interval_ * 60;
+    next_refresh_ = Uptime() + interval_;
     while (stop_requested == 0 && Turn())
         FlushLog();
 }
@@ -185,7 +186,7 @@ void Service::RefreshWhenDue()
         DlLog(5, "The lists can be refreshed again");
     refresh_pause_ =
         failed ? std::clamp(2 * refresh_pause_, kShortestRefreshPause, kLongestRefreshPause) : 0;
-    next_refresh_ = uptime + (failed ? refresh_pause_ : interval_ * 60);
+    next_refresh_ = uptime + (failed ? refresh_pause_ : interval_);
 }
 
 void Service::Stop()

@@ -15,7 +15,7 @@ namespace dl::archive
 // How long the file of a posting may take before the posting counts as unreadable, and before it is
 // forgotten; seconds.
 inline constexpr std::int64_t kFileMayTake = 3600;
-inline constexpr std::int64_t kForgottenAfter = 24 * 3600;
+inline constexpr std::int64_t kForgottenAfter = 86'400;
 
 // Records what is new among `filings`; gives them with what was known of them.
 [[nodiscard]] std::vector<ArchiveFiling> Announce(Database& index,

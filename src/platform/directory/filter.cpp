@@ -156,7 +156,7 @@ std::optional<std::vector<std::string>> Filter::Needs(std::string_view name) con
         return std::nullopt;
     Keys all;
     for (const Filter& part : parts_) {
-        const std::optional<Keys> keys = part.Needs(name);
+        std::optional<Keys> keys = part.Needs(name);
         if (kind_ == Kind::kAnd && keys)
             return keys;
         if (kind_ == Kind::kOr && !keys)

@@ -112,7 +112,9 @@ Edit Append(const TextPart& part, const std::string& text)
     }
     if (!body.clean)
         return Edit::Leave(kGuess);
-    std::string bytes = raw ? part.body : std::move(body.bytes);
+    std::string bytes = std::move(body.bytes);
+    if (raw)
+        bytes = part.body;
     const std::size_t end = bytes.size();
     return RewritePart(part, InsertDecoded(part, std::move(bytes), end, text), false);
 }

@@ -105,11 +105,12 @@ class DeliveryBackend
 class DeliveryChannel
 {
  public:
+    static constexpr std::int64_t kYear = 31'536'000;  // seconds
+
     // Entries that are put back wait no longer than `longest_pause` seconds, whatever the clock
     // does meanwhile. Null when the queue cannot be read.
     [[nodiscard]] static std::unique_ptr<DeliveryChannel> Open(const std::string& channel,
-                                                               std::int64_t longest_pause = 365 *
-                                                                                            86'400);
+                                                               std::int64_t longest_pause = kYear);
     // Gives back what is still taken.
     ~DeliveryChannel();
     DeliveryChannel(const DeliveryChannel&) = delete;
