@@ -215,9 +215,10 @@ bool SqliteQueue::HasRoomFor(std::int64_t bytes)
         return true;
     const std::lock_guard<std::mutex> guard(mutex_);
     index_.ClearFailure();
-    Query largest(index_, "SELECT max(bytes) FROM entry INDEXED BY entry_large WHERE bytes > ?1",
-                  kLargeMessage);
+    Query largest(index_, kLargest);
     const std::int64_t waiting = largest.Row() && !largest.IsNull(0) ? largest.Int(0) : 0;
+    if (largest.Failed())
+        return true;
     return HasRoomAt(
         folder_,
         IntakeRoom(static_cast<std::uint64_t>(bytes),

@@ -364,6 +364,24 @@ TEST_F(Queue, ASweepTakesWhatDeadWritersLeftAndNothingElse)
     EXPECT_EQ(Drain("dl"), Texts{"waiting"});
 }
 
+TEST_F(Queue, TheLargestMessageThatWaitsKeepsItsRoom)
+{
+    const std::int64_t large = std::filesystem::space(folder).available / 4 + (1 << 20);
+    EXPECT_TRUE(HasMQRoomFor(0));
+    EXPECT_FALSE(HasMQRoomFor(large));
+    NewMQEntry entry;
+    ASSERT_TRUE(entry && FillEntry(entry.get(), "x"));
+    // A hole takes no room, but counts.
+    std::filesystem::resize_file(GetMQPathName(entry.get(), ".msg"),
+                                 static_cast<std::uintmax_t>(large));
+    const unsigned long id = GetMQId(entry.get());
+    stEnvelope envelope;
+    ASSERT_EQ(Submit(std::move(entry), "dl", 0, &envelope), Submission::kDone);
+    EXPECT_FALSE(HasMQRoomFor(0)) << "the service needs some copies of it";
+    EXPECT_EQ(RemoveMQItem(id), QueueChange::kDone);
+    EXPECT_TRUE(HasMQRoomFor(0));
+}
+
 TEST_F(Queue, AForkedChildNeitherUsesTheQueueNorKeepsItsClaims)
 {
     NewMQEntry left;
