@@ -44,9 +44,9 @@ class Service
     void Stop();
 
     MQContext* channel_ = nullptr;
-    std::int64_t interval_ = 15 * 60;  // of refreshes, seconds
-    std::int64_t next_refresh_ = 0;    // of Uptime
-    int refresh_pause_ = 0;            // seconds, while refreshes fail
+    std::int64_t interval_ = 900;    // of refreshes, seconds
+    std::int64_t next_refresh_ = 0;  // of Uptime
+    int refresh_pause_ = 0;          // seconds, while refreshes fail
     std::time_t last_schedules_ = 0;
     std::time_t last_told_ = 0;
     StringChain processed_recipients_;
