@@ -59,7 +59,7 @@ int WaitABit(void*, int tries)
 {
     if (tries >= kBusyTries)
         return 0;
-    std::this_thread::sleep_for(std::chrono::microseconds(std::min(200 * (tries + 1), 5000)));
+    std::this_thread::sleep_for(std::chrono::microseconds(std::min(50 * (tries + 1), 5000)));
     return 1;
 }
 
