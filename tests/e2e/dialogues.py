@@ -101,7 +101,7 @@ class Case(unittest.TestCase):
 
     def check_idle(self):
         self.assertEqual(self.service.queue(), [])
-        self.assertEqual(self.service.pending(GARDEN), {})
+        wait_for("the end of the pending files", lambda: not self.service.pending(GARDEN))  # after the commit
         self.assertEqual(list((self.service.dir / "tmp").iterdir()), [])
         self.assertEqual(list((self.service.dir / "queue/msg").iterdir()), [])
 
@@ -312,7 +312,7 @@ class TwoServices(Case):
         for number, service in enumerate(self.house.services):
             service.settle(60)
             self.assertTrue(service.pid())
-            self.assertEqual(service.pending(GARDEN), {})
+            wait_for("the end of the pending files", lambda service=service: not service.pending(GARDEN))
             self.assertEqual(len(service.queue("dlout")), 4 * self.each)
             self.assertEqual([text for level, text in service.log() if level == 1], [])
         want = [*MEMBERS, *(f"Immediate;{who}" for who in third), *(f"Immediate;new{n}-{i}@example.org" for n in range(2) for i in range(self.each))]

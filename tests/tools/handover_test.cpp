@@ -317,6 +317,7 @@ TEST_F(HandoverTest, AFaultOfTheMachineHoldsNothing)
     const std::atomic<bool> stop{false};
     Handover(settings, channel.get(), &stop).Run(true);  // has all files open, the sanitizer's too
     Put(Addresses(2, "late"));
+    Handover without(settings, channel.get(), &stop);
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     const int next = dup(0);
@@ -325,7 +326,7 @@ TEST_F(HandoverTest, AFaultOfTheMachineHoldsNothing)
     const rlimit none{static_cast<rlim_t>(next), usual.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     log.ExpectError("cannot be read now, next try in ");
-    Handover(settings, channel.get(), &stop).Run(true);
+    without.Run(true);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
     ASSERT_EQ(QueueItems("dlout").size(), 1U);
     EXPECT_EQ(QueueItems("dlout")[0].attempts, 0);
