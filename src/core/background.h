@@ -1,5 +1,5 @@
-// Going into the background: the fork, what the caller is told of it, and the terminal that is
-// left.
+// Going into the background: the fork, what the caller is told of it, and the terminal that it
+// leaves.
 //
 // The first process waits until the second has told it whether it may run at all, so that a second
 // start has an exit status; it does not wait for the directory or the queue, which the log tells

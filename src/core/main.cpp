@@ -12,6 +12,7 @@
 #include "platform/archive/archive.h"
 #include "platform/config/config.h"
 #include "platform/log/log.h"
+#include "platform/process/process.h"
 
 namespace
 {
@@ -27,6 +28,7 @@ int main()
 {
     (void)mallopt(M_MMAP_THRESHOLD, kLargePiece);
     (void)mallopt(M_TRIM_THRESHOLD, kLargePiece);
+    dl::HoldStandardStreams();
     // In this order, so that they go the other way round at exit.
     (void)dl::ListCache();
     (void)dl::SharedArchive();

@@ -364,10 +364,22 @@ class Background(Case):
         wait_for("the last line", lambda: self.service.log()[-1][1] == "Terminating")
         self.assertFalse((self.service.dir / "run/dl.pid").exists())
         shutil.rmtree(self.service.dir / "run")
+        self.check_closed_streams()
+        shutil.rmtree(self.service.dir / "run")
         (self.service.dir / "run").write_text("no folder")
         done = self.begin()
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stderr.decode(), "^dlmanager: cannot write .*/run/dl.pid: Not a directory\n$")
+
+    def check_closed_streams(self):
+        """No file that the service opens gets the number of a stream that its caller has closed."""
+        lines = len(self.service.log())
+        done = subprocess.run(["/bin/sh", "-c", f"exec {self.service.bin}/dlmanager <&- >&- 2>&-"], env=self.service.env, timeout=60, check=False)
+        self.assertEqual(done.returncode, 0)
+        pid = self.service.pid()
+        self.service.stop()
+        self.service.wait_for_end(pid)
+        wait_for("its log", lambda: self.service.log()[lines:][-1:] == [(6, "Terminating")])
 
 
 class BigAndFull(Case):

@@ -1,5 +1,7 @@
 // dlctl queue: what is held goes back where it was, and nowhere by accident.
 
+#include <cstdlib>
+
 #include <gtest/gtest.h>
 
 #include "platform/log/format.h"
@@ -72,6 +74,19 @@ TEST_F(QueueCommands, WhatIsHeldGoesBackWhereItWas)
         EXPECT_EQ(Channels(id), row.after);
     }
     EXPECT_EQ(Queue(0x123, {"release"}), 2) << output;
+}
+
+TEST_F(QueueCommands, ClosedStreamsAreNoFilesOfTheQueue)
+{
+    const unsigned long id = PutEntry("x", "dl", "a@b.org", {"c@example.org"});
+    const std::string before = ReadFile(Path("queue/next.id"));
+    setenv("DLMANAGER_CONF", Path("conf").c_str(), 1);
+    const std::string dlctl = std::string(DL_BINARY) + "/bin/dlctl";
+    (void)RunProgram({"/bin/sh", "-c", dlctl + " queue list <&- >&- 2>&-"});
+    unsetenv("DLMANAGER_CONF");
+    EXPECT_EQ(ReadFile(Path("queue/next.id")), before);
+    EXPECT_EQ(ReadFile(Path("queue/entries.lock")), "");
+    EXPECT_EQ(Channels(id), "dl");
 }
 
 TEST_F(QueueCommands, AnEntryOfTwoChannelsIsHeldAndReleasedWhole)

@@ -47,30 +47,24 @@ def directory(it):
         chain.directory.start()
 
 
-def full(it):
-    disk = it.chain.disk
+def use_up(it, name, fill):
     while it.pause(0.3, 1.0):
         began = time.time()
         with it.chain.on_disk():
-            disk.fill()
-        it.counts["full disks"] += 1
+            fill()
+        it.counts[name] += 1
         it.pause(0.8, 2.0)
         with it.chain.on_disk():
-            disk.free()
+            it.chain.disk.free()
         it.chain.full.append((began, time.time()))
+
+
+def full(it):
+    use_up(it, "full disks", it.chain.disk.fill)
 
 
 def inodes(it):
-    disk = it.chain.disk
-    while it.pause(0.3, 1.0):
-        began = time.time()
-        with it.chain.on_disk():
-            disk.fill_inodes()
-        it.counts["disks without inodes"] += 1
-        it.pause(0.8, 2.0)
-        with it.chain.on_disk():
-            disk.free()
-        it.chain.full.append((began, time.time()))
+    use_up(it, "disks without inodes", it.chain.disk.fill_inodes)
 
 
 def backlog(it):

@@ -4,6 +4,8 @@ import socket
 import threading
 import time
 
+from listener import Listener
+
 ANSWERS = {0x60: 0x61, 0x63: 0x65, 0x66: 0x67, 0x68: 0x69, 0x4A: 0x6B}  # bind, search, modify, add, delete
 SEARCH, ENTRY, SEARCH_DONE = 0x63, 0x64, 0x65
 CODES = {"timeLimit": 3, "adminLimit": 11, "busy": 51, "unavailable": 52, "other": 80}
@@ -32,29 +34,10 @@ def answer(number, tag, code):
     return bytes([0x30, len(number) + len(result)]) + number + result
 
 
-class Proxy:
+class Proxy(Listener):
     def __init__(self, port, chance):
-        self.server, self.chance, self.fault, self.open = port, chance, "none", True
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self.listener.getsockname()[1]
-        threading.Thread(target=self.listen, daemon=True).start()
-
-    def listen(self):
-        while self.open:
-            if self.fault == "refuse" and self.listener:
-                self.listener.close()
-                self.listener = None
-            elif self.fault != "refuse" and not self.listener:
-                self.listener = socket.create_server(("127.0.0.1", self.port))
-            if not self.listener:
-                time.sleep(0.02)
-                continue
-            self.listener.settimeout(0.05)
-            try:
-                client = self.listener.accept()[0]
-            except OSError:
-                continue
-            threading.Thread(target=self.connect, args=(client,), daemon=True).start()
+        self.server, self.chance = port, chance
+        super().__init__(self.connect)
 
     def connect(self, client):
         client.settimeout(60)

@@ -3,9 +3,10 @@ import hashlib
 import json
 import random
 import re
-import socket
 import threading
 import time
+
+from listener import Listener
 
 ENTRY = re.compile(rb"\AReceived: from DL manager by [^;]*? id (\w+);", re.S)
 KEY = re.compile(rb"^X-Ledger: (\S+)\r$", re.M)
@@ -146,32 +147,13 @@ class Session:
                 self.say("503 5.5.1 not now")
 
 
-class Relay:
+class Relay(Listener):
     """fault: none, refuse, die, tempfail, hang or slow. `heard` is called with each Taken, on the connection's thread."""
 
     def __init__(self, ledger, chance):
-        self.ledger, self.chance, self.fault = open(ledger, "w", encoding="utf-8"), chance, "none"
-        self.taken, self.lock, self.heard, self.open = [], threading.Lock(), lambda taken: None, True
-        self.listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self.listener.getsockname()[1]
-        threading.Thread(target=self.listen, daemon=True).start()
-
-    def listen(self):
-        while self.open:
-            if self.fault == "refuse" and self.listener:
-                self.listener.close()
-                self.listener = None
-            elif self.fault != "refuse" and not self.listener:
-                self.listener = socket.create_server(("127.0.0.1", self.port))
-            if not self.listener:
-                time.sleep(0.02)
-                continue
-            self.listener.settimeout(0.05)
-            try:
-                connection = self.listener.accept()[0]
-            except OSError:
-                continue
-            threading.Thread(target=self.serve, args=(connection,), daemon=True).start()
+        self.ledger, self.chance = open(ledger, "w", encoding="utf-8"), chance
+        self.taken, self.lock, self.heard = [], threading.Lock(), lambda taken: None
+        super().__init__(self.serve)
 
     def serve(self, connection):
         with connection:

@@ -98,7 +98,7 @@ class CDlArchive
                                 std::vector<ArchiveFiling>* filings);
     // Brings the pages of `list` up to date: reads what has been recorded and writes the pages that
     // show it, no others. A list without archive folder has no pages, which is no failure. A
-    // posting that cannot be read is left out, one whose parts cannot all be read is shown without
+    // posting that cannot be read is skipped, one whose parts cannot all be read is shown without
     // those, with a level 1 line; both are tried again by another version of the program. Faults of
     // the machine are thrown and concern no posting. Minutes for a first run over very many
     // postings.

@@ -168,6 +168,13 @@ void RemoveProcessInfo(const char* name)
     claimed_name[0] = '\0';
 }
 
+void HoldStandardStreams()
+{
+    for (int stream = 0; stream <= 2; ++stream)
+        if (fcntl(stream, F_GETFD) < 0)
+            (void)open("/dev/null", O_WRONLY);  // it gets the lowest free number, which is this
+}
+
 long RunningProcess(const char* name)
 {
     if (Claimed(name))

@@ -37,6 +37,11 @@ int WriteProcessStatus(const char* name, const char* status);
 // are ignored from then on: a process that ends in good order is not ended twice.
 void RemoveProcessInfo(const char* name);
 
+// Opens /dev/null for each standard stream that the caller has closed, so that no other file gets
+// its number: a queue file would be written into by whoever prints. Before anything is opened;
+// reading such a standard input fails.
+void HoldStandardStreams();
+
 // Sends `state` to systemd as it stands ("READY=1", "STOPPING=1") when NOTIFY_SOCKET is set.
 void NotifyServiceManager(const char* state);
 

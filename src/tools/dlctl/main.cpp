@@ -9,6 +9,7 @@
 #include "platform/config/config.h"
 #include "platform/config/data_path.h"
 #include "platform/log/log.h"
+#include "platform/process/process.h"
 #include "platform/process/user.h"
 #include "tools/dlctl/commands.h"
 #include "tools/dlctl/progress.h"
@@ -88,6 +89,7 @@ int Run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    dl::HoldStandardStreams();
     try {
         return Run(argc, argv);
     } catch (const std::exception& problem) {

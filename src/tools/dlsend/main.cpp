@@ -92,6 +92,7 @@ int main(int argc, char** argv)
                                       {"help", no_argument, nullptr, 'h'},
                                       {"version", no_argument, nullptr, 'v'},
                                       {nullptr, 0, nullptr, 0}};
+    dl::HoldStandardStreams();
     bool once = false;
     for (int c = 0; (c = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
         switch (c) {

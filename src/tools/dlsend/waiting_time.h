@@ -4,7 +4,7 @@
 // is called every now and then; entries that came before a jump that it has seen are younger by
 // that much. A jump back takes earlier jumps forward away again. The text of it, which Restore
 // takes after a new start, tells of jumps that came while nobody looked, unless the host was
-// started anew meanwhile. Not locked.
+// started again meanwhile. Not locked.
 #pragma once
 
 #include <cstdint>

@@ -1,7 +1,6 @@
 // dlsubmit: what a mail transfer agent's pipe transport calls to put a message into the queue, and
 // the server to which its LMTP transport connects.
 
-#include <fcntl.h>
 #include <getopt.h>
 #include <sysexits.h>
 
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/process/process.h"
 #include "tools/dlsubmit/lmtp_intake.h"
 #include "tools/dlsubmit/submit_message.h"
 
@@ -26,15 +26,6 @@ constexpr char kUsage[] =
     "  --lmtp WHERE    serve LMTP until SIGTERM; ADDRESS:PORT or the path of a local socket\n"
     "Exit status: 0 stored, 64 wrong usage, 65 an address cannot be used, 75 try again.\n";
 
-// What a caller has not opened must not become a file of the queue: as the message it would be read
-// as empty, and a log line would be written into it. Reading this one fails.
-void HoldStandardFiles()
-{
-    for (int fd = 0; fd <= 2; ++fd)
-        if (fcntl(fd, F_GETFD) < 0)
-            (void)open("/dev/null", O_WRONLY);  // it gets the lowest free number, which is this
-}
-
 int WrongUsage()
 {
     std::fputs(kUsage, stderr);
@@ -50,7 +41,7 @@ int main(int argc, char** argv)
                                       {"help", no_argument, nullptr, 'h'},
                                       {"version", no_argument, nullptr, 'v'},
                                       {nullptr, 0, nullptr, 0}};
-    HoldStandardFiles();
+    dl::HoldStandardStreams();
     // A limit on the size of files, as mail servers set for the commands that they call, is a write
     // error and so "try again", not the end by a signal, which they take for a refusal.
     (void)std::signal(SIGXFSZ, SIG_IGN);
